@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QReadWriteLock>
+
+#include <cstdint>
+
+namespace Bastion
+{
+  /// Gives unsigned 32-bit numbers (symbols) to names (attribute paths, event names) and back.
+  ///
+  /// Symbol 0 never names anything. A new symbol is 1 + the highest symbol ever defined, so the
+  /// numbers a peer binds with `define` never collide with those made here later. The empty name
+  /// is a valid name.
+  ///
+  /// Thread-safe: every call takes `lock()` itself, for reading in the lookups and for writing in
+  /// `lookupOrDefine`/`define`. The lock is recursive, so a caller may hold the read lock across
+  /// several lookups; while holding it for reading, call only the lookups (`lookupOrDefine` and
+  /// `define` would wait for a write lock that cannot come).
+  class SymbolRegistry
+  {
+  public:
+    SymbolRegistry();
+    ~SymbolRegistry();
+    SymbolRegistry(const SymbolRegistry&) = delete;
+    SymbolRegistry& operator=(const SymbolRegistry&) = delete;
+
+    /// The symbol of `name`, defining a new one when the name is unknown.
+    uint32_t lookupOrDefine(const QByteArray& name);
+    /// The symbol of `name`, or 0 when unknown.
+    uint32_t lookup(const QByteArray& name) const;
+    /// The name of `symbol`; false when unknown (never for a known empty name).
+    bool lookup(uint32_t symbol, QByteArray& name) const;
+    /// Binds `name` and `symbol` to each other, replacing any earlier binding of either: the
+    /// name's old symbol and the symbol's old name no longer resolve. Symbol 0 is refused (warning
+    /// logged, nothing changed).
+    void define(const QByteArray& name, uint32_t symbol);
+
+    /// Number of bound names.
+    int count() const;
+
+    /// The registry's recursive lock; see the class comment.
+    QReadWriteLock& lock() const { return m_lock; }
+
+  private:
+    uint32_t nextFreeSymbol() const;
+
+    mutable QReadWriteLock m_lock{QReadWriteLock::Recursive};
+    // Guarded by m_lock.
+    QHash<QByteArray, uint32_t> m_byName;
+    QHash<uint32_t, QByteArray> m_bySymbol;
+    uint32_t m_highest = 0;
+  };
+}
