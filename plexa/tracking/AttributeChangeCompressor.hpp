@@ -1,0 +1,74 @@
+#pragma once
+
+#include "plexa/tracking/NodeWatcher.hpp"
+
+#include <cstdint>
+#include <vector>
+
+namespace Plexa
+{
+  /// One reduced change.
+  struct ChangeData
+  {
+    NodeWatcher::EventType type;
+    uint32_t symbol;
+    /// Meaningful on AttributeAdded only: the attribute also changed later in the same batch, so
+    /// the addition must carry the current value.
+    bool changedSinceAdded;
+
+    bool operator==(const ChangeData& o) const
+    {
+      return type == o.type && symbol == o.symbol && changedSinceAdded == o.changedSinceAdded;
+    }
+  };
+
+  /// Reduces a batch of watcher events to the smallest list of changes that brings the peer to
+  /// the same state:
+  ///
+  ///   Changed, ..., Changed        one Changed, at the position of the last one
+  ///   Added, Changed...            one Added (changedSinceAdded), at the Added's position
+  ///   Added, ..., Removed          nothing
+  ///   Changed, Removed             one Removed
+  ///   Removed, Added               both, in that order
+  ///   Removed, Added, Removed      the first Removed
+  ///   Added, Removed, Added        the last Added
+  ///   Changed, Added               both (the change before an addition is kept)
+  ///
+  /// Kept records stay in the order of the input events that produced them; node events pass
+  /// through in place. Linear in the batch size. Not thread-safe: one compressor per sender; the
+  /// scratch buffers are reused between calls to avoid allocations.
+  class AttributeChangeCompressor
+  {
+  public:
+    /// Clears `out` and fills it with the reduced changes of `events`.
+    void compress(const std::vector<NodeWatcher::Event>& events, std::vector<ChangeData>& out);
+
+  private:
+    struct SymbolState
+    {
+      uint32_t symbol;
+      /// Index of the first AttributeAdded of the symbol in the batch, or -1.
+      int64_t firstAdded;
+      /// A later change or removal has already been kept.
+      bool superseded;
+      /// Removed later in the batch.
+      bool removed;
+      /// An addition was emitted by the forward pass.
+      bool added;
+    };
+
+    uint32_t slotFor(uint32_t symbol);
+    void resetIndex(size_t expectedSymbols);
+
+    /// Kept records of the backward pass, in reverse order.
+    std::vector<ChangeData> m_scratch;
+    /// The state slot of each record in m_scratch (node events: unused).
+    std::vector<uint32_t> m_scratchSlots;
+    /// The state slot of each input event.
+    std::vector<uint32_t> m_eventSlots;
+    std::vector<SymbolState> m_states;
+    /// Open-addressing index from symbol to slot + 1 (0 = empty); size is a power of two.
+    std::vector<uint32_t> m_index;
+    std::vector<uint32_t> m_indexKeys;
+  };
+}
