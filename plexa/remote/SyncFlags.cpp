@@ -1,0 +1,26 @@
+#include "plexa/remote/SyncFlags.hpp"
+
+namespace Plexa
+{
+  SyncFlags::Flag SyncFlags::getFlags(uint32_t symbol) const
+  {
+    QReadLocker lock(&m_lock);
+    auto it = m_flags.find(symbol);
+    return it == m_flags.end() ? Default : it->second;
+  }
+
+  void SyncFlags::setFlags(uint32_t symbol, Flag flag)
+  {
+    QWriteLocker lock(&m_lock);
+    if (flag == Default)
+      m_flags.erase(symbol);
+    else
+      m_flags[symbol] = flag;
+  }
+
+  void SyncFlags::clear()
+  {
+    QWriteLocker lock(&m_lock);
+    m_flags.clear();
+  }
+}

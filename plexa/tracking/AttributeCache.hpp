@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QReadWriteLock>
+
+#include <cstdint>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace Carafe
+{
+  class Attribute;
+}
+
+namespace Plexa
+{
+  /// Turns symbols back into live attributes of the local tree: one per remote node, filled and
+  /// emptied by the node watcher, read by the sender and the receivers.
+  ///
+  /// The attributes are borrowed, never owned; the watcher removes a symbol when its attribute
+  /// leaves the tree. One symbol maps to at most one attribute. Thread-safe: every operation
+  /// takes the cache's reader-writer lock itself and never calls out while holding it.
+  class AttributeCache
+  {
+  public:
+    /// True if the pair is now present (new, or already there with the same attribute); false,
+    /// with an error logged and nothing changed, if the symbol belongs to another attribute.
+    bool add(uint32_t symbol, Carafe::Attribute* attribute);
+    /// True if the symbol was present and is now gone (node mark included); false, with an
+    /// error logged, if it was missing.
+    bool remove(uint32_t symbol);
+    /// The attribute of `symbol`, or null.
+    Carafe::Attribute* find(uint32_t symbol) const;
+    bool isNode(uint32_t symbol) const;
+    void setIsNode(uint32_t symbol, bool isNode);
+
+  private:
+    mutable QReadWriteLock m_lock;
+    // Guarded by m_lock.
+    std::unordered_set<uint32_t> m_nodeSymbols;
+    std::unordered_map<uint32_t, Carafe::Attribute*> m_bySymbol;
+    std::unordered_map<Carafe::Attribute*, uint32_t> m_byAttribute;
+  };
+}
