@@ -18,6 +18,33 @@ namespace Bastion
     uint64_t loadU64(const char* p) { return qFromLittleEndian<quint64>(p); }
     void storeU32(char* p, uint32_t v) { qToLittleEndian<quint32>(v, p); }
     void storeU64(char* p, uint64_t v) { qToLittleEndian<quint64>(v, p); }
+
+    /// Bytes of the complete item at `pos`, or -1 for an unknown tag or an item cut off by the end.
+    int64_t itemLength(const char* data, int64_t size, int64_t pos)
+    {
+      if (pos < 0 || pos + 4 > size)
+        return -1;
+      int64_t length = -1;
+      switch (loadU32(data + pos)) {
+      case BinaryData::Int32Item:
+      case BinaryData::FloatItem:
+        length = 8;
+        break;
+      case BinaryData::Int64Item:
+      case BinaryData::DoubleItem:
+        length = 12;
+        break;
+      case BinaryData::StringItem:
+      case BinaryData::BlobItem:
+        if (pos + 8 > size)
+          return -1;
+        length = 8 + padded(loadU32(data + pos + 4));
+        break;
+      default:
+        return -1;
+      }
+      return pos + length <= size ? length : -1;
+    }
   }
 
   BinaryData::BinaryData() = default;
@@ -195,6 +222,17 @@ namespace Bastion
       return false;
     if (loadU32(data() + itemOffset) != Int32Item)
       return false;
+    // Walk the items up to the offset: a value or count that happens to equal the int32 tag must
+    // not be taken for an item. Patches are rare (one per map block), so the walk is cheap enough.
+    int64_t pos = 0;
+    while (pos < itemOffset) {
+      const int64_t length = itemLength(data(), size(), pos);
+      if (length < 0)
+        return false;
+      pos += length;
+    }
+    if (pos != itemOffset)
+      return false;
     detach();
     storeU32(m_bytes.data() + itemOffset + 4, uint32_t(v));
     return true;
@@ -209,7 +247,8 @@ namespace Bastion
 
   bool BinaryData::readFixed(uint32_t tag, void* value, int valueSize)
   {
-    if (nextItemType() != tag || int64_t(m_pos) + 4 + valueSize > size())
+    // itemLength checks the bounds: the tag fixes the length of fixed-size items.
+    if (nextItemType() != tag || itemLength(data(), size(), m_pos) < 0)
       return false;
     const char* p = data() + m_pos + 4;
     if (valueSize == 4) {
@@ -225,15 +264,14 @@ namespace Bastion
 
   bool BinaryData::readCounted(uint32_t tag, const char*& bytes, int& count)
   {
-    if (nextItemType() != tag || int64_t(m_pos) + 8 > size())
+    if (nextItemType() != tag)
       return false;
-    const int64_t n = loadU32(data() + m_pos + 4);
-    const int64_t end = int64_t(m_pos) + 8 + padded(n);
-    if (end > size())
+    const int64_t length = itemLength(data(), size(), m_pos);
+    if (length < 0)
       return false;
     bytes = data() + m_pos + 8;
-    count = int(n);
-    m_pos = int(end);
+    count = int(loadU32(data() + m_pos + 4));
+    m_pos += int(length);
     return true;
   }
 

@@ -60,7 +60,8 @@ namespace Bastion
     int writeBlob(const QByteArray& bytes);
 
     /// Rewrites the value of the int32 item that starts at `itemOffset`. False (nothing
-    /// changed) when no int32 item starts there.
+    /// changed) when no int32 item starts there. Walks the items before the offset to be sure
+    /// it is an item boundary, so it costs time linear in the number of those items.
     bool patchInt32(int itemOffset, int32_t v);
 
     /// Accepts an int32 item, or an int64 item narrowed to its low 32 bits.
