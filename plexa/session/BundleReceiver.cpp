@@ -1,0 +1,6 @@
+#include "plexa/session/BundleReceiver.hpp"
+
+namespace Plexa
+{
+  BundleReceiver::~BundleReceiver() = default;
+}
