@@ -1,0 +1,204 @@
+#include "carafe/Attribute.hpp"
+
+#include "carafe/AttributeAlias.hpp"
+#include "carafe/ListenerHolder.hpp"
+#include "carafe/Node.hpp"
+
+#include "bastion/Log.hpp"
+
+#include <algorithm>
+#include <atomic>
+
+namespace Carafe
+{
+  namespace
+  {
+    std::atomic<long> s_nextListenerId{0};
+
+    /// Walks `table` calling every listener not removed meanwhile. Holds a reference for the walk,
+    /// so that listeners may change the table or delete its attribute: the walk never touches the
+    /// attribute itself.
+    void callAll(detail::ListenerTable* table)
+    {
+      ++table->refs;
+      struct Release
+      {
+        detail::ListenerTable* t;
+        ~Release()
+        {
+          if (--t->refs == 0)
+            delete t;
+        }
+      } release{table};
+      const size_t n = table->entries.size();
+      for (size_t i = 0; i < n; ++i) {
+        detail::Listener& l = table->entries[i];
+        if (!l.removed)
+          l.callback();
+      }
+    }
+
+    /// A private copy of `table` that the caller may edit: the table itself when nobody else holds
+    /// it, else a copy without the removed entries (the old table goes on for the walks holding it).
+    detail::ListenerTable* editable(detail::ListenerTable* table)
+    {
+      if (table->refs == 1)
+        return table;
+      auto* copy = new detail::ListenerTable;
+      copy->entries.reserve(table->entries.size() + 1);
+      for (const detail::Listener& l : table->entries)
+        if (!l.removed)
+          copy->entries.push_back(l);
+      --table->refs;
+      return copy;
+    }
+  }
+
+  long detail::nextListenerId()
+  {
+    return s_nextListenerId.fetch_add(1, std::memory_order_relaxed);
+  }
+
+  Attribute::Attribute() = default;
+
+  Attribute::~Attribute()
+  {
+    beginDestruction();
+    releaseTable(m_deletedTable);
+    releaseTable(m_changedTable);
+  }
+
+  void Attribute::releaseTable(detail::ListenerTable* table)
+  {
+    if (!table)
+      return;
+    // A walk still holding the table must not call into a deleted object.
+    for (detail::Listener& l : table->entries)
+      l.removed = true;
+    if (--table->refs == 0)
+      delete table;
+  }
+
+  detail::ListenerTable*& Attribute::tableFor(int role)
+  {
+    return role == RoleDeleted ? m_deletedTable : m_changedTable;
+  }
+
+  long Attribute::addListener(std::function<void()> callback, int role)
+  {
+    if (role != RoleDeleted && role != RoleChanged) {
+      Bastion::error("Carafe: listener role %d does not exist", role);
+      return -1;
+    }
+    if (!callback) {
+      Bastion::error("Carafe: empty listener for \"%s\" ignored", m_name.constData());
+      return -1;
+    }
+    detail::ListenerTable*& table = tableFor(role);
+    table = table ? editable(table) : new detail::ListenerTable;
+    const long id = detail::nextListenerId();
+    table->entries.push_back(detail::Listener{id, std::move(callback), false});
+    return id;
+  }
+
+  bool Attribute::removeListener(long id)
+  {
+    for (int role : {RoleDeleted, RoleChanged}) {
+      detail::ListenerTable*& table = tableFor(role);
+      if (!table)
+        continue;
+      auto it = std::find_if(table->entries.begin(), table->entries.end(),
+                             [id](const detail::Listener& l) { return l.id == id && !l.removed; });
+      if (it == table->entries.end())
+        continue;
+      if (table->refs == 1) {
+        table->entries.erase(it);
+      } else {
+        // A walk holds this table: it must skip the listener from now on.
+        it->removed = true;
+        table = editable(table);
+      }
+      if (table->entries.empty()) {
+        delete table;
+        table = nullptr;
+      }
+      return true;
+    }
+    return false;
+  }
+
+  int Attribute::listenerCount(int role) const
+  {
+    const detail::ListenerTable* table = role == RoleDeleted ? m_deletedTable : m_changedTable;
+    if (!table)
+      return 0;
+    return int(std::count_if(table->entries.begin(), table->entries.end(),
+                             [](const detail::Listener& l) { return !l.removed; }));
+  }
+
+  void Attribute::setAsDefaults() {}
+
+  QString Attribute::asText() const
+  {
+    return QString();
+  }
+
+  void Attribute::fireChangedSlow(detail::ListenerTable* table)
+  {
+    callAll(table);
+  }
+
+  void Attribute::beginDestruction()
+  {
+    if (m_destroying)
+      return;
+    m_destroying = true;
+
+    if (detail::ListenerTable* table = m_deletedTable) {
+      m_deletedTable = nullptr;
+      callAll(table);
+      releaseTable(table);
+    }
+    if (m_host)
+      m_host->detachChild(this);
+    // Called from the most derived destructor, so the cast still sees a node.
+    if (Node* node = dynamic_cast<Node*>(this))
+      node->closeIncomingLinks();
+    // Each entry is dropped before it is told, so an alias or holder deleted by a listener of
+    // an earlier one unregisters cleanly.
+    while (!m_aliases.empty()) {
+      AttributeAlias* alias = m_aliases.back();
+      m_aliases.pop_back();
+      alias->targetDeleted(this);
+    }
+    while (!m_holders.empty()) {
+      ListenerHolder* holder = m_holders.back();
+      m_holders.pop_back();
+      holder->objectDeleted(this);
+    }
+  }
+
+  void Attribute::addAlias(AttributeAlias* alias)
+  {
+    m_aliases.push_back(alias);
+  }
+
+  void Attribute::removeAlias(AttributeAlias* alias)
+  {
+    auto it = std::find(m_aliases.begin(), m_aliases.end(), alias);
+    if (it != m_aliases.end())
+      m_aliases.erase(it);
+  }
+
+  void Attribute::addHolder(ListenerHolder* holder)
+  {
+    m_holders.push_back(holder);
+  }
+
+  void Attribute::removeHolder(ListenerHolder* holder)
+  {
+    auto it = std::find(m_holders.begin(), m_holders.end(), holder);
+    if (it != m_holders.end())
+      m_holders.erase(it);
+  }
+}

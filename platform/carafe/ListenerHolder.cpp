@@ -1,0 +1,81 @@
+#include "carafe/ListenerHolder.hpp"
+
+#include "carafe/Node.hpp"
+
+namespace Carafe
+{
+  ListenerHolder::~ListenerHolder()
+  {
+    clear();
+  }
+
+  ListenerHolder::Entry& ListenerHolder::entryFor(Attribute* object)
+  {
+    auto it = m_entries.find(object);
+    if (it != m_entries.end())
+      return it->second;
+    object->addHolder(this);
+    return m_entries[object];
+  }
+
+  long ListenerHolder::add(Attribute* attribute, std::function<void()> callback, int role)
+  {
+    if (!attribute || attribute->isBeingDestroyed())
+      return -1;
+    const long id = attribute->addListener(std::move(callback), role);
+    if (id >= 0)
+      entryFor(attribute).valueIds.push_back(id);
+    return id;
+  }
+
+  long ListenerHolder::addBd(Node* node, const QByteArray& event,
+                             std::function<void(Bastion::BinaryData&)> callback, int type)
+  {
+    if (!node || node->isBeingDestroyed())
+      return -1;
+    const long id = node->eventAddListener(event, std::move(callback), type);
+    if (id >= 0)
+      entryFor(node).eventIds.push_back(id);
+    return id;
+  }
+
+  void ListenerHolder::removeListeners(Attribute* attribute)
+  {
+    auto it = m_entries.find(attribute);
+    if (it == m_entries.end())
+      return;
+    const Entry entry = std::move(it->second);
+    m_entries.erase(it);
+    attribute->removeHolder(this);
+    removeAll(attribute, entry);
+  }
+
+  void ListenerHolder::clear()
+  {
+    while (!m_entries.empty()) {
+      auto it = m_entries.begin();
+      Attribute* object = it->first;
+      const Entry entry = std::move(it->second);
+      m_entries.erase(it);
+      object->removeHolder(this);
+      removeAll(object, entry);
+    }
+  }
+
+  void ListenerHolder::removeAll(Attribute* object, const Entry& entry)
+  {
+    for (long id : entry.valueIds)
+      object->removeListener(id);
+    if (!entry.eventIds.empty()) {
+      // Event listeners were only ever added through addBd, on a node.
+      Node* node = static_cast<Node*>(object);
+      for (long id : entry.eventIds)
+        node->eventRemoveListener(id);
+    }
+  }
+
+  void ListenerHolder::objectDeleted(Attribute* object)
+  {
+    m_entries.erase(object);
+  }
+}

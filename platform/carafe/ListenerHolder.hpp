@@ -1,0 +1,60 @@
+#pragma once
+
+#include "carafe/Attribute.hpp"
+
+#include <functional>
+#include <unordered_map>
+#include <vector>
+
+namespace Bastion
+{
+  class BinaryData;
+}
+
+namespace Carafe
+{
+  class Node;
+
+  /// Remembers the listeners it adds, per object, so that all listeners put on one object can be
+  /// removed in one call and all of them go when the holder is destroyed. An object deleted
+  /// meanwhile is forgotten at its deletion (its listeners go with it) and never touched again.
+  /// Same thread rule as `Attribute`: use a holder on the thread that owns the tree.
+  class ListenerHolder
+  {
+  public:
+    ListenerHolder() = default;
+    ~ListenerHolder();
+
+    ListenerHolder(const ListenerHolder&) = delete;
+    ListenerHolder& operator=(const ListenerHolder&) = delete;
+
+    /// `attribute->addListener(callback, role)`, remembered. -1 (nothing remembered) when the
+    /// listener is refused or the object is null or being deleted.
+    long add(Attribute* attribute, std::function<void()> callback, int role);
+    /// `node->eventAddListener(event, callback, type)`, remembered.
+    long addBd(Node* node, const QByteArray& event, std::function<void(Bastion::BinaryData&)> callback,
+               int type);
+    /// Removes every listener this holder put on `attribute`, value and event listeners.
+    void removeListeners(Attribute* attribute);
+    /// Removes every listener this holder put anywhere.
+    void clear();
+    /// Number of objects currently holding listeners of this holder.
+    int objectCount() const { return int(m_entries.size()); }
+
+  private:
+    friend class Attribute;
+
+    struct Entry
+    {
+      std::vector<long> valueIds;
+      std::vector<long> eventIds;
+    };
+
+    Entry& entryFor(Attribute* object);
+    /// Called by an object being deleted, after it dropped this holder from its list.
+    void objectDeleted(Attribute* object);
+    static void removeAll(Attribute* object, const Entry& entry);
+
+    std::unordered_map<Attribute*, Entry> m_entries;
+  };
+}
