@@ -24,6 +24,10 @@ namespace Bastion
   {
     using Clock = std::chrono::steady_clock;
 
+    /// Largest single send: a big write advances the sent-byte counter as it goes instead of only
+    /// at its end.
+    constexpr int SendChunkSize = 256 * 1024;
+
     /// Receive buffer size; reads at least this large go straight into the caller's buffer.
     constexpr int ReceiveBufferSize = 64 * 1024;
 
@@ -288,7 +292,7 @@ namespace Bastion
     const int flags = MSG_NOSIGNAL | (timeoutMs > 0 ? MSG_DONTWAIT : 0);
     int done = 0;
     while (done < size) {
-      ssize_t n = ::send(*fd, in + done, size_t(size - done), flags);
+      ssize_t n = ::send(*fd, in + done, size_t(std::min(size - done, SendChunkSize)), flags);
       if (n > 0) {
         done += int(n);
         m_txBytes.fetch_add(uint64_t(n), std::memory_order_relaxed);

@@ -29,22 +29,6 @@ namespace Bastion
     std::thread thread BASTION_GUARDED_BY(mutex);
   };
 
-  namespace
-  {
-    void body(Thread* self, void (*loop)(Thread*), const QByteArray& name)
-    {
-      // The OS keeps at most 15 bytes of a thread name.
-      pthread_setname_np(pthread_self(), name.left(15).constData());
-      try {
-        loop(self);
-      } catch (const std::exception& e) {
-        error("Thread %s # uncaught exception: %s", name.constData(), e.what());
-      } catch (...) {
-        error("Thread %s # uncaught exception: %s", name.constData(), "unknown exception");
-      }
-    }
-  }
-
   Thread::Thread(const char* name)
     : m_d(std::make_shared<D>(name))
   {
@@ -80,7 +64,16 @@ namespace Bastion
     try {
       std::shared_ptr<D> d = m_d;
       m_d->thread = std::thread([this, d] {
-        body(this, [](Thread* t) { t->childLoop(); }, d->name);
+        // The OS keeps at most 15 bytes of a thread name.
+        pthread_setname_np(pthread_self(), d->name.left(15).constData());
+        try {
+          childLoop();
+        } catch (const std::exception& e) {
+          error("Thread %s # uncaught exception: %s", d->name.constData(), e.what());
+        } catch (...) {
+          error("Thread %s # uncaught exception: %s", d->name.constData(), "unknown exception");
+        }
+        // Only the shared state from here on: the object may already be gone.
         Guard g(d->mutex);
         d->running = false;
         d->ended.wakeAll();
