@@ -1,0 +1,262 @@
+#include "plexa/files/ServerBase.hpp"
+
+#include "bastion/BGThread.hpp"
+#include "bastion/BinaryData.hpp"
+#include "bastion/FunctionTask.hpp"
+#include "bastion/Guard.hpp"
+#include "bastion/Log.hpp"
+#include "bastion/PlatformUtils.hpp"
+#include "bastion/TCPSocket.hpp"
+#include "bastion/TimeStamp.hpp"
+#include "plexa/net/ConnectionThread.hpp"
+#include "plexa/net/NetFormat.hpp"
+
+#include <algorithm>
+#include <exception>
+
+namespace Plexa
+{
+  ServerBase::ServerBase() : Bastion::Thread("Bastion::Thread") {}
+
+  ServerBase::~ServerBase()
+  {
+    // The accept loop calls the factory of the object being destroyed: end it first.
+    stop(false);
+    if (!isCurrentThread())
+      waitEnd();
+    closeConnections();
+    std::vector<std::shared_ptr<Bastion::FunctionTask>> pending;
+    {
+      Bastion::Guard guard(m_instancesMutex);
+      pending.swap(m_pendingRemovals);
+    }
+    for (const auto& task : pending)
+      task->runNow();
+  }
+
+  void ServerBase::run(const QString& host, int port)
+  {
+    if (isRunning())
+      return;
+    m_running = true;
+    {
+      Bastion::Guard guard(m_configMutex);
+      m_host = host;
+      m_port = port;
+    }
+    Bastion::Thread::run();
+  }
+
+  void ServerBase::setAutoFirewallRules(bool enabled, const QString& ruleName)
+  {
+    Bastion::Guard guard(m_configMutex);
+    m_autoFirewallRules = enabled;
+    m_firewallRuleName = ruleName;
+  }
+
+  std::vector<std::shared_ptr<ConnectionThread>> ServerBase::instances() const
+  {
+    Bastion::Guard guard(m_instancesMutex);
+    return m_instances;
+  }
+
+  void ServerBase::stop(bool stopConnections)
+  {
+    m_running = false;
+    {
+      Bastion::Guard guard(m_waitMutex);
+      m_waitCondition.wakeAll();
+    }
+    close();
+    if (!stopConnections)
+      return;
+    Bastion::Guard guard(m_instancesMutex);
+    for (const auto& connection : m_instances)
+      connection->stop();
+  }
+
+  void ServerBase::closeConnections()
+  {
+    if (m_running)
+      return;
+    std::vector<std::shared_ptr<ConnectionThread>> taken;
+    {
+      Bastion::Guard guard(m_instancesMutex);
+      taken.swap(m_instances);
+    }
+    for (const auto& connection : taken)
+      connection->stop();
+    for (const auto& connection : taken)
+    {
+      connection->waitEnd();
+      forgetListeners(connection.get());
+    }
+  }
+
+  void ServerBase::removeInstance(std::shared_ptr<ConnectionThread> connection)
+  {
+    if (!connection)
+      return;
+    // The task finds itself in the pending list through this slot (it cannot own itself).
+    auto self = std::make_shared<Bastion::FunctionTask*>(nullptr);
+    auto task = std::make_shared<Bastion::FunctionTask>([this, connection, self]() {
+      connection->waitEnd();
+      {
+        Bastion::Guard guard(m_instancesMutex);
+        m_instances.erase(std::remove(m_instances.begin(), m_instances.end(), connection), m_instances.end());
+      }
+      forgetListeners(connection.get());
+      removedInstance(connection);
+      Bastion::Guard guard(m_instancesMutex);
+      m_retiring.erase(connection.get());
+      m_pendingRemovals.erase(std::remove_if(m_pendingRemovals.begin(), m_pendingRemovals.end(),
+                                             [&](const std::shared_ptr<Bastion::FunctionTask>& t) {
+                                               return t.get() == *self;
+                                             }),
+                              m_pendingRemovals.end());
+    });
+    *self = task.get();
+    Bastion::Guard guard(m_instancesMutex);
+    if (!m_retiring.insert(connection.get()).second)
+      return;
+    m_pendingRemovals.push_back(task);
+    Bastion::BGThread::instance().addTask(task);
+  }
+
+  void ServerBase::forgetListeners(ConnectionThread* connection)
+  {
+    Listeners listeners;
+    {
+      Bastion::Guard guard(m_instancesMutex);
+      auto it = m_listeners.find(connection);
+      if (it == m_listeners.end())
+        return;
+      listeners = it->second;
+      m_listeners.erase(it);
+    }
+    connection->eventRemoveListener(listeners.connected);
+    connection->eventRemoveListener(listeners.disconnected);
+  }
+
+  void ServerBase::removedInstance(std::shared_ptr<ConnectionThread>) {}
+  void ServerBase::connected(std::shared_ptr<ConnectionThread>) {}
+  void ServerBase::disconnected(std::shared_ptr<ConnectionThread>) {}
+
+  bool ServerBase::bind()
+  {
+    QByteArray host;
+    int port = 0;
+    bool firewall = false;
+    QString ruleName;
+    {
+      Bastion::Guard guard(m_configMutex);
+      host = m_host.toUtf8();
+      port = m_port;
+      firewall = m_autoFirewallRules;
+      ruleName = m_firewallRuleName;
+    }
+    if (firewall)
+      Bastion::PlatformUtils::openFirewallPortTCP(port, ruleName);
+    return open(host.constData(), port, NetFormat::AcceptBacklog) == 0;
+  }
+
+  void ServerBase::childLoop()
+  {
+    if (!m_running)
+      return;
+    while (!bind())
+    {
+      // A busy port is retried quietly until it frees up or the server is stopped.
+      const Bastion::TimeStamp start = Bastion::TimeStamp::getTime();
+      Bastion::Guard guard(m_waitMutex);
+      while (m_running)
+      {
+        const double left = NetFormat::BindRetrySecs - start.sinceSecondsD();
+        if (left <= 0)
+          break;
+        m_waitCondition.wait(m_waitMutex, int(left * 1000.0) + 1);
+      }
+      if (!m_running)
+        return;
+    }
+    {
+      Bastion::Guard guard(m_configMutex);
+      Bastion::info("Listening %s:%d", m_host.toUtf8().constData(), m_port);
+    }
+    Bastion::TimeStamp lastSweep = Bastion::TimeStamp::getTime();
+    while (m_running)
+    {
+      if (!isPendingConnection(NetFormat::AcceptPollUsec))
+      {
+        if (lastSweep.sinceSecondsD() > 1.0)
+        {
+          retireEnded();
+          lastSweep = Bastion::TimeStamp::getTime();
+        }
+        continue;
+      }
+      if (!m_running)
+        break;
+      Bastion::TCPSocket* socket = accept();
+      retireEnded();
+      if (socket)
+        accepted(socket);
+    }
+    // A stop that raced with the bind may have left the socket open.
+    close();
+  }
+
+  void ServerBase::accepted(Bastion::TCPSocket* socket)
+  {
+    std::shared_ptr<ConnectionThread> connection;
+    try
+    {
+      connection = createConnection(socket);
+    }
+    catch (const std::exception& e)
+    {
+      Bastion::error("ServerBase::childLoop # createConnection failed: %s", e.what());
+      return;
+    }
+    if (!connection)
+      return;
+    std::weak_ptr<ConnectionThread> weak = connection;
+    Listeners listeners;
+    listeners.connected = connection->eventAddListener(
+      "connected",
+      [this, weak](Bastion::BinaryData&) {
+        if (std::shared_ptr<ConnectionThread> alive = weak.lock())
+          connected(alive);
+      },
+      Carafe::Node::After);
+    listeners.disconnected = connection->eventAddListener(
+      "disconnected",
+      [this, weak](Bastion::BinaryData&) {
+        std::shared_ptr<ConnectionThread> alive = weak.lock();
+        if (alive)
+          disconnected(alive);
+        removeInstance(alive);
+      },
+      Carafe::Node::After);
+    // Started and listed under one hold: its retirement, which needs the mutex, cannot come first.
+    Bastion::Guard guard(m_instancesMutex);
+    m_listeners[connection.get()] = listeners;
+    connection->Bastion::Thread::run();
+    m_instances.push_back(connection);
+  }
+
+  void ServerBase::retireEnded()
+  {
+    std::vector<std::shared_ptr<ConnectionThread>> ended;
+    {
+      Bastion::Guard guard(m_instancesMutex);
+      for (const auto& connection : m_instances)
+      {
+        if (!connection->isRunning() && m_retiring.count(connection.get()) == 0)
+          ended.push_back(connection);
+      }
+    }
+    for (const auto& connection : ended)
+      removeInstance(connection);
+  }
+}

@@ -1,0 +1,82 @@
+#pragma once
+
+// Wire constants and limits of the connection transport: the text handshake, the keep-alive lines,
+// map blocks and the writer's chunking. The prose description of the format is in docs/protocol.md
+// (section "Connection transport").
+
+#include <cstdint>
+
+namespace Plexa
+{
+  namespace NetFormat
+  {
+    /// Port a client uses when the application names none.
+    constexpr int DefaultPort = 5000;
+
+    /// Version line both ends send during the handshake ("Orrery <major>.<minor>.<patch>").
+    constexpr const char* VersionLine = "Orrery 2.7.2";
+    /// What a peer's version line must match, whole: captures 1, 2, 3 = major, minor, patch,
+    /// capture 5 = the suffix after '-'.
+    constexpr const char* VersionPattern = "^Orrery (1|2)\\.(\\d+)\\.(\\d+)(-(.+))?$";
+    /// The only login name; an old peer sends it as its first line, without a version line.
+    constexpr const char* LoginName = "quill";
+    constexpr const char* HandshakeOk = "ok";
+    constexpr const char* HandshakeRefused = "Wrong username or password";
+    /// Raw random bytes the server sends after its version line; the answer is
+    /// MD5(challenge[0..31] + key + challenge[32..63]).
+    constexpr int ChallengeBytes = 64;
+    constexpr int ChallengeHalfBytes = ChallengeBytes / 2;
+    constexpr int AnswerBytes = 16;
+    /// Length of the built-in shared key.
+    constexpr int SharedKeyBytes = 10;
+
+    /// Keep-alive lines, matched whole and case-sensitively. The answer to a ping line is the same
+    /// line with its second character changed to 'o'.
+    constexpr const char* PingPattern = "^ping(?: .+)?$";
+    constexpr const char* PongPattern = "^pong(?: (.+))?$";
+    constexpr const char* PingLine = "ping\n";
+    constexpr const char* PingBufferName = "ping";
+    /// Payload of the first ping a side sends after its handshake.
+    constexpr const char* InitialPingPayload = "initialized";
+
+    /// A client waits this long between the starts of two connection attempts.
+    constexpr double RetryIntervalSecs = 3.0;
+    /// Silence after which the writer sends a ping (once the peer has answered one).
+    constexpr double KeepAliveIdleSecs = 5.0;
+    /// Silence after which the writer declares the peer dead, unless the application sets another.
+    constexpr double DefaultPingTimeoutSecs = 10.0;
+    /// The writer wakes at least this often to run the keep-alive.
+    constexpr int WriterWakeMs = 1000;
+    /// Largest piece the writer hands to the socket at once: bounds how long the write mutex is
+    /// held per write and sets the granularity of "data-written" progress.
+    constexpr int WriteChunkBytes = 16384;
+    /// `skip()` discards in pieces of this size.
+    constexpr int SkipPieceBytes = 512;
+
+    /// A listening server waits this long between two bind attempts.
+    constexpr double BindRetrySecs = 5.0;
+    constexpr int AcceptPollUsec = 50000;
+    constexpr int AcceptBacklog = 2;
+
+    // Limits on what a peer can make this process do. Breaking one ends that connection only,
+    // with an error line naming the limit, the peer and the size.
+
+    /// Longest line accepted once connected. Stops a peer that never sends a line feed from
+    /// growing one line until memory runs out.
+    constexpr int MaxLineBytes = 1 << 20;
+    /// Longest line accepted during the handshake, where only short fixed texts are expected.
+    constexpr int MaxHandshakeLineBytes = 4096;
+    /// Largest new-form map block. Stops a size item from making the reader wait for (and buffer)
+    /// gigabytes; memory still grows only with the bytes actually received.
+    constexpr int MaxMapBlockBytes = 64 << 20;
+    /// Reads of announced sizes grow their buffer in steps of this size, so memory follows the
+    /// bytes received instead of a length prefix.
+    constexpr int ReadGrowthBytes = 1 << 20;
+    /// Read time limit of the whole handshake exchange: a silent or slow peer cannot hold a
+    /// connection thread (and a server slot) for ever.
+    constexpr int DefaultHandshakeTimeoutMs = 10000;
+    /// Time limit of one socket write: a peer that stops reading cannot block the writer (and,
+    /// through the write mutex, the reader's pong) for ever.
+    constexpr int DefaultWriteTimeoutMs = 30000;
+  }
+}

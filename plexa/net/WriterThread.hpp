@@ -1,0 +1,122 @@
+#pragma once
+
+#include "bastion/Condition.hpp"
+#include "bastion/Mutex.hpp"
+#include "bastion/Thread.hpp"
+#include "bastion/ThreadSafety.hpp"
+#include "bastion/TimeStamp.hpp"
+#include "carafe/Node.hpp"
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+
+namespace Plexa
+{
+  class ConnectionThread;
+
+  /// The one thread that writes buffered data on a connection's socket, so that no application
+  /// thread ever blocks on the network.
+  ///
+  /// Entries (lists of byte arrays with a name) are written oldest first, each in chunks of at
+  /// most NetFormat::WriteChunkBytes bytes while the connection's write mutex is held, so nothing
+  /// else reaches the socket in the middle of an entry. Named tasks run on this thread, also under
+  /// the write mutex. While the connection uses pings and the peer has answered one, the writer
+  /// sends "ping" after 5 s of silence and closes the connection after the connection's ping
+  /// timeout.
+  ///
+  /// Events sent on this thread: "data-written" (string: entry name, int32: bytes of the chunk
+  /// just written; sent with the write mutex held) and "error" (no payload) after a write failure
+  /// or a ping timeout.
+  ///
+  /// Threads: `writeData`, `removeFromBuffer`, `update`, `stop`, `bufferedDataSize` and the drain
+  /// functions may be called from any thread. The owning ConnectionThread starts it (`run`) and
+  /// joins it; it must outlive the writer's thread.
+  class WriterThread : public Bastion::Thread, public Carafe::Node
+  {
+  public:
+    explicit WriterThread(ConnectionThread* connection);
+    /// Stops and joins the thread. The queue is dropped.
+    ~WriterThread() override;
+
+    /// Starts the loop (again). Marks the loop running before the thread exists, so a `stop()`
+    /// that follows at once is never lost. False when the loop is still running.
+    bool run();
+
+    /// Appends one entry (empty name allowed) and wakes the loop. Never blocks on the network.
+    void writeData(const QList<QByteArray>& parts, const QByteArray& name);
+    void writeData(const QByteArray& data, const QByteArray& name);
+    /// Drops every queued entry whose name equals `name` byte for byte; the entry being written
+    /// is not affected.
+    void removeFromBuffer(const QByteArray& name);
+    /// Runs `task` on the writer thread under the connection's write mutex, replacing a task of
+    /// the same name that has not run yet. Tasks run in name order.
+    void update(const QString& name, std::function<void()> task);
+    /// Bytes queued and not yet taken for writing.
+    int64_t bufferedDataSize() const;
+    /// Ends the loop after the current chunk; does not wait. The queue stays.
+    void stop();
+    /// True while the loop should run (between `run` and `stop`, a write error or a ping timeout).
+    bool isActive() const { return m_running.load(); }
+
+    /// Registers `callback`, called each time `bufferedDataSize()` falls from `threshold` bytes or
+    /// more to below `threshold` (a producer that paused on a full buffer can resume). It runs on
+    /// the thread that made the size fall (this thread, or a caller of `removeFromBuffer`) with no
+    /// lock of the writer held; it may queue data. Returns an id for `removeDrainListener`.
+    long addDrainListener(int64_t threshold, std::function<void()> callback);
+    bool removeDrainListener(long id);
+    /// Blocks the caller until `bufferedDataSize()` is below `bytes` or `timeoutMs` passed
+    /// (negative: no limit). True when below.
+    bool waitForDrain(int64_t bytes, int timeoutMs);
+
+  protected:
+    void childLoop() override;
+
+  private:
+    struct Entry
+    {
+      QList<QByteArray> parts;
+      QByteArray name;
+      int64_t size = 0;
+    };
+    struct DrainListener
+    {
+      int64_t threshold = 0;
+      std::function<void()> callback;
+    };
+
+    static int64_t sizeOf(const QList<QByteArray>& parts);
+    /// Lowers the buffered count by `bytes` and returns the drain callbacks that it triggered.
+    std::vector<std::function<void()>> subtractLocked(int64_t bytes) BASTION_REQUIRES(m_mutex);
+    /// Writes one entry in chunks; false after a write error.
+    bool writeEntry(const Entry& entry);
+    /// The keep-alive step; false when the peer timed out and the loop must end.
+    bool keepAliveLocked() BASTION_REQUIRES(m_mutex);
+
+    // Constant after construction.
+    ConnectionThread* const m_connection;
+
+    mutable Bastion::Mutex m_mutex;
+    Bastion::Condition m_condition;
+    /// Woken whenever the buffered count falls (waitForDrain).
+    Bastion::Condition m_drained;
+    std::deque<Entry> m_queue BASTION_GUARDED_BY(m_mutex);
+    std::map<QString, std::function<void()>> m_tasks BASTION_GUARDED_BY(m_mutex);
+    std::map<long, DrainListener> m_drainListeners BASTION_GUARDED_BY(m_mutex);
+    long m_nextDrainListener BASTION_GUARDED_BY(m_mutex) = 0;
+    /// Changed under m_mutex; read without it by bufferedDataSize().
+    std::atomic<int64_t> m_bufferedBytes{0};
+    std::atomic<bool> m_running{false};
+
+    // Writer thread only: the ping in flight.
+    bool m_pingOutstanding = false;
+    Bastion::TimeStamp m_pingTime;
+    uint64_t m_pingReceivedBytes = 0;
+  };
+}
