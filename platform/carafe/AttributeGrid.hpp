@@ -28,6 +28,10 @@ namespace Carafe
 
     /// The effective grid, to resize and fill in place. Call `notifyChanged()` afterwards.
     Bastion::MemGrid8u& grid() { return m_layers.value(); }
+    /// The grid of `layer`, to fill in place; `layer` becomes the top layer (layers above it are
+    /// cleared; a layer not set before starts empty). A receiver fills layer 2 this way and keeps
+    /// reusing its storage. Call `notifyChanged()` afterwards.
+    Bastion::MemGrid8u& grid(int layer) { return m_layers.edit(layer); }
     /// Calls the role-2 listeners (after an in-place fill through `grid()`).
     void notifyChanged() { fireChanged(); }
 

@@ -76,6 +76,14 @@ namespace Carafe
 
   void ListenerHolder::objectDeleted(Attribute* object)
   {
-    m_entries.erase(object);
+    auto it = m_entries.find(object);
+    if (it == m_entries.end())
+      return;
+    const Entry entry = std::move(it->second);
+    m_entries.erase(it);
+    // The object is still whole: take the listeners off now, so that nothing of this holder runs
+    // during the rest of its deletion (a node sends "attribute-removed" for each child it deletes,
+    // possibly after the holder's owner is gone).
+    removeAll(object, entry);
   }
 }

@@ -16,8 +16,9 @@ namespace Carafe
   class Node;
 
   /// Remembers the listeners it adds, per object, so that all listeners put on one object can be
-  /// removed in one call and all of them go when the holder is destroyed. An object deleted
-  /// meanwhile is forgotten at its deletion (its listeners go with it) and never touched again.
+  /// removed in one call and all of them go when the holder is destroyed. An object being deleted
+  /// tells its holders after its role-1 listeners ran: they take their listeners off it then and
+  /// never touch it again.
   /// Same thread rule as `Attribute`: use a holder on the thread that owns the tree.
   class ListenerHolder
   {

@@ -37,6 +37,21 @@ namespace Carafe
       return changed;
     }
 
+    /// The value of `layer` for filling in place; `layer` becomes the top layer (layers above are
+    /// cleared; a layer not set before starts as a default value). The caller reports the change.
+    /// An unknown layer is logged and the effective value returned.
+    T& edit(int layer)
+    {
+      if (layer < 0 || layer >= LayerCount) {
+        Bastion::error("Carafe: value layer %d does not exist", layer);
+        return m_values[m_top];
+      }
+      for (int l = m_top; l > layer; --l)
+        m_values[l] = T{};
+      m_top = layer;
+      return m_values[layer];
+    }
+
     /// The effective value becomes the default; the other layers are cleared.
     void makeDefault()
     {
