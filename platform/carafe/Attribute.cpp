@@ -15,6 +15,21 @@ namespace Carafe
   {
     std::atomic<long> s_nextListenerId{0};
 
+    void unref(detail::Listener* l)
+    {
+      if (--l->refs == 0)
+        delete l;
+    }
+
+    void unref(detail::ListenerTable* t)
+    {
+      if (--t->refs != 0)
+        return;
+      for (detail::Listener* l : t->entries)
+        unref(l);
+      delete t;
+    }
+
     /// Walks `table` calling every listener not removed meanwhile. Holds a reference for the walk,
     /// so that listeners may change the table or delete its attribute: the walk never touches the
     /// attribute itself.
@@ -24,32 +39,30 @@ namespace Carafe
       struct Release
       {
         detail::ListenerTable* t;
-        ~Release()
-        {
-          if (--t->refs == 0)
-            delete t;
-        }
+        ~Release() { unref(t); }
       } release{table};
       const size_t n = table->entries.size();
       for (size_t i = 0; i < n; ++i) {
-        detail::Listener& l = table->entries[i];
-        if (!l.removed)
-          l.callback();
+        detail::Listener* l = table->entries[i];
+        if (!l->removed)
+          l->callback();
       }
     }
 
-    /// A private copy of `table` that the caller may edit: the table itself when nobody else holds
-    /// it, else a copy without the removed entries (the old table goes on for the walks holding it).
+    /// A table the caller may edit: `table` itself when nobody else holds it, else a copy without
+    /// the removed listeners (the old table goes on for the walks holding it).
     detail::ListenerTable* editable(detail::ListenerTable* table)
     {
       if (table->refs == 1)
         return table;
       auto* copy = new detail::ListenerTable;
       copy->entries.reserve(table->entries.size() + 1);
-      for (const detail::Listener& l : table->entries)
-        if (!l.removed)
+      for (detail::Listener* l : table->entries)
+        if (!l->removed) {
+          ++l->refs;
           copy->entries.push_back(l);
-      --table->refs;
+        }
+      unref(table);
       return copy;
     }
   }
@@ -73,10 +86,9 @@ namespace Carafe
     if (!table)
       return;
     // A walk still holding the table must not call into a deleted object.
-    for (detail::Listener& l : table->entries)
-      l.removed = true;
-    if (--table->refs == 0)
-      delete table;
+    for (detail::Listener* l : table->entries)
+      l->removed = true;
+    unref(table);
   }
 
   detail::ListenerTable*& Attribute::tableFor(int role)
@@ -97,7 +109,7 @@ namespace Carafe
     detail::ListenerTable*& table = tableFor(role);
     table = table ? editable(table) : new detail::ListenerTable;
     const long id = detail::nextListenerId();
-    table->entries.push_back(detail::Listener{id, std::move(callback), false});
+    table->entries.push_back(new detail::Listener{id, std::move(callback)});
     return id;
   }
 
@@ -108,18 +120,19 @@ namespace Carafe
       if (!table)
         continue;
       auto it = std::find_if(table->entries.begin(), table->entries.end(),
-                             [id](const detail::Listener& l) { return l.id == id && !l.removed; });
+                             [id](const detail::Listener* l) { return l->id == id && !l->removed; });
       if (it == table->entries.end())
         continue;
+      // Walks holding this table or older copies skip it from now on.
+      (*it)->removed = true;
       if (table->refs == 1) {
+        unref(*it);
         table->entries.erase(it);
       } else {
-        // A walk holds this table: it must skip the listener from now on.
-        it->removed = true;
         table = editable(table);
       }
       if (table->entries.empty()) {
-        delete table;
+        unref(table);
         table = nullptr;
       }
       return true;
@@ -133,7 +146,7 @@ namespace Carafe
     if (!table)
       return 0;
     return int(std::count_if(table->entries.begin(), table->entries.end(),
-                             [](const detail::Listener& l) { return !l.removed; }));
+                             [](const detail::Listener* l) { return !l->removed; }));
   }
 
   void Attribute::setAsDefaults() {}

@@ -14,13 +14,15 @@ namespace Carafe
 
   namespace detail
   {
+    /// One listener, shared by every copy of its table (so a removal reaches the copies that
+    /// calls are walking). Counted references, not atomic: see `ListenerTable`.
     struct Listener
     {
       long id;
       std::function<void()> callback;
-      /// Set when the listener is removed while a call is walking the table that holds it, so
-      /// the walk skips it.
-      bool removed;
+      /// Set when the listener is removed; walks still holding it skip it.
+      bool removed = false;
+      int refs = 1;
     };
 
     /// One role's listeners. Shared between the attribute and the calls walking it by a plain
@@ -29,7 +31,7 @@ namespace Carafe
     struct ListenerTable
     {
       int refs = 1;
-      std::vector<Listener> entries;
+      std::vector<Listener*> entries;
     };
 
     /// Next listener id: one process-wide counter from 0 for attribute and node-event listeners.

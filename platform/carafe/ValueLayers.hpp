@@ -30,10 +30,7 @@ namespace Carafe
       const bool changed = !(v == m_values[m_top]);
       if ((layer != m_top || changed) && &v != &m_values[layer])
         m_values[layer] = v;
-      // Cleared layers get a fresh value so that large values (strings, grids) free their memory.
-      for (int l = m_top; l > layer; --l)
-        m_values[l] = T{};
-      m_top = layer;
+      clearAbove(layer);
       return changed;
     }
 
@@ -46,9 +43,7 @@ namespace Carafe
         Bastion::error("Carafe: value layer %d does not exist", layer);
         return m_values[m_top];
       }
-      for (int l = m_top; l > layer; --l)
-        m_values[l] = T{};
-      m_top = layer;
+      clearAbove(layer);
       return m_values[layer];
     }
 
@@ -58,12 +53,19 @@ namespace Carafe
       if (m_top == 0)
         return;
       m_values[0] = m_values[m_top];
-      for (int l = m_top; l > 0; --l)
-        m_values[l] = T{};
-      m_top = 0;
+      clearAbove(0);
     }
 
   private:
+    /// Makes `layer` the top; the layers above it get a fresh value so that large values (strings,
+    /// grids) free their memory.
+    void clearAbove(int layer)
+    {
+      for (int l = layer + 1; l <= m_top && l < LayerCount; ++l)
+        m_values[l] = T{};
+      m_top = layer;
+    }
+
     T m_values[LayerCount]{};
     int m_top = 0;
   };
