@@ -28,9 +28,9 @@ namespace Plexa
       return false;
     writeHeader(messageType, output);
     output.add(m_data);
-    // The output now shares the bytes; shrinking detaches our copy, so the emitted bundle stays as
+    // The output now shares the bytes; refilling detaches our copy, so the emitted bundle stays as
     // it was when the next records are written.
-    m_data.resize(Bundle::HeaderSize);
+    m_data.fill('\0', Bundle::HeaderSize);
     return true;
   }
 
