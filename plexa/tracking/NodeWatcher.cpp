@@ -1,0 +1,495 @@
+#include "plexa/tracking/NodeWatcher.hpp"
+
+#include "plexa/tracking/AliasChain.hpp"
+#include "plexa/tracking/AttributeCache.hpp"
+
+#include "bastion/BinaryData.hpp"
+#include "bastion/Log.hpp"
+#include "bastion/SymbolRegistry.hpp"
+#include "carafe/AttributeAlias.hpp"
+#include "carafe/ListenerHolder.hpp"
+#include "carafe/Node.hpp"
+
+#include <QReadWriteLock>
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+#include <unordered_map>
+
+namespace Plexa
+{
+  namespace
+  {
+    QByteArray childPath(const QByteArray& path, const QByteArray& name)
+    {
+      if (path.isEmpty())
+        return name;
+      QByteArray p;
+      p.reserve(path.size() + 1 + name.size());
+      p += path;
+      p += '/';
+      p += name;
+      return p;
+    }
+
+    /// An object added at run time whose description waits for the next update (or its first
+    /// change). The temporary change listener goes away with the record or when it is claimed.
+    struct PendingAdded
+    {
+      std::atomic<uint8_t> taken{0};
+      uint32_t symbol;
+      Carafe::Attribute* attribute;
+      bool send;
+      long listenerId;
+      bool listenerRemoved = false;
+
+      PendingAdded(uint32_t s, Carafe::Attribute* a, bool snd, long id)
+        : symbol(s), attribute(a), send(snd), listenerId(id)
+      {}
+      ~PendingAdded() { removeListener(); }
+      PendingAdded(const PendingAdded&) = delete;
+      PendingAdded& operator=(const PendingAdded&) = delete;
+
+      bool claim()
+      {
+        uint8_t expected = 0;
+        return taken.compare_exchange_strong(expected, 1);
+      }
+
+      // Called while the attribute is alive: when the record is claimed (the attribute is being
+      // described, so its permanent listeners take over) or dropped from the queue by a removal.
+      void removeListener()
+      {
+        if (!listenerRemoved) {
+          listenerRemoved = true;
+          attribute->removeListener(listenerId);
+        }
+      }
+    };
+  }
+
+  class NodeWatcher::D
+  {
+  public:
+    D(Bastion::SymbolRegistry& registry, AttributeCache& cache) : m_registry(registry), m_cache(cache) {}
+
+    void startWatching(Carafe::Node& root, bool send);
+    void update();
+    long addListener(const Listener& listener);
+    void removeListener(long id);
+    void ignoreOne(const Event& event);
+    void stopIgnoring(const Event& event);
+    bool isPendingUpdate(uint32_t symbol) const;
+
+  private:
+    using ListenerTable = std::map<long, Listener>;
+
+    void event(EventType type, uint32_t symbol);
+
+    void somethingAdded(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send);
+    void attributeAdded(Carafe::Attribute* attribute, uint32_t symbol, bool send);
+    void nodeAdded(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send);
+    void aliasAdded(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol, bool send);
+    uint32_t ensureCached(Carafe::Attribute* attribute, const QByteArray& path);
+
+    void onChildAdded(Carafe::Node* node, const QByteArray& nodePath, Bastion::BinaryData& data);
+    void onChildRemoved(const QByteArray& nodePath, Bastion::BinaryData& data);
+    void processPendingAdded(PendingAdded& record);
+    void processPendingAddedChanged(uint32_t symbol);
+    std::shared_ptr<PendingAdded> takePending(uint32_t symbol);
+
+    void somethingRemoved(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send);
+    void attributeRemoved(uint32_t symbol, bool send);
+    void nodeRemoved(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send);
+    void onAliasChanged(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol, bool send);
+
+    // Constant after construction.
+    Bastion::SymbolRegistry& m_registry;
+    AttributeCache& m_cache;
+
+    // Used on the thread that changes the tree.
+    Carafe::ListenerHolder m_holder;
+
+    mutable std::mutex m_aliasMutex;
+    // Guarded by m_aliasMutex.
+    std::unordered_map<Carafe::AttributeAlias*, Carafe::Attribute*> m_aliases;
+
+    mutable std::mutex m_queueMutex;
+    // Guarded by m_queueMutex.
+    std::deque<std::shared_ptr<PendingAdded>> m_pending;
+
+    std::mutex m_ignoreMutex;
+    // Guarded by m_ignoreMutex.
+    std::set<Event> m_ignored;
+    // Size of m_ignored, so that dispatch skips the mutex while nothing is ignored.
+    std::atomic<int> m_ignoredCount{0};
+
+    QReadWriteLock m_listenerLock;
+    // Guarded by m_listenerLock. Replaced, never edited, so dispatch takes a snapshot by copying
+    // one pointer under the read lock and calls it after releasing the lock.
+    std::shared_ptr<const ListenerTable> m_listeners = std::make_shared<ListenerTable>();
+    long m_nextListenerId = 0;
+
+    std::atomic<bool> m_watching{false};
+  };
+
+  // ---------------------------------------------------------------------------------------------
+  // Dispatch, listeners, ignore requests
+
+  void NodeWatcher::D::event(EventType type, uint32_t symbol)
+  {
+    if (m_ignoredCount.load(std::memory_order_acquire) != 0) {
+      std::lock_guard<std::mutex> lock(m_ignoreMutex);
+      if (m_ignored.erase(Event{type, symbol}) != 0) {
+        m_ignoredCount.store(int(m_ignored.size()), std::memory_order_release);
+        return;
+      }
+    }
+    std::shared_ptr<const ListenerTable> listeners;
+    {
+      QReadLocker lock(&m_listenerLock);
+      listeners = m_listeners;
+    }
+    const Event e{type, symbol};
+    for (const auto& entry : *listeners)
+      entry.second(e);
+  }
+
+  long NodeWatcher::D::addListener(const Listener& listener)
+  {
+    QWriteLocker lock(&m_listenerLock);
+    auto table = std::make_shared<ListenerTable>(*m_listeners);
+    const long id = m_nextListenerId++;
+    table->emplace(id, listener);
+    m_listeners = std::move(table);
+    return id;
+  }
+
+  void NodeWatcher::D::removeListener(long id)
+  {
+    QWriteLocker lock(&m_listenerLock);
+    if (m_listeners->count(id) == 0)
+      return;
+    auto table = std::make_shared<ListenerTable>(*m_listeners);
+    table->erase(id);
+    m_listeners = std::move(table);
+  }
+
+  void NodeWatcher::D::ignoreOne(const Event& event)
+  {
+    bool inserted;
+    {
+      std::lock_guard<std::mutex> lock(m_ignoreMutex);
+      inserted = m_ignored.insert(event).second;
+      m_ignoredCount.store(int(m_ignored.size()), std::memory_order_release);
+    }
+    if (!inserted)
+      Bastion::warning("NodeWatcher # called ignoreOne for an event that is already ignored");
+  }
+
+  void NodeWatcher::D::stopIgnoring(const Event& event)
+  {
+    std::lock_guard<std::mutex> lock(m_ignoreMutex);
+    m_ignored.erase(event);
+    m_ignoredCount.store(int(m_ignored.size()), std::memory_order_release);
+  }
+
+  // ---------------------------------------------------------------------------------------------
+  // Additions
+
+  void NodeWatcher::D::startWatching(Carafe::Node& root, bool send)
+  {
+    if (m_watching.exchange(true)) {
+      Bastion::error("NodeWatcher can only watch one node at a time");
+      return;
+    }
+    const uint32_t rootSymbol = m_registry.lookupOrDefine(QByteArray(""));
+    m_cache.add(rootSymbol, &root);
+    nodeAdded(&root, QByteArray(), rootSymbol, send);
+    Carafe::Node* rootPtr = &root;
+    m_holder.add(
+      rootPtr, [this, rootPtr, rootSymbol] { nodeRemoved(rootPtr, QByteArray(), rootSymbol, true); },
+      Carafe::Attribute::RoleDeleted);
+  }
+
+  void NodeWatcher::D::somethingAdded(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol,
+                                      bool send)
+  {
+    if (auto* alias = dynamic_cast<Carafe::AttributeAlias*>(attribute))
+      aliasAdded(alias, path, symbol, send);
+    else if (auto* node = dynamic_cast<Carafe::Node*>(attribute))
+      nodeAdded(node, path, symbol, send);
+    else
+      attributeAdded(attribute, symbol, send);
+  }
+
+  void NodeWatcher::D::attributeAdded(Carafe::Attribute* attribute, uint32_t symbol, bool send)
+  {
+    m_holder.add(
+      attribute, [this, symbol] { event(AttributeChanged, symbol); }, Carafe::Attribute::RoleChanged);
+    if (send)
+      event(AttributeAdded, symbol);
+  }
+
+  void NodeWatcher::D::nodeAdded(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send)
+  {
+    m_cache.setIsNode(symbol, true);
+    m_holder.addBd(
+      node, "attribute-added", [this, node, path](Bastion::BinaryData& data) { onChildAdded(node, path, data); },
+      1);
+    m_holder.addBd(
+      node, "attribute-removed", [this, path](Bastion::BinaryData& data) { onChildRemoved(path, data); }, 1);
+    if (send)
+      event(NodeAdded, symbol);
+    for (Carafe::Attribute* child : node->attributes()) {
+      if (!child)
+        continue;
+      if (child->name().isEmpty())
+        Bastion::warning("NodeWatcher # Found an attribute with an empty name. This should never happen");
+      const QByteArray path2 = childPath(path, child->name());
+      const uint32_t childSymbol = ensureCached(child, path2);
+      somethingAdded(child, path2, childSymbol, send);
+    }
+  }
+
+  uint32_t NodeWatcher::D::ensureCached(Carafe::Attribute* attribute, const QByteArray& path)
+  {
+    const uint32_t symbol = m_registry.lookupOrDefine(path);
+    if (!m_cache.find(symbol))
+      m_cache.add(symbol, attribute);
+    return symbol;
+  }
+
+  void NodeWatcher::D::aliasAdded(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol,
+                                  bool send)
+  {
+    Carafe::Attribute* target = finalTarget(alias);
+    {
+      std::lock_guard<std::mutex> lock(m_aliasMutex);
+      m_aliases[alias] = target;
+    }
+    m_holder.add(
+      alias, [this, alias, path, symbol] { onAliasChanged(alias, path, symbol, true); },
+      Carafe::Attribute::RoleChanged);
+    if (auto* node = dynamic_cast<Carafe::Node*>(target))
+      nodeAdded(node, path, symbol, send);
+    else if (target && send)
+      event(AttributeAdded, symbol);
+  }
+
+  void NodeWatcher::D::onChildAdded(Carafe::Node* node, const QByteArray& nodePath, Bastion::BinaryData& data)
+  {
+    QByteArray name;
+    if (!data.readString(name))
+      return;
+    Carafe::Attribute* child = node->attribute(name);
+    if (!child)
+      return;
+    const uint32_t symbol = ensureCached(child, childPath(nodePath, name));
+
+    bool send = true;
+    {
+      std::lock_guard<std::mutex> lock(m_ignoreMutex);
+      if (m_ignored.erase(Event{AttributeAdded, symbol}) != 0 || m_ignored.erase(Event{NodeAdded, symbol}) != 0)
+        send = false;
+      m_ignoredCount.store(int(m_ignored.size()), std::memory_order_release);
+    }
+
+    // The temporary listener is registered directly on the attribute (not through the holder):
+    // the record removes exactly this one listener when it is claimed or dropped.
+    const long listenerId =
+      child->addListener([this, symbol] { processPendingAddedChanged(symbol); }, Carafe::Attribute::RoleChanged);
+    auto record = std::make_shared<PendingAdded>(symbol, child, send, listenerId);
+    std::lock_guard<std::mutex> lock(m_queueMutex);
+    m_pending.push_back(std::move(record));
+  }
+
+  void NodeWatcher::D::update()
+  {
+    while (true) {
+      std::shared_ptr<PendingAdded> record;
+      {
+        std::lock_guard<std::mutex> lock(m_queueMutex);
+        if (m_pending.empty())
+          return;
+        record = std::move(m_pending.front());
+        m_pending.pop_front();
+      }
+      if (record->claim())
+        processPendingAdded(*record);
+    }
+  }
+
+  void NodeWatcher::D::processPendingAdded(PendingAdded& record)
+  {
+    // From here on the object's own listeners report its changes.
+    record.removeListener();
+    Carafe::Attribute* attribute = m_cache.find(record.symbol);
+    if (!attribute) {
+      Bastion::error("NodeWatcher::processPendingAdded # Could not find attribute in cache");
+      return;
+    }
+    QByteArray path;
+    if (!m_registry.lookup(record.symbol, path))
+      path.clear();
+    somethingAdded(attribute, path, record.symbol, record.send);
+  }
+
+  std::shared_ptr<PendingAdded> NodeWatcher::D::takePending(uint32_t symbol)
+  {
+    std::lock_guard<std::mutex> lock(m_queueMutex);
+    for (auto it = m_pending.begin(); it != m_pending.end(); ++it) {
+      if ((*it)->symbol == symbol) {
+        std::shared_ptr<PendingAdded> record = std::move(*it);
+        m_pending.erase(it);
+        return record;
+      }
+    }
+    return nullptr;
+  }
+
+  void NodeWatcher::D::processPendingAddedChanged(uint32_t symbol)
+  {
+    if (std::shared_ptr<PendingAdded> record = takePending(symbol)) {
+      if (record->claim())
+        processPendingAdded(*record);
+    }
+    Carafe::Attribute* attribute = m_cache.find(symbol);
+    if (!attribute) {
+      Bastion::error("NodeWatcher::processPendingAddedChanged # Could not find attribute in cache");
+      return;
+    }
+    if (!dynamic_cast<Carafe::AttributeAlias*>(attribute))
+      event(AttributeChanged, symbol);
+  }
+
+  bool NodeWatcher::D::isPendingUpdate(uint32_t symbol) const
+  {
+    std::lock_guard<std::mutex> lock(m_queueMutex);
+    for (const auto& record : m_pending) {
+      if (record->symbol == symbol)
+        return true;
+    }
+    return false;
+  }
+
+  // ---------------------------------------------------------------------------------------------
+  // Removals
+
+  void NodeWatcher::D::onChildRemoved(const QByteArray& nodePath, Bastion::BinaryData& data)
+  {
+    QByteArray name;
+    if (!data.readString(name))
+      return;
+    const QByteArray path = childPath(nodePath, name);
+    const uint32_t symbol = m_registry.lookup(path);
+    Carafe::Attribute* attribute = m_cache.find(symbol);
+    if (!attribute)
+      return;
+    bool send = true;
+    if (auto* alias = dynamic_cast<Carafe::AttributeAlias*>(attribute)) {
+      // An alias that pointed to nothing was never reported as added.
+      std::lock_guard<std::mutex> lock(m_aliasMutex);
+      auto it = m_aliases.find(alias);
+      if (it != m_aliases.end() && it->second == nullptr)
+        send = false;
+    }
+    somethingRemoved(attribute, path, symbol, send);
+  }
+
+  void NodeWatcher::D::somethingRemoved(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol,
+                                        bool send)
+  {
+    std::shared_ptr<PendingAdded> record = takePending(symbol);
+    Carafe::Attribute* target = finalTarget(attribute);
+    if (record) {
+      // Never reported: report the whole life at once.
+      if (send && target) {
+        const bool isNode = dynamic_cast<Carafe::Node*>(target) != nullptr;
+        event(isNode ? NodeAdded : AttributeAdded, record->symbol);
+        event(isNode ? NodeRemoved : AttributeRemoved, record->symbol);
+      }
+    } else if (auto* node = dynamic_cast<Carafe::Node*>(target)) {
+      nodeRemoved(node, path, symbol, send);
+    } else {
+      attributeRemoved(symbol, send);
+    }
+    record.reset();
+    m_holder.removeListeners(attribute);
+    m_cache.remove(symbol);
+    if (auto* alias = dynamic_cast<Carafe::AttributeAlias*>(attribute)) {
+      std::lock_guard<std::mutex> lock(m_aliasMutex);
+      m_aliases.erase(alias);
+    }
+  }
+
+  void NodeWatcher::D::attributeRemoved(uint32_t symbol, bool send)
+  {
+    if (send)
+      event(m_cache.isNode(symbol) ? NodeRemoved : AttributeRemoved, symbol);
+  }
+
+  void NodeWatcher::D::nodeRemoved(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send)
+  {
+    for (Carafe::Attribute* child : node->attributes()) {
+      if (!child)
+        continue;
+      const QByteArray path2 = childPath(path, child->name());
+      somethingRemoved(child, path2, m_registry.lookup(path2), send);
+    }
+    if (send)
+      event(NodeRemoved, symbol);
+  }
+
+  void NodeWatcher::D::onAliasChanged(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol,
+                                      bool send)
+  {
+    Carafe::Attribute* newTarget = finalTarget(alias);
+    Carafe::Attribute* oldTarget = nullptr;
+    {
+      std::lock_guard<std::mutex> lock(m_aliasMutex);
+      Carafe::Attribute*& entry = m_aliases[alias];
+      oldTarget = entry;
+      entry = newTarget;
+    }
+    if (newTarget == oldTarget) {
+      if (newTarget && send)
+        event(AttributeChanged, symbol);
+      return;
+    }
+    if (oldTarget) {
+      if (auto* node = dynamic_cast<Carafe::Node*>(oldTarget))
+        nodeRemoved(node, path, symbol, send);
+      else if (send)
+        event(m_cache.isNode(symbol) ? NodeRemoved : AttributeRemoved, symbol);
+    }
+    if (newTarget) {
+      if (auto* node = dynamic_cast<Carafe::Node*>(newTarget)) {
+        nodeAdded(node, path, symbol, send);
+      } else if (send) {
+        m_cache.setIsNode(symbol, false);
+        event(AttributeAdded, symbol);
+      }
+    }
+  }
+
+  // ---------------------------------------------------------------------------------------------
+  // Public shell
+
+  NodeWatcher::NodeWatcher(Bastion::SymbolRegistry& registry, AttributeCache& cache)
+    : d(std::make_unique<D>(registry, cache))
+  {}
+
+  NodeWatcher::~NodeWatcher() = default;
+
+  void NodeWatcher::startWatching(Carafe::Node& root, bool send) { d->startWatching(root, send); }
+  void NodeWatcher::update() { d->update(); }
+  long NodeWatcher::addListener(const Listener& listener) { return d->addListener(listener); }
+  void NodeWatcher::removeListener(long id) { d->removeListener(id); }
+  void NodeWatcher::ignoreOne(const Event& event) { d->ignoreOne(event); }
+  void NodeWatcher::stopIgnoring(const Event& event) { d->stopIgnoring(event); }
+  bool NodeWatcher::isPendingUpdate(uint32_t symbol) const { return d->isPendingUpdate(symbol); }
+}
