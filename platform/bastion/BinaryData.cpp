@@ -2,6 +2,7 @@
 
 #include <QtEndian>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -11,6 +12,8 @@ namespace Bastion
   {
     /// The largest buffer we build: QByteArray cannot hold 2 GiB, and every offset must fit an int.
     constexpr int64_t MaxBytes = 0x7fff0000;
+    /// First allocation of an owned buffer, so small payloads do not grow in many tiny steps.
+    constexpr int64_t MinCapacity = 64;
 
     constexpr int64_t padded(int64_t n) { return (n + 3) & ~int64_t(3); }
 
@@ -20,6 +23,7 @@ namespace Bastion
     void storeU64(char* p, uint64_t v) { qToLittleEndian<quint64>(v, p); }
 
     /// Bytes of the complete item at `pos`, or -1 for an unknown tag or an item cut off by the end.
+    /// All bounds are computed in 64 bits, so no count can wrap them.
     int64_t itemLength(const char* data, int64_t size, int64_t pos)
     {
       if (pos < 0 || pos + 4 > size)
@@ -45,47 +49,59 @@ namespace Bastion
       }
       return pos + length <= size ? length : -1;
     }
+
+    /// The value bytes of a fixed-size item with this tag at `pos`, or null. Kept out of the
+    /// class so the hot read path makes no calls through the shared library's symbol table.
+    inline const char* fixedValueAt(const char* data, int size, int pos, uint32_t tag, int valueSize)
+    {
+      if (pos < 0 || int64_t(size) - pos < 4 + valueSize || loadU32(data + pos) != tag)
+        return nullptr;
+      return data + pos + 4;
+    }
   }
 
-  BinaryData::BinaryData() = default;
+  BinaryData::BinaryData() : m_data(m_bytes.constData()) {}
 
-  BinaryData::BinaryData(const QByteArray& bytes) : m_bytes(bytes) {}
-
-  BinaryData::BinaryData(const BinaryData& other)
-    : m_bytes(other.data(), other.size()), m_pos(other.m_pos)
+  BinaryData::BinaryData(const QByteArray& bytes)
+    : m_bytes(bytes), m_data(m_bytes.constData()), m_size(m_bytes.size())
   {
   }
+
+  BinaryData::BinaryData(const BinaryData& other) : m_data(m_bytes.constData()) { *this = other; }
 
   BinaryData& BinaryData::operator=(const BinaryData& other)
   {
     if (this != &other) {
-      m_bytes = QByteArray(other.data(), other.size());
-      m_link = nullptr;
-      m_linkSize = 0;
+      m_bytes = QByteArray(other.m_data, other.m_size);
+      m_data = m_bytes.constData();
+      m_size = other.m_size;
+      m_capacity = m_size;
       m_pos = other.m_pos;
+      m_linked = false;
     }
     return *this;
   }
 
-  BinaryData::BinaryData(BinaryData&& other) noexcept : m_pos(other.m_pos)
+  BinaryData::BinaryData(BinaryData&& other) noexcept : m_data(m_bytes.constData())
   {
-    if (other.m_link)
-      m_bytes = QByteArray(other.m_link, other.m_linkSize);
-    else
-      m_bytes = std::move(other.m_bytes);
-    other.clear();
+    *this = std::move(other);
   }
 
   BinaryData& BinaryData::operator=(BinaryData&& other) noexcept
   {
     if (this != &other) {
-      if (other.m_link)
-        m_bytes = QByteArray(other.m_link, other.m_linkSize);
-      else
+      if (other.m_linked) {
+        *this = other;
+      } else {
         m_bytes = std::move(other.m_bytes);
-      m_link = nullptr;
-      m_linkSize = 0;
-      m_pos = other.m_pos;
+        m_data = m_bytes.constData();
+        m_size = other.m_size;
+        m_capacity = other.m_capacity;
+        m_pos = other.m_pos;
+        m_linked = false;
+      }
+      other.m_bytes = QByteArray();
+      other.m_capacity = 0;
       other.clear();
     }
     return *this;
@@ -93,15 +109,15 @@ namespace Bastion
 
   BinaryData::~BinaryData() = default;
 
-  const char* BinaryData::data() const { return m_link ? m_link : m_bytes.constData(); }
-
-  int BinaryData::size() const { return m_link ? m_linkSize : m_bytes.size(); }
-
-  QByteArray BinaryData::toByteArray() const { return m_link ? QByteArray(m_link, m_linkSize) : m_bytes; }
+  QByteArray BinaryData::toByteArray() const
+  {
+    // Always a copy: sharing m_bytes would let the next write change the caller's array.
+    return QByteArray(m_data, m_size);
+  }
 
   bool BinaryData::setPosition(int pos)
   {
-    if (pos < 0 || pos > size())
+    if (pos < 0 || pos > m_size)
       return false;
     m_pos = pos;
     return true;
@@ -109,67 +125,70 @@ namespace Bastion
 
   void BinaryData::clear()
   {
-    m_bytes.clear();
-    m_link = nullptr;
-    m_linkSize = 0;
+    // Owned memory stays for the next writes; a shared or linked buffer is let go.
+    if (m_capacity == 0)
+      m_bytes = QByteArray();
+    m_data = m_bytes.constData();
+    m_size = 0;
     m_pos = 0;
+    m_linked = false;
   }
 
   void BinaryData::reserve(int bytes)
   {
-    detach();
-    if (bytes > m_bytes.size())
-      m_bytes.reserve(bytes);
+    if (bytes > m_size)
+      detach(bytes - m_size);
   }
 
   void BinaryData::linkTo(const void* bytes, int size)
   {
-    m_bytes.clear();
-    m_link = static_cast<const char*>(bytes);
-    m_linkSize = (bytes && size > 0) ? size : 0;
-    // A null pointer stays linked to nothing rather than falling back to the (empty) owned bytes,
-    // so isLinked() reports what the caller asked for.
-    if (!m_link)
-      m_link = "";
+    m_bytes = QByteArray();
+    m_capacity = 0;
+    m_linked = true;
+    m_data = bytes ? static_cast<const char*>(bytes) : "";
+    m_size = (bytes && size > 0) ? size : 0;
     m_pos = 0;
   }
 
-  bool BinaryData::detach()
+  void BinaryData::detach(int extraBytes)
   {
-    if (!m_link)
-      return true;
-    m_bytes = QByteArray(m_link, m_linkSize);
-    m_link = nullptr;
-    m_linkSize = 0;
-    return true;
+    const int64_t needed = int64_t(m_size) + extraBytes;
+    if (needed <= m_capacity)
+      return;
+    // Grow geometrically so a run of appends costs amortised constant time.
+    const int64_t grown = std::min(std::max({needed, MinCapacity, 2 * int64_t(m_capacity)}), MaxBytes);
+    QByteArray block(int(grown), Qt::Uninitialized);
+    if (m_size > 0)
+      std::memcpy(block.data(), m_data, size_t(m_size));
+    m_bytes = std::move(block);
+    m_data = m_bytes.constData();
+    m_capacity = int(grown);
+    m_linked = false;
   }
 
   char* BinaryData::appendRaw(int bytes)
   {
-    detach();
-    const int64_t old = m_bytes.size();
-    if (bytes < 0 || old + bytes > MaxBytes)
+    if (bytes < 0 || int64_t(m_size) + bytes > MaxBytes)
       return nullptr;
-    m_bytes.resize(int(old + bytes));
-    return m_bytes.data() + old;
+    if (int64_t(m_size) + bytes > m_capacity)
+      detach(bytes);
+    // m_bytes is ours alone (m_capacity > 0), so writing through m_data is safe.
+    char* p = const_cast<char*>(m_data) + m_size;
+    m_size += bytes;
+    return p;
   }
 
-  int BinaryData::writeFixed(uint32_t tag, const void* value, int valueSize)
+  int BinaryData::writeFixed(uint32_t tag, uint64_t bits, int valueSize)
   {
-    const int offset = size();
+    const int offset = m_size;
     char* p = appendRaw(4 + valueSize);
     if (!p)
       return -1;
     storeU32(p, tag);
-    if (valueSize == 4) {
-      uint32_t v;
-      std::memcpy(&v, value, 4);
-      storeU32(p + 4, v);
-    } else {
-      uint64_t v;
-      std::memcpy(&v, value, 8);
-      storeU64(p + 4, v);
-    }
+    if (valueSize == 4)
+      storeU32(p + 4, uint32_t(bits));
+    else
+      storeU64(p + 4, bits);
     return offset;
   }
 
@@ -180,7 +199,7 @@ namespace Bastion
     const int64_t total = 8 + padded(size);
     if (total > MaxBytes)
       return -1;
-    const int offset = this->size();
+    const int offset = m_size;
     char* p = appendRaw(int(total));
     if (!p)
       return -1;
@@ -192,10 +211,22 @@ namespace Bastion
     return offset;
   }
 
-  int BinaryData::writeInt32(int32_t v) { return writeFixed(Int32Item, &v, 4); }
-  int BinaryData::writeInt64(int64_t v) { return writeFixed(Int64Item, &v, 8); }
-  int BinaryData::writeFloat(float v) { return writeFixed(FloatItem, &v, 4); }
-  int BinaryData::writeDouble(double v) { return writeFixed(DoubleItem, &v, 8); }
+  int BinaryData::writeInt32(int32_t v) { return writeFixed(Int32Item, uint32_t(v), 4); }
+  int BinaryData::writeInt64(int64_t v) { return writeFixed(Int64Item, uint64_t(v), 8); }
+
+  int BinaryData::writeFloat(float v)
+  {
+    uint32_t bits;
+    std::memcpy(&bits, &v, 4);
+    return writeFixed(FloatItem, bits, 4);
+  }
+
+  int BinaryData::writeDouble(double v)
+  {
+    uint64_t bits;
+    std::memcpy(&bits, &v, 8);
+    return writeFixed(DoubleItem, bits, 8);
+  }
 
   int BinaryData::writeString(const QString& s) { return writeString(s.toUtf8()); }
 
@@ -218,89 +249,95 @@ namespace Bastion
 
   bool BinaryData::patchInt32(int itemOffset, int32_t v)
   {
-    if (itemOffset < 0 || int64_t(itemOffset) + 8 > size())
-      return false;
-    if (loadU32(data() + itemOffset) != Int32Item)
+    if (!fixedValueAt(m_data, m_size, itemOffset, Int32Item, 4))
       return false;
     // Walk the items up to the offset: a value or count that happens to equal the int32 tag must
     // not be taken for an item. Patches are rare (one per map block), so the walk is cheap enough.
     int64_t pos = 0;
     while (pos < itemOffset) {
-      const int64_t length = itemLength(data(), size(), pos);
+      const int64_t length = itemLength(m_data, m_size, pos);
       if (length < 0)
         return false;
       pos += length;
     }
     if (pos != itemOffset)
       return false;
-    detach();
-    storeU32(m_bytes.data() + itemOffset + 4, uint32_t(v));
+    detach(0);
+    storeU32(const_cast<char*>(m_data) + itemOffset + 4, uint32_t(v));
     return true;
   }
 
   uint32_t BinaryData::nextItemType() const
   {
-    if (m_pos < 0 || int64_t(m_pos) + 4 > size())
+    if (int64_t(m_size) - m_pos < 4)
       return 0;
-    return loadU32(data() + m_pos);
-  }
-
-  bool BinaryData::readFixed(uint32_t tag, void* value, int valueSize)
-  {
-    // itemLength checks the bounds: the tag fixes the length of fixed-size items.
-    if (nextItemType() != tag || itemLength(data(), size(), m_pos) < 0)
-      return false;
-    const char* p = data() + m_pos + 4;
-    if (valueSize == 4) {
-      const uint32_t v = loadU32(p);
-      std::memcpy(value, &v, 4);
-    } else {
-      const uint64_t v = loadU64(p);
-      std::memcpy(value, &v, 8);
-    }
-    m_pos += 4 + valueSize;
-    return true;
+    return loadU32(m_data + m_pos);
   }
 
   bool BinaryData::readCounted(uint32_t tag, const char*& bytes, int& count)
   {
-    if (nextItemType() != tag)
+    if (int64_t(m_size) - m_pos < 8 || loadU32(m_data + m_pos) != tag)
       return false;
-    const int64_t length = itemLength(data(), size(), m_pos);
+    const int64_t length = itemLength(m_data, m_size, m_pos);
     if (length < 0)
       return false;
-    bytes = data() + m_pos + 8;
-    count = int(loadU32(data() + m_pos + 4));
+    bytes = m_data + m_pos + 8;
+    count = int(loadU32(m_data + m_pos + 4));
     m_pos += int(length);
     return true;
   }
 
   bool BinaryData::readInt32(int32_t& v)
   {
-    if (nextItemType() == Int64Item) {
-      int64_t wide;
-      if (!readFixed(Int64Item, &wide, 8))
-        return false;
-      v = int32_t(uint32_t(uint64_t(wide)));
+    if (const char* p = fixedValueAt(m_data, m_size, m_pos, Int32Item, 4)) {
+      v = int32_t(loadU32(p));
+      m_pos += 8;
       return true;
     }
-    return readFixed(Int32Item, &v, 4);
+    if (const char* p = fixedValueAt(m_data, m_size, m_pos, Int64Item, 8)) {
+      v = int32_t(uint32_t(loadU64(p)));
+      m_pos += 12;
+      return true;
+    }
+    return false;
   }
 
   bool BinaryData::readInt64(int64_t& v)
   {
-    if (nextItemType() == Int32Item) {
-      int32_t narrow;
-      if (!readFixed(Int32Item, &narrow, 4))
-        return false;
-      v = narrow;
+    if (const char* p = fixedValueAt(m_data, m_size, m_pos, Int64Item, 8)) {
+      v = int64_t(loadU64(p));
+      m_pos += 12;
       return true;
     }
-    return readFixed(Int64Item, &v, 8);
+    if (const char* p = fixedValueAt(m_data, m_size, m_pos, Int32Item, 4)) {
+      v = int32_t(loadU32(p));
+      m_pos += 8;
+      return true;
+    }
+    return false;
   }
 
-  bool BinaryData::readFloat(float& v) { return readFixed(FloatItem, &v, 4); }
-  bool BinaryData::readDouble(double& v) { return readFixed(DoubleItem, &v, 8); }
+  bool BinaryData::readFloat(float& v)
+  {
+    const char* p = fixedValueAt(m_data, m_size, m_pos, FloatItem, 4);
+    if (!p)
+      return false;
+    const uint32_t bits = loadU32(p);
+    std::memcpy(&v, &bits, 4);
+    m_pos += 8;
+    return true;
+  }
+
+  bool BinaryData::readDouble(double& v)
+  {
+    const char* p = fixedValueAt(m_data, m_size, m_pos, DoubleItem, 8);
+    if (!p)
+      return false;
+    const uint64_t bits = loadU64(p);
+    std::memcpy(&v, &bits, 8);
+    m_pos += 12;
+    return true;
+  }
 
   bool BinaryData::readString(QString& s)
   {

@@ -85,11 +85,11 @@ namespace Bastion
     /// copied: the bytes must stay alive and unchanged while this object reads them. A later
     /// write copies them into owned bytes first. A negative size counts as 0.
     void linkTo(const void* bytes, int size);
-    bool isLinked() const { return m_link != nullptr; }
+    bool isLinked() const { return m_linked; }
 
     /// The encoded items (valid until the next write, link or destruction).
-    const char* data() const;
-    int size() const;
+    const char* data() const { return m_data; }
+    int size() const { return m_size; }
     QByteArray toByteArray() const;
 
     void rewind() { m_pos = 0; }
@@ -97,22 +97,31 @@ namespace Bastion
     /// Moves the read position to `pos` if 0 <= pos <= size(); false (unchanged) otherwise.
     bool setPosition(int pos);
     bool atEnd() const { return m_pos >= size(); }
-    /// Drops all items (and any link), read position 0.
+    /// Drops all items (and any link), read position 0. Owned memory is kept for later writes.
     void clear();
     /// Reserves room for `bytes` bytes in total, so a run of writes does not reallocate.
     void reserve(int bytes);
 
   private:
-    bool detach();
-    char* appendRaw(int bytes);
-    int writeFixed(uint32_t tag, const void* value, int valueSize);
-    int writeCounted(uint32_t tag, const void* bytes, int size);
-    bool readFixed(uint32_t tag, void* value, int valueSize);
-    bool readCounted(uint32_t tag, const char*& bytes, int& size);
+    // Hidden from the library's symbol table: called only from BinaryData.cpp, so the compiler
+    // may inline them into the hot write path instead of calling through the PLT.
+#define BASTION_BINARYDATA_INTERNAL __attribute__((visibility("hidden")))
+    BASTION_BINARYDATA_INTERNAL void detach(int extraBytes);
+    BASTION_BINARYDATA_INTERNAL char* appendRaw(int bytes);
+    BASTION_BINARYDATA_INTERNAL int writeFixed(uint32_t tag, uint64_t bits, int valueSize);
+    BASTION_BINARYDATA_INTERNAL int writeCounted(uint32_t tag, const void* bytes, int size);
+    BASTION_BINARYDATA_INTERNAL bool readCounted(uint32_t tag, const char*& bytes, int& size);
+#undef BASTION_BINARYDATA_INTERNAL
 
+    // m_data/m_size are the items: the first m_size bytes of m_bytes, or the linked bytes. When
+    // owned, m_bytes may be longer than m_size (spare room, so appending rarely calls into Qt).
     QByteArray m_bytes;
-    const char* m_link = nullptr;
-    int m_linkSize = 0;
+    const char* m_data;
+    int m_size = 0;
+    // Bytes at m_data this object may write: m_bytes.size() once m_bytes is ours alone, 0 while
+    // linked or while m_bytes still shares a QByteArray given to the constructor.
+    int m_capacity = 0;
     int m_pos = 0;
+    bool m_linked = false;
   };
 }

@@ -391,6 +391,20 @@ TEST(BinaryData, CopiesAreDeepAndOwnTheirBytes)
   ASSERT_TRUE(owned.readInt32(v));
   EXPECT_EQ(v, 1);
   EXPECT_TRUE(owned.atEnd());
+  // Arrays handed in or out are never written through later.
+  const QByteArray given = sampleItems();
+  BinaryData wrapping(given);
+  ASSERT_TRUE(wrapping.patchInt32(0, 77));
+  wrapping.writeInt32(78);
+  EXPECT_EQ(given, items);
+  const QByteArray snapshot = wrapping.toByteArray();
+  ASSERT_TRUE(wrapping.patchInt32(0, 79));
+  wrapping.clear();
+  wrapping.writeInt32(80);
+  BinaryData fromSnapshot(snapshot);
+  ASSERT_TRUE(fromSnapshot.readInt32(v));
+  EXPECT_EQ(v, 77);
+
   BinaryData stolen(std::move(owned));
   EXPECT_EQ(stolen.size(), 8);
   EXPECT_EQ(owned.size(), 0);
