@@ -1,6 +1,8 @@
 #include "plexa/bundle/BundleStream.hpp"
 
+#include "bastion/BinaryData.hpp"
 #include "bastion/Log.hpp"
+#include "plexa/net/ConnectionThread.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -44,6 +46,24 @@ namespace Plexa
       }
       return true;
     }
+
+    /// The connection thread as a byte source. Its failed reads end the connection themselves;
+    /// `abort` ends it the same way for a size that cannot be read at all: "write-error" clears the
+    /// running flag and closes the socket, so the line loop ends and the writer stops.
+    class ConnectionSource : public BundleByteSource
+    {
+    public:
+      explicit ConnectionSource(ConnectionThread& connection) : m_connection(connection) {}
+      bool readData(unsigned char* buffer, int size) override { return m_connection.readData(buffer, size); }
+      void abort() override
+      {
+        Bastion::BinaryData none;
+        m_connection.eventProcess("write-error", none);
+      }
+
+    private:
+      ConnectionThread& m_connection;
+    };
   }
 
   BundleBlockResult readBundleBlock(const QString& line, BundleByteSource& source, std::vector<Bundle>& bundles)
@@ -68,5 +88,23 @@ namespace Plexa
     }
     bundles = std::move(block);
     return BundleBlockResult::Complete;
+  }
+
+  bool processPlexa2(std::shared_ptr<BundleListScheduler> scheduler, ConnectionThread& connection,
+                     const QString& line)
+  {
+    ConnectionSource source(connection);
+    std::vector<Bundle> bundles;
+    switch (readBundleBlock(line, source, bundles)) {
+    case BundleBlockResult::NotABlock:
+      return false;
+    case BundleBlockResult::Complete:
+      if (scheduler)
+        scheduler->scheduleProcess(bundles);
+      return true;
+    case BundleBlockResult::Failed:
+      return true;
+    }
+    return true;
   }
 }
