@@ -178,7 +178,7 @@ TEST(BinaryData, EncodingIsLittleEndianTaggedAndZeroPadded)
                                                   "ff000000");
   EXPECT_EQ(d.toByteArray().toHex(), expected.toHex());
   EXPECT_EQ(QByteArray(d.data(), d.size()), expected);
-  // The map block example in docs/protocol.md: size item, then one key/value pair.
+  // The examples of docs/protocol.md: a size item and one key/value pair, then file-info items.
   BinaryData map;
   const int sizeItem = map.writeInt32(0);
   map.writeString("id");
@@ -187,6 +187,15 @@ TEST(BinaryData, EncodingIsLittleEndianTaggedAndZeroPadded)
   EXPECT_EQ(map.toByteArray().toHex(), QByteArray("0100000020000000"
                                                   "050000000200000069640000"
                                                   "050000000100000037000000"));
+  BinaryData info;
+  info.writeString("a.txt");
+  info.writeInt64(5);
+  info.writeInt64(1000);
+  info.writeString(QString());
+  EXPECT_EQ(info.toByteArray().toHex(), QByteArray("0500000005000000612e747874000000"
+                                                   "020000000500000000000000"
+                                                   "02000000e803000000000000"
+                                                   "0500000000000000"));
 }
 
 TEST(BinaryData, Int32AndInt64ReadsConvertBetweenTheTwoIntegerItems)
