@@ -249,6 +249,7 @@ TEST_F(AssetBaseTest, RemoveFileAndEmptyFoldersStopsAtRoot)
   ASSERT_TRUE(put("/x/keep.txt", "k"));
   ASSERT_TRUE(put("/top.txt", "t"));
   AssetBase store(root());
+  ASSERT_TRUE(store.waitForFileList(10000));
   EXPECT_TRUE(store.removeFileAndEmptyFolders("/a/b/c.txt"));
   EXPECT_FALSE(QFileInfo::exists(file("/a")));
   EXPECT_TRUE(QFileInfo::exists(root()));

@@ -16,9 +16,16 @@
 #include <cstdlib>
 #include <functional>
 #include <mutex>
+#include <ostream>
 #include <random>
 #include <fcntl.h>
 #include <sys/stat.h>
+
+/// Lets GoogleTest print QStrings readably in failure messages.
+inline void PrintTo(const QString& text, std::ostream* os)
+{
+  *os << '"' << text.toStdString() << '"';
+}
 
 namespace Plexa
 {

@@ -1,0 +1,521 @@
+#include "plexa/files/FileTransferHandler.hpp"
+
+#include "plexa/files/AssetBase.hpp"
+#include "plexa/files/FileTransferFormat.hpp"
+#include "plexa/files/RootDirectory.hpp"
+#include "plexa/net/WriterThread.hpp"
+
+#include "bastion/BGThread.hpp"
+#include "bastion/BinaryData.hpp"
+#include "bastion/Guard.hpp"
+#include "bastion/Log.hpp"
+#include "bastion/Mutex.hpp"
+#include "bastion/Task.hpp"
+
+#include <QFile>
+#include <QMap>
+#include <QRegExp>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Plexa
+{
+  namespace
+  {
+    /// The connected time keys a connection's downloads, so two connections must never share one:
+    /// stamps taken in the same clock tick are pushed apart.
+    Bastion::TimeStamp uniqueConnectedTime()
+    {
+      static std::atomic<int64_t> last{0};
+      const int64_t now = Bastion::TimeStamp::getTime().value();
+      int64_t previous = last.load();
+      int64_t next;
+      do {
+        next = std::max(now, previous + 1);
+      } while (!last.compare_exchange_weak(previous, next));
+      return Bastion::TimeStamp::fromValue(next);
+    }
+
+    QRegExp commandExpression(const char* pattern)
+    {
+      return QRegExp(QString::fromLatin1(pattern).arg(QString::fromLatin1(PathPattern)), Qt::CaseSensitive,
+                     QRegExp::RegExp2);
+    }
+
+    /// Writes all of `bytes` to `fd`; false on an error (errno set).
+    bool writeAll(int fd, const QByteArray& bytes)
+    {
+      const char* data = bytes.constData();
+      qint64 left = bytes.size();
+      while (left > 0) {
+        const ssize_t n = ::write(fd, data, size_t(left));
+        if (n < 0 && errno == EINTR)
+          continue;
+        if (n <= 0)
+          return false;
+        data += n;
+        left -= n;
+      }
+      return true;
+    }
+
+    QByteArray parentOf(const QByteArray& path)
+    {
+      const int slash = path.lastIndexOf('/');
+      return slash <= 0 ? QByteArray("/") : path.left(slash);
+    }
+  }
+
+  /// Runs the handler's sending on the background thread. The handler pointer is cleared (and a
+  /// last step run) by the handler's destructor; a step that finds it null finishes the task.
+  class FileTransferHandler::UploadTask : public Bastion::Task
+  {
+  public:
+    explicit UploadTask(FileTransferHandler* handler) : Bastion::Task(1.0), m_handler(handler) {}
+
+    void doTask() override
+    {
+      FileTransferHandler* handler = m_handler.load();
+      if (!handler) {
+        setFinished();
+        return;
+      }
+      switch (handler->sendFileParts()) {
+      case 0:
+        break;
+      case 1:
+        scheduleFromNowSecs(UploadPauseSeconds);
+        break;
+      default:
+        setFinished();
+        break;
+      }
+    }
+
+    void detach() { m_handler.store(nullptr); }
+
+  private:
+    std::atomic<FileTransferHandler*> m_handler;
+  };
+
+  class FileTransferHandler::D
+  {
+  public:
+    explicit D(AssetBase& store) : assets(store) {}
+
+    struct Upload
+    {
+      QString path;
+      /// The root at the time of the request, so the background thread never calls rootPath().
+      QString root;
+    };
+
+    AssetBase& assets;
+
+    // Connection thread only.
+    QMap<QString, qint64> bytesSinceReport;
+    Bastion::TimeStamp connectedTime;
+    QRegExp fileInfo = commandExpression(FileInfoExpression);
+    QRegExp sendFileInfo = commandExpression(SendFileInfoExpression);
+    QRegExp filePart = commandExpression(FilePartExpression);
+    QRegExp sendParts = commandExpression(SendPartsExpression);
+
+    Bastion::Mutex uploadMutex;
+    std::shared_ptr<UploadTask> uploadTask BASTION_GUARDED_BY(uploadMutex);
+    QList<Upload> uploadQueue BASTION_GUARDED_BY(uploadMutex);
+    QString currentPath BASTION_GUARDED_BY(uploadMutex);
+
+    // Background thread only, while a step of the upload task runs.
+    QString sendingPath;
+    QString sendingRoot;
+    QFile currentFile;
+
+    // Constant after construction.
+    long drainListener = -1;
+  };
+
+  FileTransferHandler::FileTransferHandler(Bastion::TCPSocket* socket, bool accepted, AssetBase& assets)
+    : ConnectionThread(socket, accepted), d(new D(assets))
+  {
+    setPingTimeout(60.0);
+    eventAddOut("file-info");
+    // A sender that paused on a full buffer resumes as soon as half of it has gone out, instead of
+    // sleeping out its pause while the socket idles.
+    d->drainListener = writerThread()->addDrainListener(UploadResumeLevel, [this] {
+      Bastion::Guard guard(d->uploadMutex);
+      if (d->uploadTask)
+        d->uploadTask->scheduleFromNowSecs(0);
+    });
+  }
+
+  FileTransferHandler::~FileTransferHandler()
+  {
+    shutdown();
+    writerThread()->removeDrainListener(d->drainListener);
+    Bastion::Guard guard(d->uploadMutex);
+    if (d->uploadTask) {
+      d->uploadTask->detach();
+      d->uploadTask->runNow();
+      d->uploadTask.reset();
+    }
+    // No step runs any more: the file belongs to this thread now.
+    d->currentFile.close();
+  }
+
+  void FileTransferHandler::requestFileInfo(const QString& path)
+  {
+    writeBuffer(QStringLiteral("sendfileinfo \"%1\"\n").arg(path), QByteArray());
+  }
+
+  void FileTransferHandler::requestFileParts(const QString& path)
+  {
+    writeBuffer(QStringLiteral("sendparts \"%1\"\n").arg(path), QByteArray());
+  }
+
+  AssetBase& FileTransferHandler::assets() const
+  {
+    return d->assets;
+  }
+
+  qint64 FileTransferHandler::partCount(qint64 size)
+  {
+    const float parts = float(size) / float(FilePartSize);
+    return qint64(std::ceil(parts));
+  }
+
+  bool FileTransferHandler::parse(QString line)
+  {
+    if (d->fileInfo.exactMatch(line)) {
+      const QString path = d->fileInfo.cap(2);
+      if (path.contains(QLatin1String("..")) || !path.startsWith('/')) {
+        Bastion::error("Filename can't contain '..' and it has to start with '/': %s", path.toUtf8().constData());
+        return true;
+      }
+      bool sizeOk = false, partsOk = false;
+      const qint64 size = d->fileInfo.cap(1).toLongLong(&sizeOk);
+      const qint64 parts = d->fileInfo.cap(3).toLongLong(&partsOk);
+      if (!sizeOk || !partsOk) {
+        Bastion::error("FileTransferHandler::parse # Size or part count out of range for '%s'",
+                       path.toUtf8().constData());
+        return true;
+      }
+      receiveFileInfo(path, size, parts, d->fileInfo.cap(4));
+      return true;
+    }
+    if (d->sendFileInfo.exactMatch(line)) {
+      sendFileInfo(d->sendFileInfo.cap(1));
+      return true;
+    }
+    if (d->filePart.exactMatch(line)) {
+      const QString path = d->filePart.cap(1);
+      bool countOk = false, numberOk = false;
+      const qint64 byteCount = d->filePart.cap(2).toLongLong(&countOk);
+      const qint64 partNumber = d->filePart.cap(3).toLongLong(&numberOk);
+      if (!countOk) {
+        // The bytes that follow cannot be counted, so the stream cannot be kept in step.
+        Bastion::error("FileTransferHandler::receiveFilePart # Byte count %s of a part of '%s' is out of range, "
+                       "closing the connection",
+                       d->filePart.cap(2).toUtf8().constData(), path.toUtf8().constData());
+        stop();
+        return true;
+      }
+      // An unrepresentable part number can match no download: 0 makes it an unexpected part.
+      receiveFilePart(path, byteCount, numberOk ? partNumber : 0);
+      return true;
+    }
+    if (d->sendParts.exactMatch(line)) {
+      startFilePartsUploadTask(d->sendParts.cap(1));
+      return true;
+    }
+    return false;
+  }
+
+  void FileTransferHandler::connected()
+  {
+    d->connectedTime = uniqueConnectedTime();
+  }
+
+  void FileTransferHandler::disconnected()
+  {
+    d->assets.clearDownloadList(d->connectedTime);
+    d->bytesSinceReport.clear();
+  }
+
+  void FileTransferHandler::refuseOutsideRoot(const char* where, const QString& path)
+  {
+    Bastion::error("FileTransferHandler::%s # Refusing '%s': the path leads outside the root folder", where,
+                   path.toUtf8().constData());
+  }
+
+  void FileTransferHandler::sendFileInfo(const QString& path)
+  {
+    const QString root = rootPath();
+    const QByteArray relative = RootDirectory::encode(path);
+    if (!RootDirectory::isConfined(relative)) {
+      refuseOutsideRoot("sendFileInfo", path);
+      return;
+    }
+    const RootDirectory directory(root);
+    struct stat st;
+    if (!directory.stat(relative, st) || !S_ISREG(st.st_mode)) {
+      if (RootDirectory::isEscapeError(errno))
+        refuseOutsideRoot("sendFileInfo", path);
+      else
+        Bastion::error("FileTransferHandler::commitUpload#  file '%s' doesn't exist. Not uploaded",
+                       (root + path).toUtf8().constData());
+      return;
+    }
+    const qint64 size = st.st_size;
+    writeBuffer(QStringLiteral("fileinfo %1 \"%2\" %3 %4\n")
+                  .arg(QString::number(size), path, QString::number(partCount(size)), d->assets.md5(path)),
+                QByteArray());
+  }
+
+  void FileTransferHandler::receiveFileInfo(const QString& path, qint64 size, qint64 parts, const QString& md5)
+  {
+    Bastion::BinaryData info;
+    info.writeString(path);
+    info.writeInt64(size);
+    info.writeInt64(parts);
+    info.writeString(md5);
+    eventSend("file-info", info);
+    if (d->assets.addFileToDownloadList(path, size, parts, md5, d->connectedTime))
+      writeBuffer(QStringLiteral("sendparts \"%1\"\n").arg(path), QByteArray());
+    else
+      Bastion::error("File '%s' is being downloaded already", path.toUtf8().constData());
+  }
+
+  void FileTransferHandler::receiveFilePart(const QString& path, qint64 byteCount, qint64 partNumber)
+  {
+    if (byteCount > FilePartReadLimit) {
+      // Never allocate what a peer announces: read past the bytes in bounded pieces, keeping the
+      // stream in step, and drop them.
+      Bastion::error("FileTransferHandler::receiveFilePart # Part %lld of '%s' has %lld bytes, more than %lld: "
+                     "dropped",
+                     (long long)partNumber, path.toUtf8().constData(), (long long)byteCount,
+                     (long long)FilePartReadLimit);
+      QByteArray sink(int(FilePartReadLimit), Qt::Uninitialized);
+      for (qint64 left = byteCount; left > 0;) {
+        const int piece = int(std::min<qint64>(left, FilePartReadLimit));
+        if (!readData(reinterpret_cast<unsigned char*>(sink.data()), piece))
+          return;
+        left -= piece;
+      }
+      return;
+    }
+    // Read the bytes whatever happens next, so that the stream stays in step.
+    const QByteArray bytes = readData(int(byteCount));
+    if (bytes.size() != byteCount)
+      return;
+
+    const qint64 expected = d->assets.currentParts(path) + 1;
+    if (partNumber != expected || !d->assets.isDownloading(path)) {
+      Bastion::error("received file part %lld but we expected %lld: '%s'", (long long)partNumber,
+                     (long long)expected, path.toUtf8().constData());
+      return;
+    }
+
+    const QString root = rootPath();
+    const QString temporaryName = root + path + QLatin1String(TemporarySuffix);
+    const RootDirectory directory(root);
+    const QByteArray temporary = RootDirectory::encode(path + QLatin1String(TemporarySuffix));
+    // Made only for a download that was booked; a parent that leads outside the root fails here or
+    // in the open below.
+    directory.makeDirectories(parentOf(temporary));
+    if (partNumber == 1)
+      directory.remove(temporary);
+    const qint64 total = d->assets.totalParts(path);
+
+    const int fd = directory.open(temporary, O_WRONLY | O_CREAT | O_APPEND, 0666);
+    if (fd < 0) {
+      Bastion::error("Failed to open %s", temporaryName.toUtf8().constData());
+      return;
+    }
+    const bool written = writeAll(fd, bytes);
+    const int writeError = errno;
+    ::close(fd);
+    if (!written) {
+      Bastion::error("FileTransferHandler::receiveFilePart # Failed to write %s: %s",
+                     temporaryName.toUtf8().constData(), qt_error_string(writeError).toUtf8().constData());
+      return;
+    }
+    d->assets.increasePartCount(path);
+    d->assets.downloadListAddHashData(path, bytes);
+
+    const qint64 current = d->assets.currentParts(path);
+    const bool done = current == total || total == 0;
+    qint64& sinceReport = d->bytesSinceReport[path];
+    sinceReport += bytes.size();
+    if (current % ProgressInterval == 0 || done) {
+      transferProgress(sinceReport, path);
+      sinceReport = 0;
+    }
+    if (done)
+      finishDownload(path);
+  }
+
+  void FileTransferHandler::finishDownload(const QString& path)
+  {
+    d->bytesSinceReport.remove(path);
+    const QString root = rootPath();
+    const QString localName = root + path;
+    const QString temporaryName = localName + QLatin1String(TemporarySuffix);
+    const RootDirectory directory(root);
+    const QByteArray local = RootDirectory::encode(path);
+    const QByteArray temporary = RootDirectory::encode(path + QLatin1String(TemporarySuffix));
+
+    const QString announced = d->assets.downloadListMD5(path);
+    const QString received = d->assets.downloadListPartMD5(path);
+    const QDateTime started = d->assets.downloadListStartTime(path);
+    bool succeeded = false;
+    if (announced == received) {
+      // rename() replaces the old file atomically; only where that is refused (a folder in the
+      // way, say) is the old one deleted first.
+      succeeded = directory.rename(temporary, local);
+      if (!succeeded) {
+        directory.remove(local);
+        succeeded = directory.rename(temporary, local);
+      }
+      if (!succeeded) {
+        Bastion::error("Failed to rename '%s' to '%s'", temporaryName.toUtf8().constData(),
+                       localName.toUtf8().constData());
+        directory.remove(temporary);
+        Bastion::error("File Download for '%s' failed", path.toUtf8().constData());
+      } else {
+        Bastion::debug("FileTransferHandler::receiveFilePart # '%s' received in %lld ms", path.toUtf8().constData(),
+                       (long long)started.msecsTo(QDateTime::currentDateTime()));
+      }
+    } else {
+      Bastion::error("md5 mismatch for '%s'", temporaryName.toUtf8().constData());
+      directory.remove(temporary);
+      Bastion::error("File Download for '%s' failed", path.toUtf8().constData());
+    }
+    d->assets.removeFileFromDownloadList(path, succeeded);
+  }
+
+  void FileTransferHandler::startFilePartsUploadTask(const QString& path)
+  {
+    if (!RootDirectory::isConfined(RootDirectory::encode(path))) {
+      refuseOutsideRoot("startFilePartsUploadTask", path);
+      return;
+    }
+    const QString root = rootPath();
+    Bastion::Guard guard(d->uploadMutex);
+    d->uploadQueue.append({path, root});
+    if (!d->uploadTask) {
+      d->uploadTask = std::make_shared<UploadTask>(this);
+      Bastion::BGThread::instance().addTask(d->uploadTask);
+    }
+  }
+
+  int FileTransferHandler::sendFileParts()
+  {
+    // Checked first: a dropped connection must end the task, not keep it polling a buffer that
+    // nobody drains.
+    if (!isConnected())
+      return abandonUploads();
+    if (bufferedDataSize() > UploadBufferLimit)
+      return 1;
+    if (d->currentFile.isOpen()) {
+      continueSendingFileParts();
+      return 0;
+    }
+    if (!d->uploadMutex.tryLock())
+      return 0;
+    if (!d->uploadQueue.isEmpty()) {
+      const D::Upload next = d->uploadQueue.takeFirst();
+      d->currentPath = next.path;
+      d->uploadMutex.unlock();
+      d->sendingPath = next.path;
+      d->sendingRoot = next.root;
+      startSendingfileParts();
+      return 0;
+    }
+    d->uploadTask.reset();
+    d->uploadMutex.unlock();
+    return 2;
+  }
+
+  int FileTransferHandler::abandonUploads()
+  {
+    if (!d->uploadMutex.tryLock())
+      return 1;
+    d->uploadQueue.clear();
+    d->uploadTask.reset();
+    d->currentPath.clear();
+    d->uploadMutex.unlock();
+    closeCurrentFile();
+    return 2;
+  }
+
+  void FileTransferHandler::closeCurrentFile()
+  {
+    d->currentFile.close();
+  }
+
+  void FileTransferHandler::startSendingfileParts()
+  {
+    const QString fileName = d->sendingRoot + d->sendingPath;
+    const RootDirectory directory(d->sendingRoot);
+    // O_NONBLOCK: a fifo named by the peer must not block the background thread in open().
+    const int fd = directory.open(RootDirectory::encode(d->sendingPath), O_RDONLY | O_NONBLOCK);
+    struct stat st;
+    int failure = fd < 0 ? errno : (::fstat(fd, &st) != 0 ? errno : (S_ISREG(st.st_mode) ? 0 : EISDIR));
+    if (fd >= 0 && failure != 0)
+      ::close(fd);
+    if (failure == 0 && !d->currentFile.open(fd, QIODevice::ReadOnly | QIODevice::Unbuffered,
+                                             QFileDevice::AutoCloseHandle)) {
+      ::close(fd);
+      failure = EIO;
+    }
+    if (failure != 0) {
+      if (RootDirectory::isEscapeError(failure))
+        refuseOutsideRoot("startSendingfileParts", d->sendingPath);
+      else
+        Bastion::error("FileTransferHandler::startSendingfileParts # Failed to open file '%s': %s",
+                       fileName.toUtf8().constData(), qt_error_string(failure).toUtf8().constData());
+      return;
+    }
+    continueSendingFileParts();
+  }
+
+  void FileTransferHandler::continueSendingFileParts()
+  {
+    const QByteArray path = d->sendingPath.toUtf8();
+    if (partCount(d->currentFile.size()) < 1) {
+      writeBufferData("filepart \"" + path + "\" 0 1\n", QByteArray());
+      closeCurrentFile();
+      return;
+    }
+    bool readFailed = false;
+    while (!d->currentFile.atEnd() && isConnected() && bufferedDataSize() <= UploadBufferLimit) {
+      const qint64 partNumber = d->currentFile.pos() / FilePartSize + 1;
+      // A fresh array per part: the writer keeps it until written, so reusing one buffer would only
+      // make Qt copy it on the next read.
+      QByteArray part(int(FilePartSize), Qt::Uninitialized);
+      const qint64 got = d->currentFile.read(part.data(), FilePartSize);
+      if (got < 1) {
+        readFailed = true;
+        break;
+      }
+      part.resize(int(got));
+      const QByteArray header =
+        "filepart \"" + path + "\" " + QByteArray::number(got) + ' ' + QByteArray::number(partNumber) + '\n';
+      writeBuffer(QList<QByteArray>{header, part}, QByteArray());
+    }
+    if (readFailed) {
+      Bastion::error("FileTransferHandler::continueSendingFileParts # Failed to read file '%s': %s",
+                     (d->sendingRoot + d->sendingPath).toUtf8().constData(),
+                     d->currentFile.errorString().toUtf8().constData());
+      closeCurrentFile();
+    } else if (d->currentFile.atEnd()) {
+      closeCurrentFile();
+    }
+  }
+}

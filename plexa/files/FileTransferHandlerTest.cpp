@@ -1,0 +1,242 @@
+#include "plexa/files/FileTransferHandler.hpp"
+#include "plexa/files/FileTransferTestSupport.hpp"
+#include "plexa/files/RootDirectory.hpp"
+
+#include "bastion/BGThread.hpp"
+#include "bastion/LogCapture.hpp"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+using namespace Plexa;
+using namespace Plexa::FileTestSupport;
+
+namespace
+{
+  /// A handler with its store over a temporary root, connected to a RawPeer that plays the other end.
+  class FileTransferHandlerTest : public ::testing::TestWithParam<bool>
+  {
+  protected:
+    void SetUp() override
+    {
+      RootDirectory::setKernelResolveEnabled(GetParam());
+      ASSERT_TRUE(writeFile(root() + "/known.txt", "known"));
+      ASSERT_TRUE(writeFile(m_outside.path() + "/secret", "secret"));
+      ASSERT_TRUE(QFile::link(m_outside.path(), root() + "/out"));
+      ASSERT_TRUE(QFile::link(m_outside.path() + "/secret", root() + "/secret-link"));
+      m_store.reset(new NotifyingStore(root()));
+      ASSERT_TRUE(m_store->waitForFileList(10000));
+      std::tie(m_handler, m_peer) = connectPair<TestHandler, RawPeer>(
+        [&](Bastion::TCPSocket* socket) { return std::make_shared<TestHandler>(socket, true, *m_store, root()); },
+        [] { return std::make_shared<RawPeer>(nullptr, false); });
+      ASSERT_TRUE(m_handler && m_peer);
+    }
+    void TearDown() override
+    {
+      m_peer.reset();
+      m_handler.reset();
+      m_store.reset();
+      RootDirectory::setKernelResolveEnabled(true);
+    }
+    QString root() const { return m_root.path(); }
+    QString canonical(const QString& path) const { return m_store->rootPath() + path; }
+    /// Asks for /known.txt and waits for the answer: everything the peer sent before has been handled
+    /// and anything the handler answered before arrived first.
+    bool roundTrip(int linesBefore)
+    {
+      m_peer->send("sendfileinfo \"/known.txt\"\n");
+      return m_peer->waitLines(linesBefore + 1);
+    }
+    QString knownInfo() const
+    {
+      return QStringLiteral("fileinfo 5 \"/known.txt\" 1 %1").arg(md5Hex("known"));
+    }
+    static QByteArray fileInfo(const QString& path, const QByteArray& content, qint64 parts)
+    {
+      return QStringLiteral("fileinfo %1 \"%2\" %3 %4\n")
+        .arg(QString::number(content.size()), path, QString::number(parts), md5Hex(content))
+        .toUtf8();
+    }
+    static QByteArray part(const QString& path, const QByteArray& bytes, qint64 number)
+    {
+      return QStringLiteral("filepart \"%1\" %2 %3\n").arg(path).arg(bytes.size()).arg(number).toUtf8() + bytes;
+    }
+
+    QTemporaryDir m_root, m_outside;
+    std::unique_ptr<NotifyingStore> m_store;
+    std::shared_ptr<TestHandler> m_handler;
+    std::shared_ptr<RawPeer> m_peer;
+  };
+}
+
+TEST_P(FileTransferHandlerTest, ServingRefusesPathsThatLeaveTheRoot)
+{
+  Bastion::LogCapture log;
+  for (const char* path : {"/../secret", "/a/../known.txt", "/out/secret", "/secret-link"}) {
+    m_peer->send(QByteArray("sendfileinfo \"") + path + "\"\n");
+    m_peer->send(QByteArray("sendparts \"") + path + "\"\n");
+  }
+  m_peer->send("sendfileinfo \"/missing.txt\"\n");
+  ASSERT_TRUE(roundTrip(0));
+  // The first line that came back answers the last request: nothing was sent for the others.
+  EXPECT_EQ(m_peer->lines(), QStringList({knownInfo()}));
+  for (const char* path : {"/../secret", "/a/../known.txt", "/out/secret", "/secret-link"})
+    EXPECT_GE(log.countContaining(QByteArray("'") + path + "': the path leads outside the root folder"), 1) << path;
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "FileTransferHandler::commitUpload#  file '" +
+                                                       QFile::encodeName(root()) +
+                                                       "/missing.txt' doesn't exist. Not uploaded"));
+  // The refused uploads were never queued; the linked ones fail at the open, also without a byte sent.
+  m_peer->send("sendparts \"/known.txt\"\n");
+  ASSERT_TRUE(m_peer->waitLines(2));
+  EXPECT_EQ(m_peer->received().at(1).line, "filepart \"/known.txt\" 5 1");
+  EXPECT_EQ(m_peer->received().at(1).bytes, "known");
+}
+
+TEST_P(FileTransferHandlerTest, UnlistedFileIsAnnouncedWithoutChecksum)
+{
+  ASSERT_TRUE(writeFile(root() + "/new.txt", "fresh"));
+  m_peer->send("sendfileinfo \"/new.txt\"\n");
+  ASSERT_TRUE(m_peer->waitLines(1));
+  EXPECT_EQ(m_peer->lines(), QStringList({"fileinfo 5 \"/new.txt\" 1 "}));
+}
+
+TEST_P(FileTransferHandlerTest, RefusedAnnouncementsChangeNothing)
+{
+  Bastion::LogCapture log;
+  m_peer->send(fileInfo("/a..b", "x", 1));
+  m_peer->send(fileInfo("/x/../y", "x", 1));
+  m_peer->send("fileinfo 99999999999999999999 \"/big\" 1 " + md5Hex("x").toLatin1() + "\n");
+  ASSERT_TRUE(roundTrip(0));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "Filename can't contain '..' and it has to start with '/': /a..b"));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "Filename can't contain '..' and it has to start with '/': /x/../y"));
+  EXPECT_EQ(log.countContaining("out of range for '/big'"), 1);
+  EXPECT_FALSE(m_store->isDownloading("/a..b"));
+  EXPECT_FALSE(m_store->isDownloading("/big"));
+  EXPECT_EQ(m_peer->lines(), QStringList({knownInfo()}));
+
+  // A second announcement of a file being downloaded is refused whoever sends it.
+  m_peer->send(fileInfo("/twice", "abc", 1));
+  m_peer->send(fileInfo("/twice", "abc", 1));
+  ASSERT_TRUE(roundTrip(2));
+  EXPECT_EQ(m_peer->lines().mid(1), QStringList({"sendparts \"/twice\"", knownInfo()}));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "File '/twice' is being downloaded already"));
+}
+
+TEST_P(FileTransferHandlerTest, ReceivedFileIsVerifiedAndMovedIntoPlace)
+{
+  Bastion::LogCapture log;
+  const QByteArray first = randomBytes(65536, 3), second = randomBytes(7, 4);
+  ASSERT_TRUE(writeFile(root() + "/deep/er/f.bin", "old content"));
+  ASSERT_TRUE(writeFile(root() + "/deep/er/f.bin.filesync.part", "stale leftover"));
+  m_peer->send(fileInfo("/deep/er/f.bin", first + second, 2));
+  ASSERT_TRUE(m_peer->waitLines(1));
+  EXPECT_EQ(m_peer->lines().at(0), "sendparts \"/deep/er/f.bin\"");
+  // Out of order, and not booked: consumed and dropped.
+  m_peer->send(part("/deep/er/f.bin", second, 2));
+  m_peer->send(part("/other", second, 1));
+  m_peer->send(part("/deep/er/f.bin", first, 1));
+  ASSERT_TRUE(roundTrip(1));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "received file part 2 but we expected 1: '/deep/er/f.bin'"));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "received file part 1 but we expected 0: '/other'"));
+  EXPECT_FALSE(QFileInfo::exists(root() + "/other.filesync.part"));
+  // Part 1 started the temporary file afresh; the old file stays until the whole file checks out.
+  EXPECT_EQ(readFile(root() + "/deep/er/f.bin.filesync.part"), first);
+  EXPECT_EQ(readFile(root() + "/deep/er/f.bin"), "old content");
+  EXPECT_EQ(m_store->currentParts("/deep/er/f.bin"), 1);
+
+  m_peer->send(part("/deep/er/f.bin", second, 2));
+  ASSERT_TRUE(m_store->finished.wait());
+  EXPECT_EQ(readFile(root() + "/deep/er/f.bin"), first + second);
+  EXPECT_FALSE(QFileInfo::exists(root() + "/deep/er/f.bin.filesync.part"));
+  EXPECT_EQ(m_store->md5("/deep/er/f.bin"), md5Hex(first + second));
+  EXPECT_EQ(m_handler->progressOf("/deep/er/f.bin"), first.size() + second.size());
+
+  // An empty file: announced with 0 parts, finished by its single empty part.
+  m_peer->send(fileInfo("/empty", QByteArray(), 0));
+  m_peer->send("filepart \"/empty\" 0 1\n");
+  ASSERT_TRUE(m_store->finished.wait(2));
+  EXPECT_TRUE(QFileInfo(root() + "/empty").isFile());
+  EXPECT_EQ(QFileInfo(root() + "/empty").size(), 0);
+}
+
+TEST_P(FileTransferHandlerTest, ChecksumMismatchLeavesOldFileAlone)
+{
+  Bastion::LogCapture log;
+  ASSERT_TRUE(writeFile(root() + "/f.txt", "old"));
+  QByteArray announcement = fileInfo("/f.txt", "right", 1);
+  m_peer->send(announcement);
+  ASSERT_TRUE(m_peer->waitLines(1));
+  m_peer->send(part("/f.txt", "wrong", 1));
+  ASSERT_TRUE(m_store->finished.wait());
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "md5 mismatch for '" + QFile::encodeName(root()) +
+                                                       "/f.txt.filesync.part'"));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "File Download for '/f.txt' failed"));
+  EXPECT_EQ(readFile(root() + "/f.txt"), "old");
+  EXPECT_FALSE(QFileInfo::exists(root() + "/f.txt.filesync.part"));
+  EXPECT_FALSE(m_store->isDownloading("/f.txt"));
+}
+
+TEST_P(FileTransferHandlerTest, ReceivingThroughLinkOutOfRootFails)
+{
+  Bastion::LogCapture log;
+  m_peer->send(fileInfo("/out/planted", "evil", 1));
+  ASSERT_TRUE(m_peer->waitLines(1));
+  m_peer->send(part("/out/planted", "evil", 1));
+  ASSERT_TRUE(roundTrip(1));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error,
+                           "Failed to open " + QFile::encodeName(root()) + "/out/planted.filesync.part"));
+  EXPECT_EQ(QDir(m_outside.path()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries), QStringList({"secret"}));
+  EXPECT_EQ(m_store->currentParts("/out/planted"), 0);
+}
+
+TEST_P(FileTransferHandlerTest, OversizedPartIsReadPastAndDropped)
+{
+  Bastion::LogCapture log;
+  m_peer->send(fileInfo("/f", randomBytes(70000, 5), 2));
+  ASSERT_TRUE(m_peer->waitLines(1));
+  m_peer->send(part("/f", randomBytes(70000, 5), 1));
+  ASSERT_TRUE(roundTrip(1));
+  EXPECT_EQ(log.countContaining("Part 1 of '/f' has 70000 bytes, more than 65536: dropped"), 1);
+  EXPECT_EQ(m_store->currentParts("/f"), 0);
+  EXPECT_FALSE(QFileInfo::exists(root() + "/f.filesync.part"));
+
+  // A count that no 64-bit number holds cannot be read past: the connection ends.
+  m_peer->send("filepart \"/f\" 123456789012345678901234567890 1\n");
+  EXPECT_TRUE(m_handler->disconnectedSignal.wait());
+  EXPECT_EQ(log.countContaining("Byte count 123456789012345678901234567890 of a part of '/f' is out of range"), 1);
+  // The download that connection started went with it.
+  EXPECT_FALSE(m_store->isDownloading("/f"));
+}
+
+TEST_P(FileTransferHandlerTest, UnknownLinesGoToTheConnection)
+{
+  Bastion::LogCapture log;
+  m_peer->send("sendfileinfo \"/a?b\"\nsendparts \"relative\"\nfilepart \"/x\" -1 1\n");
+  ASSERT_TRUE(roundTrip(0));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "Failed to parse command 'sendfileinfo \"/a?b\"'"));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "Failed to parse command 'sendparts \"relative\"'"));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "Failed to parse command 'filepart \"/x\" -1 1'"));
+}
+
+TEST_P(FileTransferHandlerTest, DroppedUploadEndsItsTask)
+{
+  // More than the write buffer holds, sent to a peer that stops reading and then goes away.
+  ASSERT_TRUE(writeFile(root() + "/large.bin", QByteArray(48 << 20, 'x')));
+  m_store->buildFileList(nullptr);
+  const int tasksBefore = Bastion::BGThread::instance().taskCount();
+  m_peer->send("sendparts \"/large.bin\"\n");
+  ASSERT_TRUE(m_peer->waitLines(1));
+  m_peer->stop();
+  ASSERT_TRUE(m_handler->disconnectedSignal.wait());
+  // The task notices the dropped connection and finishes instead of polling the full buffer.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (Bastion::BGThread::instance().taskCount() > tasksBefore && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
+  EXPECT_EQ(Bastion::BGThread::instance().taskCount(), tasksBefore);
+}
+
+INSTANTIATE_TEST_SUITE_P(Resolution, FileTransferHandlerTest, ::testing::Values(true, false),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return std::string(info.param ? "Kernel" : "ComponentWalk");
+                         });

@@ -1,0 +1,168 @@
+#pragma once
+
+// Connections for the tests of the file transfer (unit tests here, loopback tests in tests/).
+// Header only; nothing of it goes into the library.
+
+#include "plexa/files/AssetBase.hpp"
+#include "plexa/files/FileTestSupport.hpp"
+#include "plexa/files/FileTransferHandler.hpp"
+#include "plexa/net/ConnectionThread.hpp"
+
+#include "bastion/TCPServerSocket.hpp"
+#include "bastion/TCPSocket.hpp"
+
+#include <QMap>
+#include <QRegExp>
+#include <QStringList>
+
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace Plexa
+{
+  namespace FileTestSupport
+  {
+    /// A store that signals every time its download list becomes empty.
+    class NotifyingStore : public AssetBase
+    {
+    public:
+      using AssetBase::AssetBase;
+      void transferFinished() override { finished.raise(); }
+      Signal finished;
+    };
+
+    /// A handler serving and receiving below a fixed root, recording progress reports.
+    class TestHandler : public FileTransferHandler
+    {
+    public:
+      TestHandler(Bastion::TCPSocket* socket, bool accepted, AssetBase& assets, const QString& root)
+        : FileTransferHandler(socket, accepted, assets), m_root(root)
+      {
+        eventAddListener("connected", [this](Bastion::BinaryData&) { connectedSignal.raise(); });
+        eventAddListener("disconnected", [this](Bastion::BinaryData&) { disconnectedSignal.raise(); });
+      }
+      ~TestHandler() override { shutdown(); }
+
+      QString rootPath() override { return m_root; }
+      void transferFailed(const QString&) override {}
+      void transferProgress(qint64 bytes, const QString& path) override
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_progress[path] += bytes;
+        ++m_reports;
+      }
+      qint64 progressOf(const QString& path)
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_progress.value(path);
+      }
+      int reports()
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_reports;
+      }
+
+      Signal connectedSignal, disconnectedSignal;
+
+    private:
+      const QString m_root;
+      std::mutex m_mutex;
+      QMap<QString, qint64> m_progress;
+      int m_reports = 0;
+    };
+
+    /// The other end of a handler, speaking the protocol by hand: it records every line (and the
+    /// raw bytes after a "filepart" line) and sends whatever bytes a test gives it.
+    class RawPeer : public ConnectionThread
+    {
+    public:
+      struct Received
+      {
+        QString line;
+        QByteArray bytes;
+      };
+
+      RawPeer(Bastion::TCPSocket* socket, bool accepted) : ConnectionThread(socket, accepted)
+      {
+        eventAddListener("connected", [this](Bastion::BinaryData&) { connectedSignal.raise(); });
+        eventAddListener("disconnected", [this](Bastion::BinaryData&) { disconnectedSignal.raise(); });
+      }
+      ~RawPeer() override { shutdown(); }
+
+      void send(const QByteArray& bytes) { writeBufferData(bytes, QByteArray()); }
+      /// Waits until `count` lines arrived in all.
+      bool waitLines(int count, int timeoutMs = 10000) { return m_lines.wait(count, timeoutMs); }
+      std::vector<Received> received()
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_received;
+      }
+      QStringList lines()
+      {
+        QStringList result;
+        for (const Received& r : received())
+          result.append(r.line);
+        return result;
+      }
+
+      Signal connectedSignal, disconnectedSignal;
+
+    protected:
+      bool parse(QString line) override
+      {
+        Received r{line, {}};
+        QRegExp part(QStringLiteral("^filepart \".*\" (\\d+) \\d+$"));
+        if (part.exactMatch(line))
+          r.bytes = readData(part.cap(1).toInt());
+        {
+          std::lock_guard<std::mutex> lock(m_mutex);
+          m_received.push_back(r);
+        }
+        m_lines.raise();
+        return true;
+      }
+
+    private:
+      std::mutex m_mutex;
+      std::vector<Received> m_received;
+      Signal m_lines;
+    };
+
+    /// A listening socket on 127.0.0.1 and an ephemeral port.
+    class Listener
+    {
+    public:
+      Listener() { m_server.open("127.0.0.1", 0, 4); }
+      int port() const { return m_server.localPort(); }
+      /// The next accepted connection, or null after `timeoutMs`.
+      Bastion::TCPSocket* accept(int timeoutMs = 10000)
+      {
+        return m_server.isPendingConnection(timeoutMs * 1000) ? m_server.accept() : nullptr;
+      }
+
+    private:
+      Bastion::TCPServerSocket m_server;
+    };
+
+    /// Connects a client of type C to a freshly accepted server of type S, both started and
+    /// connected. `makeServer(socket)` and `makeClient()` build them; nulls on failure.
+    template <typename S, typename C, typename MakeServer, typename MakeClient>
+    std::pair<std::shared_ptr<S>, std::shared_ptr<C>> connectPair(MakeServer makeServer, MakeClient makeClient)
+    {
+      Listener listener;
+      std::shared_ptr<C> client = makeClient();
+      client->setReconnect(false);
+      client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
+      Bastion::TCPSocket* socket = listener.accept();
+      if (!socket)
+        return {};
+      std::shared_ptr<S> server = makeServer(socket);
+      server->run();
+      if (!server->connectedSignal.wait() || !client->connectedSignal.wait())
+        return {};
+      return {server, client};
+    }
+  }
+}
