@@ -52,17 +52,20 @@ namespace Plexa
       writer.write(reader.read(m_size), m_size);
       return;
     }
+    // Everything is read before anything is written, so a value that fails leaves nothing cached.
     const uint32_t count = reader.readValue<uint32_t>();
-    writer.writeValue(count);
     if (count == ZeroTerminatedStringCount) {
       // Decoders take such a text up to the first zero byte and read on right behind the count:
       // keep that text (bounded by the buffer) and leave the position where a decoder leaves it.
       const char* text = reader.data->constData() + reader.position;
+      writer.writeValue(count);
       writer.write(text, uint32_t(::strnlen(text, size_t(reader.remaining()))));
       return;
     }
+    const void* bytes = count ? reader.readBounded(count) : nullptr;
+    writer.writeValue(count);
     if (count != 0)
-      writer.write(reader.readBounded(count), count);
+      writer.write(bytes, count);
   }
 
   void AliasDeserializer::onAliasChanged()
