@@ -12,9 +12,9 @@
 
 #include <QReadWriteLock>
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <set>
 #include <unordered_map>
@@ -34,6 +34,37 @@ namespace Plexa
       p += name;
       return p;
     }
+
+    /// The listener table, sorted by id (ids only grow, so appending keeps the order). Tables are
+    /// immutable once published: a change publishes a new one.
+    using ListenerTable = std::vector<std::pair<long, NodeWatcher::Listener>>;
+
+    std::atomic<uint64_t> nextWatcherId{1};
+
+    /// Each thread keeps the last table it dispatched with, tagged with the watcher and the table
+    /// version, so that a dispatch normally takes neither the listener lock nor a reference count
+    /// (one value change = one event; this is the hot path). A table replaced while a dispatch
+    /// of this thread may still walk it is parked until the outermost dispatch returns.
+    struct DispatchCache
+    {
+      uint64_t watcher = 0;
+      uint64_t version = 0;
+      std::shared_ptr<const ListenerTable> table;
+      int depth = 0;
+      std::vector<std::shared_ptr<const ListenerTable>> parked;
+
+      void drop()
+      {
+        if (depth > 0 && table)
+          parked.push_back(std::move(table));
+        table.reset();
+        watcher = 0;
+      }
+    };
+
+    // Initial-exec: one load instead of a call to find the block (the library is linked, not
+    // loaded at run time, and the block is small).
+    thread_local DispatchCache dispatchCache __attribute__((tls_model("initial-exec")));
 
     /// An object added at run time whose description waits for the next update (or its first
     /// change). The temporary change listener goes away with the record or when it is claimed.
@@ -75,6 +106,12 @@ namespace Plexa
   {
   public:
     D(Bastion::SymbolRegistry& registry, AttributeCache& cache) : m_registry(registry), m_cache(cache) {}
+    ~D()
+    {
+      // Do not keep this watcher's listeners (and what they capture) alive in this thread's cache.
+      if (dispatchCache.watcher == m_id)
+        dispatchCache.drop();
+    }
 
     void startWatching(Carafe::Node& root, bool send);
     void update();
@@ -85,8 +122,6 @@ namespace Plexa
     bool isPendingUpdate(uint32_t symbol) const;
 
   private:
-    using ListenerTable = std::map<long, Listener>;
-
     void event(EventType type, uint32_t symbol);
 
     void somethingAdded(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send);
@@ -127,11 +162,15 @@ namespace Plexa
     // Size of m_ignored, so that dispatch skips the mutex while nothing is ignored.
     std::atomic<int> m_ignoredCount{0};
 
+    const uint64_t m_id = nextWatcherId.fetch_add(1);
     QReadWriteLock m_listenerLock;
-    // Guarded by m_listenerLock. Replaced, never edited, so dispatch takes a snapshot by copying
-    // one pointer under the read lock and calls it after releasing the lock.
+    // Guarded by m_listenerLock. Replaced, never edited: a dispatch takes the current table as
+    // its snapshot and calls it after releasing the lock.
     std::shared_ptr<const ListenerTable> m_listeners = std::make_shared<ListenerTable>();
     long m_nextListenerId = 0;
+    // Bumped (under the write lock) whenever m_listeners is replaced; read without the lock to
+    // tell whether a thread's cached snapshot is still current.
+    std::atomic<uint64_t> m_listenerVersion{0};
 
     std::atomic<bool> m_watching{false};
   };
@@ -148,13 +187,33 @@ namespace Plexa
         return;
       }
     }
-    std::shared_ptr<const ListenerTable> listeners;
-    {
-      QReadLocker lock(&m_listenerLock);
-      listeners = m_listeners;
+    DispatchCache& cache = dispatchCache;
+    if (cache.watcher != m_id || cache.version != m_listenerVersion.load(std::memory_order_acquire)) {
+      std::shared_ptr<const ListenerTable> table;
+      uint64_t version;
+      {
+        QReadLocker lock(&m_listenerLock);
+        table = m_listeners;
+        version = m_listenerVersion.load(std::memory_order_relaxed);
+      }
+      cache.drop();
+      cache.table = std::move(table);
+      cache.watcher = m_id;
+      cache.version = version;
     }
+    struct Depth
+    {
+      DispatchCache& cache;
+      explicit Depth(DispatchCache& c) : cache(c) { ++cache.depth; }
+      ~Depth()
+      {
+        if (--cache.depth == 0)
+          cache.parked.clear();
+      }
+    } depth(cache);
+    const ListenerTable& listeners = *cache.table;
     const Event e{type, symbol};
-    for (const auto& entry : *listeners)
+    for (const auto& entry : listeners)
       entry.second(e);
   }
 
@@ -163,19 +222,22 @@ namespace Plexa
     QWriteLocker lock(&m_listenerLock);
     auto table = std::make_shared<ListenerTable>(*m_listeners);
     const long id = m_nextListenerId++;
-    table->emplace(id, listener);
+    table->emplace_back(id, listener);
     m_listeners = std::move(table);
+    m_listenerVersion.fetch_add(1, std::memory_order_release);
     return id;
   }
 
   void NodeWatcher::D::removeListener(long id)
   {
     QWriteLocker lock(&m_listenerLock);
-    if (m_listeners->count(id) == 0)
+    auto it = std::find_if(m_listeners->begin(), m_listeners->end(), [id](const auto& e) { return e.first == id; });
+    if (it == m_listeners->end())
       return;
     auto table = std::make_shared<ListenerTable>(*m_listeners);
-    table->erase(id);
+    table->erase(table->begin() + (it - m_listeners->begin()));
     m_listeners = std::move(table);
+    m_listenerVersion.fetch_add(1, std::memory_order_release);
   }
 
   void NodeWatcher::D::ignoreOne(const Event& event)
