@@ -240,3 +240,35 @@ INSTANTIATE_TEST_SUITE_P(Resolution, FileTransferHandlerTest, ::testing::Values(
                          [](const ::testing::TestParamInfo<bool>& info) {
                            return std::string(info.param ? "Kernel" : "ComponentWalk");
                          });
+
+TEST_P(FileTransferHandlerTest, DroppedConnectionClearsOnlyItsDownloads)
+{
+  std::shared_ptr<TestHandler> otherHandler;
+  std::shared_ptr<RawPeer> otherPeer;
+  std::tie(otherHandler, otherPeer) = connectPair<TestHandler, RawPeer>(
+    [&](Bastion::TCPSocket* socket) { return std::make_shared<TestHandler>(socket, true, *m_store, root()); },
+    [] { return std::make_shared<RawPeer>(nullptr, false); });
+  ASSERT_TRUE(otherHandler && otherPeer);
+  const QByteArray a = randomBytes(65536 + 10, 8), b = randomBytes(65536 + 20, 9);
+  m_peer->send(fileInfo("/a.bin", a, 2) + part("/a.bin", a.left(65536), 1));
+  otherPeer->send(fileInfo("/b.bin", b, 2) + part("/b.bin", b.left(65536), 1));
+  ASSERT_TRUE(roundTrip(1));
+  ASSERT_TRUE(otherPeer->waitLines(1));
+  otherPeer->send("sendfileinfo \"/known.txt\"\n");
+  ASSERT_TRUE(otherPeer->waitLines(2));
+  ASSERT_TRUE(QFileInfo::exists(root() + "/a.bin.filesync.part"));
+  ASSERT_TRUE(QFileInfo::exists(root() + "/b.bin.filesync.part"));
+
+  m_peer->stop();
+  ASSERT_TRUE(m_handler->disconnectedSignal.wait());
+  EXPECT_FALSE(m_store->isDownloading("/a.bin"));
+  EXPECT_FALSE(QFileInfo::exists(root() + "/a.bin.filesync.part"));
+  EXPECT_TRUE(m_store->isDownloading("/b.bin"));
+
+  otherPeer->send(part("/b.bin", b.mid(65536), 2));
+  ASSERT_TRUE(m_store->finished.wait());
+  EXPECT_EQ(readFile(root() + "/b.bin"), b);
+  EXPECT_FALSE(QFileInfo::exists(root() + "/a.bin"));
+  otherPeer.reset();
+  otherHandler.reset();
+}
