@@ -152,7 +152,7 @@ namespace Bastion
     std::memset(&hints, 0, sizeof(hints));
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICSERV | AI_ADDRCONFIG;
+    hints.ai_flags = AI_NUMERICSERV;
     addrinfo* list = nullptr;
     const QByteArray service = QByteArray::number(port);
     if (port < 0 || port > 65535 || !host || getaddrinfo(host, service.constData(), &hints, &list) != 0 || !list)
