@@ -14,20 +14,20 @@ namespace Plexa
              type == NodeWatcher::AttributeChanged;
     }
 
-    size_t indexCapacityFor(size_t events)
-    {
-      size_t cap = 16;
-      while (cap < events * 2)
-        cap *= 2;
-      return cap;
-    }
+    constexpr size_t MinIndexCells = 64;
+
+    size_t cellFor(uint32_t symbol, size_t mask) { return (symbol * 0x9E3779B1u) & mask; }
   }
 
   void AttributeChangeCompressor::resetIndex(size_t events)
   {
-    const size_t cap = indexCapacityFor(events);
-    // Reuse the table unless it is much larger than needed: clearing it costs its size.
-    if (m_index.size() < cap || m_index.size() > cap * 4) {
+    // The table grows with the distinct symbols of a batch, not with its length: a long batch
+    // over few attributes stays in the processor's caches. Clearing costs the table's size, so
+    // a table left large by an earlier batch shrinks when this batch cannot need it.
+    size_t cap = m_index.size() < MinIndexCells ? MinIndexCells : m_index.size();
+    while (cap > MinIndexCells && cap / 4 > events)
+      cap /= 2;
+    if (cap != m_index.size()) {
       m_index.assign(cap, 0);
       m_indexKeys.assign(cap, 0);
     } else {
@@ -36,23 +36,44 @@ namespace Plexa
     m_states.clear();
   }
 
+  void AttributeChangeCompressor::growIndex()
+  {
+    const size_t cap = m_index.size() * 2;
+    m_index.assign(cap, 0);
+    m_indexKeys.assign(cap, 0);
+    for (size_t slot = 0; slot < m_states.size(); ++slot) {
+      size_t pos = cellFor(m_states[slot].symbol, cap - 1);
+      while (m_index[pos] != 0)
+        pos = (pos + 1) & (cap - 1);
+      m_index[pos] = uint32_t(slot + 1);
+      m_indexKeys[pos] = m_states[slot].symbol;
+    }
+  }
+
   uint32_t AttributeChangeCompressor::slotFor(uint32_t symbol)
   {
-    const size_t mask = m_index.size() - 1;
-    size_t pos = (symbol * 0x9E3779B1u) & mask;
+    size_t mask = m_index.size() - 1;
+    size_t pos = cellFor(symbol, mask);
     while (true) {
       const uint32_t entry = m_index[pos];
-      if (entry == 0) {
-        // The table holds at least twice as many cells as there are events, so it never fills.
-        m_states.push_back({symbol, -1, false, false, false});
-        m_index[pos] = uint32_t(m_states.size());
-        m_indexKeys[pos] = symbol;
-        return uint32_t(m_states.size() - 1);
-      }
+      if (entry == 0)
+        break;
       if (m_indexKeys[pos] == symbol)
         return entry - 1;
       pos = (pos + 1) & mask;
     }
+    // New symbol. Keep the table at most half full so that probes stay short.
+    if ((m_states.size() + 1) * 2 > m_index.size()) {
+      growIndex();
+      mask = m_index.size() - 1;
+      pos = cellFor(symbol, mask);
+      while (m_index[pos] != 0)
+        pos = (pos + 1) & mask;
+    }
+    m_states.push_back({symbol, -1, false, false, false});
+    m_index[pos] = uint32_t(m_states.size());
+    m_indexKeys[pos] = symbol;
+    return uint32_t(m_states.size() - 1);
   }
 
   void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& events,

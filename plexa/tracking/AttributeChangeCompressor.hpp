@@ -58,7 +58,8 @@ namespace Plexa
     };
 
     uint32_t slotFor(uint32_t symbol);
-    void resetIndex(size_t expectedSymbols);
+    void resetIndex(size_t events);
+    void growIndex();
 
     /// Kept records of the backward pass, in reverse order.
     std::vector<ChangeData> m_scratch;
