@@ -24,6 +24,13 @@ namespace Plexa
       m_handshakeTimeoutMs(NetFormat::DefaultHandshakeTimeoutMs),
       m_writeTimeoutMs(NetFormat::DefaultWriteTimeoutMs)
   {
+    if (accepted && socket)
+    {
+      // An accepted connection knows its peer only from the socket; log lines name it.
+      Bastion::Guard guard(m_infoMutex);
+      m_host = QString::fromUtf8(socket->peerAddress());
+      m_port = socket->peerPort();
+    }
     m_writer = new WriterThread(this);
     eventAddIn("write-error");
     eventAddIn("data-written");
@@ -141,11 +148,7 @@ namespace Plexa
   QByteArray ConnectionThread::addressUtf8() const
   {
     Bastion::Guard guard(m_infoMutex);
-    if (!m_host.isEmpty() || !m_accepted)
-      return m_host.toUtf8() + ':' + QByteArray::number(m_port);
-    // An accepted connection knows its peer only from the socket.
-    Bastion::TCPSocket* socket = m_socket.load();
-    return socket ? socket->peerAddress() + ':' + QByteArray::number(socket->peerPort()) : QByteArray("?");
+    return m_host.toUtf8() + ':' + QByteArray::number(m_port);
   }
 
   void ConnectionThread::setReconnect(bool reconnect)
@@ -691,10 +694,10 @@ namespace Plexa
   void ConnectionThread::queue(const QString& text)
   {
     const QByteArray bytes = text.toUtf8();
-    // The connected test and the append happen under one hold, so text can never land in
-    // `pending` after the hand-over has emptied it.
+    // The test and the append happen under one hold with the hand-over: text goes straight to the
+    // writer only when nothing older waits, and never lands in `pending` after the hand-over.
     Bastion::Guard guard(m_queueMutex);
-    if (isConnected())
+    if (isConnected() && m_pending.isEmpty())
       m_writer->writeData(bytes, QByteArray());
     else
       m_pending.append(bytes);
