@@ -1,0 +1,231 @@
+#include "bastion/LogCapture.hpp"
+#include "bastion/PlatformUtils.hpp"
+#include "plexa/files/ServerBase.hpp"
+#include "plexa/net/ConnectionTestSupport.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+using namespace PlexaTest;
+
+namespace
+{
+  /// A server whose factory makes recording connections and which records its hooks.
+  class TestServer : public Plexa::ServerBase
+  {
+  public:
+    ~TestServer() override
+    {
+      stop(true);
+      closeConnections();
+    }
+
+    struct Removal
+    {
+      std::shared_ptr<Plexa::ConnectionThread> connection;
+      bool threadEnded = false;
+      bool listed = false;
+    };
+
+    bool waitFor(const std::function<bool()>& predicate, int timeoutMs = WaitMs)
+    {
+      std::unique_lock<std::recursive_mutex> lock(m_mutex);
+      return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), predicate);
+    }
+    std::vector<Removal> removals()
+    {
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      return m_removals;
+    }
+    int connectedCount()
+    {
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      return m_connected;
+    }
+    int disconnectedCount()
+    {
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      return m_disconnected;
+    }
+    int created()
+    {
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      return m_created;
+    }
+
+  protected:
+    std::shared_ptr<Plexa::ConnectionThread> createConnection(Bastion::TCPSocket* socket) override
+    {
+      auto connection = std::make_shared<RecordingConnection>(socket, true);
+      connection->setHandshakeTimeout(2000);
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      ++m_created;
+      m_changed.notify_all();
+      return connection;
+    }
+    void removedInstance(std::shared_ptr<Plexa::ConnectionThread> connection) override
+    {
+      Removal removal;
+      removal.connection = connection;
+      removal.threadEnded = !connection->isRunning();
+      const auto listed = instances();
+      removal.listed = std::find(listed.begin(), listed.end(), connection) != listed.end();
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      m_removals.push_back(removal);
+      m_changed.notify_all();
+    }
+    void connected(std::shared_ptr<Plexa::ConnectionThread>) override
+    {
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      ++m_connected;
+      m_changed.notify_all();
+    }
+    void disconnected(std::shared_ptr<Plexa::ConnectionThread>) override
+    {
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      ++m_disconnected;
+      m_changed.notify_all();
+    }
+
+  private:
+    std::recursive_mutex m_mutex;
+    std::condition_variable_any m_changed;
+    std::vector<Removal> m_removals;
+    int m_connected = 0;
+    int m_disconnected = 0;
+    int m_created = 0;
+  };
+
+  /// Starts `server` on an ephemeral port of 127.0.0.1 and returns the port (0 on failure).
+  int startOnFreePort(TestServer& server)
+  {
+    server.run("127.0.0.1", 0);
+    for (int i = 0; i < 100 && server.localPort() == 0; ++i)
+      server.waitEnd(20);
+    return server.localPort();
+  }
+
+  std::shared_ptr<RecordingConnection> client(int port)
+  {
+    auto connection = std::make_shared<RecordingConnection>(nullptr, false);
+    connection->connectToHost("127.0.0.1", port);
+    return connection;
+  }
+}
+
+TEST(ServerBase, BusyPortIsBoundOnceFreeAndStopEndsTheWait)
+{
+  Bastion::LogCapture log;
+  std::atomic<int> firewallCalls{0};
+  Bastion::PlatformUtils::setFirewallHook([&](int, const QString& rule) {
+    EXPECT_EQ(rule, "plexa-test");
+    ++firewallCalls;
+    return true;
+  });
+  Listener blocker;
+  ASSERT_TRUE(blocker.isOpen());
+  const int port = blocker.port();
+  {
+    TestServer server;
+    server.setAutoFirewallRules(true, "plexa-test");
+    server.run("127.0.0.1", port);
+    EXPECT_FALSE(server.waitEnd(300));
+    EXPECT_EQ(firewallCalls.load(), 1);
+    // A second run changes nothing while the thread runs.
+    server.run("127.0.0.1", port + 1);
+    blocker.close();
+    const QByteArray listening = "Listening 127.0.0.1:" + QByteArray::number(port);
+    for (int i = 0; i < 80 && !log.contains(Bastion::LogLevel::Info, listening); ++i)
+      server.waitEnd(100);
+    EXPECT_TRUE(log.contains(Bastion::LogLevel::Info, listening));
+    EXPECT_EQ(server.localPort(), port);
+    EXPECT_EQ(firewallCalls.load(), 2);
+    server.stop(false);
+    EXPECT_TRUE(server.waitEnd(1000));
+  }
+  {
+    Listener busy;
+    TestServer server;
+    server.run("127.0.0.1", busy.port());
+    EXPECT_FALSE(server.waitEnd(200));
+    server.stop(false);
+    EXPECT_TRUE(server.waitEnd(1000));
+    EXPECT_EQ(log.countContaining("Listening"), 1);
+  }
+  Bastion::PlatformUtils::setFirewallHook(nullptr);
+}
+
+TEST(ServerBase, DisconnectedConnectionIsRetiredAfterItsThreadEnded)
+{
+  TestServer server;
+  const int port = startOnFreePort(server);
+  ASSERT_NE(port, 0);
+  auto first = client(port);
+  auto second = client(port);
+  ASSERT_TRUE(first->waitConnected());
+  ASSERT_TRUE(second->waitConnected());
+  ASSERT_TRUE(server.waitFor([&] { return server.connectedCount() == 2; }));
+  EXPECT_EQ(server.instances().size(), 2u);
+
+  first->shutdown();
+  ASSERT_TRUE(server.waitFor([&] { return server.removals().size() == 1; }));
+  const auto removal = server.removals()[0];
+  EXPECT_TRUE(removal.threadEnded);
+  EXPECT_FALSE(removal.listed);
+  EXPECT_EQ(server.disconnectedCount(), 1);
+  EXPECT_EQ(server.instances().size(), 1u);
+  EXPECT_TRUE(second->isConnected());
+}
+
+TEST(ServerBase, FailedHandshakeIsRetiredToo)
+{
+  Bastion::LogCapture log;
+  TestServer server;
+  const int port = startOnFreePort(server);
+  ASSERT_NE(port, 0);
+  {
+    auto* socket = new Bastion::TCPSocket();
+    ASSERT_EQ(socket->open("127.0.0.1", port), 0);
+    RawPeer peer(socket);
+    peer.readLine();
+    peer.read(64);
+    peer.write("GET / HTTP/1.0\n");
+    EXPECT_EQ(peer.readLine(), "Wrong username or password");
+  }
+  // Such a connection never says "disconnected"; the server still lets it go.
+  ASSERT_TRUE(server.waitFor([&] { return server.removals().size() == 1; }));
+  EXPECT_TRUE(server.removals()[0].threadEnded);
+  EXPECT_TRUE(server.instances().empty());
+  EXPECT_EQ(server.disconnectedCount(), 0);
+  EXPECT_EQ(log.countContaining("Handshake failed, closing connection"), 1);
+}
+
+TEST(ServerBase, StopAndCloseConnections)
+{
+  TestServer server;
+  const int port = startOnFreePort(server);
+  ASSERT_NE(port, 0);
+  auto peer = client(port);
+  peer->setReconnect(false);
+  ASSERT_TRUE(peer->waitConnected());
+  ASSERT_TRUE(server.waitFor([&] { return server.connectedCount() == 1; }));
+
+  server.closeConnections();
+  EXPECT_EQ(server.instances().size(), 1u);
+  server.stop(false);
+  EXPECT_TRUE(server.waitEnd(1000));
+  EXPECT_TRUE(peer->isConnected());
+  ASSERT_EQ(server.instances().size(), 1u);
+  EXPECT_TRUE(server.instances()[0]->isConnected());
+
+  server.stop(true);
+  const auto connection = server.instances()[0];
+  EXPECT_TRUE(connection->waitEnd(WaitMs));
+  server.closeConnections();
+  EXPECT_TRUE(server.instances().empty());
+  EXPECT_TRUE(peer->waitDisconnected());
+}
