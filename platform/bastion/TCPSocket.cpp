@@ -247,7 +247,7 @@ namespace Bastion
       const int want = size - done;
       ssize_t n;
       if (want >= ReceiveBufferSize) {
-        n = ::recv(*fd, out + done, size_t(want), flags ? flags : MSG_WAITALL);
+        n = ::recv(*fd, out + done, size_t(want), flags);
       } else {
         if (m_d->buffer.empty())
           m_d->buffer.resize(ReceiveBufferSize);
