@@ -31,7 +31,9 @@ namespace Plexa
   {
     const uint32_t count = readCheckedCount(maxLength, tooLongText);
     const char* bytes = count ? static_cast<const char*>(read(count)) : nullptr;
-    out.resize(int(count));
+    // A caller reading many values into one array keeps its block: no resize when the size is right.
+    if (out.size() != int(count) || !out.isDetached())
+      out.resize(int(count));
     if (count)
       std::memcpy(out.data(), bytes, count);
   }

@@ -34,10 +34,8 @@ namespace Plexa
     {
       if (size == 0)
         return;
-      const int start = data->size();
       const uint32_t padded = paddedSize(size);
-      data->resize(start + int(padded));
-      char* out = data->data() + start;
+      char* out = append(padded);
       std::memcpy(out, bytes, size);
       for (uint32_t i = size; i < padded; ++i)
         out[i] = 0;
@@ -76,5 +74,31 @@ namespace Plexa
       const uint32_t count = size() - countOffset - 4;
       writeDataAt(countOffset, &count, 4);
     }
+
+  private:
+    /// Grows the array by `bytes` and returns where they start. When the array is unshared and its
+    /// block already has room, this does inline exactly what QByteArray::resize does in that case
+    /// (new size, terminating zero); otherwise it calls resize, whose growth policy then decides.
+    /// Writing small items is dominated by this step, so the common case avoids the library call.
+    // gcc cannot see that an array with room (alloc != 0) is never Qt's static empty array and
+    // warns about the terminator write; the condition above it rules that case out.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstringop-overflow"
+#pragma GCC diagnostic ignored "-Warray-bounds"
+    char* append(uint32_t bytes)
+    {
+      QByteArray::DataPtr& d = data->data_ptr();
+      const uint64_t newSize = uint64_t(uint32_t(d->size)) + bytes;
+      if (!d->ref.isShared() && newSize + 1 <= d->alloc) {
+        char* base = static_cast<char*>(d->data());
+        const int start = d->size;
+        d->size = int(newSize);
+        base[newSize] = '\0';
+        return base + start;
+      }
+      return appendSlow(bytes);
+    }
+#pragma GCC diagnostic pop
+    char* appendSlow(uint32_t bytes);
   };
 }

@@ -119,3 +119,34 @@ TEST(BundleWriterCore, BlockCountsWhatFollowsTheCountWord)
   second.endBlock(second.beginBlock());
   EXPECT_EQ(empty, bytes({0, 0, 0, 0}));
 }
+
+TEST(BundleWriterCore, StringsMatchTheirUtf8FormAtEveryLengthAndGrowth)
+{
+  QByteArray data;
+  Plexa::BundleWriterCore writer(data);
+  QByteArray expected;
+  for (int length = 0; length < 300; ++length) {
+    QString text;
+    for (int i = 0; i < length; ++i)
+      text.append(QChar(i % 7 == 3 && length % 2 ? 0x00e9 + i % 5 : 'a' + i % 26));
+    if (length == 299)
+      text.append(QChar(0xd83d)).append(QChar(0xde00)); // a surrogate pair
+    writer.writeString(text);
+    const QByteArray utf8 = text.toUtf8();
+    const uint32_t count = uint32_t(utf8.size());
+    expected.append(reinterpret_cast<const char*>(&count), 4).append(utf8);
+    expected.append(QByteArray(int((4 - utf8.size() % 4) % 4), '\0'));
+  }
+  EXPECT_EQ(data, expected);
+}
+
+TEST(BundleWriterCore, WritingOverBorrowedBytesCopiesThemFirst)
+{
+  const char raw[] = {'r', 'a', 'w', '!'};
+  QByteArray data = QByteArray::fromRawData(raw, 4);
+  Plexa::BundleWriterCore writer(data);
+  writer.writeValue(uint32_t(5));
+  EXPECT_EQ(data, QByteArray("raw!") + bytes({5, 0, 0, 0}));
+  EXPECT_EQ(QByteArray(raw, 4), QByteArray("raw!"));
+  EXPECT_NE(data.constData(), raw);
+}
