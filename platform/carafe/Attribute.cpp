@@ -23,30 +23,8 @@ namespace Carafe
 
     void unref(detail::ListenerTable* t)
     {
-      if (--t->refs != 0)
-        return;
-      for (detail::Listener* l : t->entries)
-        unref(l);
-      delete t;
-    }
-
-    /// Walks `table` calling every listener not removed meanwhile. Holds a reference for the walk,
-    /// so that listeners may change the table or delete its attribute: the walk never touches the
-    /// attribute itself.
-    void callAll(detail::ListenerTable* table)
-    {
-      ++table->refs;
-      struct Release
-      {
-        detail::ListenerTable* t;
-        ~Release() { unref(t); }
-      } release{table};
-      const size_t n = table->entries.size();
-      for (size_t i = 0; i < n; ++i) {
-        detail::Listener* l = table->entries[i];
-        if (!l->removed)
-          l->callback();
-      }
+      if (--t->refs == 0)
+        detail::destroyTable(t);
     }
 
     /// A table the caller may edit: `table` itself when nobody else holds it, else a copy without
@@ -65,6 +43,13 @@ namespace Carafe
       unref(table);
       return copy;
     }
+  }
+
+  void detail::destroyTable(ListenerTable* table)
+  {
+    for (Listener* l : table->entries)
+      unref(l);
+    delete table;
   }
 
   long detail::nextListenerId()
@@ -156,11 +141,6 @@ namespace Carafe
     return QString();
   }
 
-  void Attribute::fireChangedSlow(detail::ListenerTable* table)
-  {
-    callAll(table);
-  }
-
   void Attribute::beginDestruction()
   {
     if (m_destroying)
@@ -169,7 +149,7 @@ namespace Carafe
 
     if (detail::ListenerTable* table = m_deletedTable) {
       m_deletedTable = nullptr;
-      callAll(table);
+      detail::callAll(table);
       releaseTable(table);
     }
     if (m_host)

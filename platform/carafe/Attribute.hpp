@@ -36,6 +36,34 @@ namespace Carafe
 
     /// Next listener id: one process-wide counter from 0 for attribute and node-event listeners.
     long nextListenerId();
+
+    /// Frees a table whose last reference went, with the listeners only it held.
+    void destroyTable(ListenerTable* table);
+
+    /// Holds a table for the length of a walk.
+    struct TableHold
+    {
+      ListenerTable* table;
+      explicit TableHold(ListenerTable* t) : table(t) { ++t->refs; }
+      ~TableHold()
+      {
+        if (--table->refs == 0)
+          destroyTable(table);
+      }
+      TableHold(const TableHold&) = delete;
+      TableHold& operator=(const TableHold&) = delete;
+    };
+
+    /// Calls every listener of `table` not removed meanwhile. Holds the table for the walk, so
+    /// that listeners may change it or delete its attribute: the walk never touches the attribute.
+    inline void callAll(ListenerTable* table)
+    {
+      TableHold hold(table);
+      // The entries cannot change while the walk holds the table (changes copy it).
+      for (Listener* l : table->entries)
+        if (!l->removed)
+          l->callback();
+    }
   }
 
   /// A named, typed value in a tree of nodes, with value layers and change listeners.
@@ -115,7 +143,6 @@ namespace Carafe
     friend class AttributeAlias;
     friend class ListenerHolder;
 
-    void fireChangedSlow(detail::ListenerTable* table);
     static void releaseTable(detail::ListenerTable* table);
     detail::ListenerTable*& tableFor(int role);
 
@@ -138,6 +165,6 @@ namespace Carafe
   {
     // Kept inline: one listener on a changing value is the hot path.
     if (m_changedTable)
-      fireChangedSlow(m_changedTable);
+      detail::callAll(m_changedTable);
   }
 }
