@@ -4,8 +4,85 @@
 
 #include <limits>
 
+#if defined(__SANITIZE_THREAD__)
+#define BASTION_SYMBOLS_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define BASTION_SYMBOLS_TSAN 1
+#endif
+#endif
+
+#ifdef BASTION_SYMBOLS_TSAN
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace Bastion
 {
+  namespace
+  {
+    // QReadWriteLock lives in the uninstrumented Qt library and synchronises through atomics that
+    // ThreadSanitizer cannot see, so every hash access would be reported as a race. These guards
+    // tell it about the ordering the lock provides: taking the lock acquires, releasing it (read
+    // or write) releases. Without ThreadSanitizer they are plain QReadLocker/QWriteLocker.
+    void annotateAcquire(const QReadWriteLock* lock)
+    {
+#ifdef BASTION_SYMBOLS_TSAN
+      __tsan_acquire(const_cast<QReadWriteLock*>(lock));
+#else
+      (void)lock;
+#endif
+    }
+
+    void annotateRelease(const QReadWriteLock* lock)
+    {
+#ifdef BASTION_SYMBOLS_TSAN
+      __tsan_release(const_cast<QReadWriteLock*>(lock));
+#else
+      (void)lock;
+#endif
+    }
+
+    class ReadGuard
+    {
+    public:
+      explicit ReadGuard(QReadWriteLock& lock) : m_lock(lock)
+      {
+        m_lock.lockForRead();
+        annotateAcquire(&m_lock);
+      }
+      ~ReadGuard()
+      {
+        annotateRelease(&m_lock);
+        m_lock.unlock();
+      }
+      ReadGuard(const ReadGuard&) = delete;
+      ReadGuard& operator=(const ReadGuard&) = delete;
+
+    private:
+      QReadWriteLock& m_lock;
+    };
+
+    class WriteGuard
+    {
+    public:
+      explicit WriteGuard(QReadWriteLock& lock) : m_lock(lock)
+      {
+        m_lock.lockForWrite();
+        annotateAcquire(&m_lock);
+      }
+      ~WriteGuard()
+      {
+        annotateRelease(&m_lock);
+        m_lock.unlock();
+      }
+      WriteGuard(const WriteGuard&) = delete;
+      WriteGuard& operator=(const WriteGuard&) = delete;
+
+    private:
+      QReadWriteLock& m_lock;
+    };
+  }
+
   SymbolRegistry::SymbolRegistry() = default;
 
   SymbolRegistry::~SymbolRegistry() = default;
@@ -13,12 +90,12 @@ namespace Bastion
   uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name)
   {
     {
-      QReadLocker read(&m_lock);
+      ReadGuard read(m_lock);
       auto it = m_byName.constFind(name);
       if (it != m_byName.constEnd())
         return it.value();
     }
-    QWriteLocker write(&m_lock);
+    WriteGuard write(m_lock);
     // Another thread may have defined the name between the two locks.
     auto it = m_byName.constFind(name);
     if (it != m_byName.constEnd())
@@ -50,13 +127,13 @@ namespace Bastion
 
   uint32_t SymbolRegistry::lookup(const QByteArray& name) const
   {
-    QReadLocker read(&m_lock);
+    ReadGuard read(m_lock);
     return m_byName.value(name, 0);
   }
 
   bool SymbolRegistry::lookup(uint32_t symbol, QByteArray& name) const
   {
-    QReadLocker read(&m_lock);
+    ReadGuard read(m_lock);
     auto it = m_bySymbol.constFind(symbol);
     if (it == m_bySymbol.constEnd())
       return false;
@@ -70,7 +147,7 @@ namespace Bastion
       warning("SymbolRegistry::define # Symbol 0 names nothing, ignored for: %s", name.constData());
       return;
     }
-    QWriteLocker write(&m_lock);
+    WriteGuard write(m_lock);
     auto oldSymbol = m_byName.constFind(name);
     if (oldSymbol != m_byName.constEnd() && oldSymbol.value() != symbol)
       m_bySymbol.remove(oldSymbol.value());
@@ -85,7 +162,7 @@ namespace Bastion
 
   int SymbolRegistry::count() const
   {
-    QReadLocker read(&m_lock);
+    ReadGuard read(m_lock);
     return m_byName.size();
   }
 }
