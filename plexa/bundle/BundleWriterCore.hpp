@@ -82,9 +82,11 @@ namespace Plexa
     /// Writing small items is dominated by this step, so the common case avoids the library call.
     // gcc cannot see that an array with room (alloc != 0) is never Qt's static empty array and
     // warns about the terminator write; the condition above it rules that case out.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wstringop-overflow"
 #pragma GCC diagnostic ignored "-Warray-bounds"
+#endif
     char* append(uint32_t bytes)
     {
       QByteArray::DataPtr& d = data->data_ptr();
@@ -98,7 +100,9 @@ namespace Plexa
       }
       return appendSlow(bytes);
     }
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
     char* appendSlow(uint32_t bytes);
   };
 }
