@@ -15,6 +15,14 @@ namespace Carafe
   {
     std::atomic<long> s_nextListenerId{0};
 
+    template <typename T>
+    void eraseOne(std::vector<T*>& list, T* item)
+    {
+      auto it = std::find(list.begin(), list.end(), item);
+      if (it != list.end())
+        list.erase(it);
+    }
+
     void unref(detail::Listener* l)
     {
       if (--l->refs == 0)
@@ -178,9 +186,7 @@ namespace Carafe
 
   void Attribute::removeAlias(AttributeAlias* alias)
   {
-    auto it = std::find(m_aliases.begin(), m_aliases.end(), alias);
-    if (it != m_aliases.end())
-      m_aliases.erase(it);
+    eraseOne(m_aliases, alias);
   }
 
   void Attribute::addHolder(ListenerHolder* holder)
@@ -190,8 +196,6 @@ namespace Carafe
 
   void Attribute::removeHolder(ListenerHolder* holder)
   {
-    auto it = std::find(m_holders.begin(), m_holders.end(), holder);
-    if (it != m_holders.end())
-      m_holders.erase(it);
+    eraseOne(m_holders, holder);
   }
 }

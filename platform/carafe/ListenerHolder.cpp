@@ -41,29 +41,33 @@ namespace Carafe
 
   void ListenerHolder::removeListeners(Attribute* attribute)
   {
-    auto it = m_entries.find(attribute);
-    if (it == m_entries.end())
-      return;
-    const Entry entry = std::move(it->second);
-    m_entries.erase(it);
-    attribute->removeHolder(this);
-    removeAll(attribute, entry);
+    release(attribute, true);
   }
 
   void ListenerHolder::clear()
   {
-    while (!m_entries.empty()) {
-      auto it = m_entries.begin();
-      Attribute* object = it->first;
-      const Entry entry = std::move(it->second);
-      m_entries.erase(it);
-      object->removeHolder(this);
-      removeAll(object, entry);
-    }
+    while (!m_entries.empty())
+      release(m_entries.begin()->first, true);
   }
 
-  void ListenerHolder::removeAll(Attribute* object, const Entry& entry)
+  void ListenerHolder::objectDeleted(Attribute* object)
   {
+    // The object is still whole: take the listeners off now, so that nothing of this holder runs
+    // during the rest of its deletion (a node sends "attribute-removed" for each child it deletes,
+    // possibly after the holder's owner is gone). It already dropped this holder from its list.
+    release(object, false);
+  }
+
+  void ListenerHolder::release(Attribute* object, bool unregister)
+  {
+    auto it = m_entries.find(object);
+    if (it == m_entries.end())
+      return;
+    // Out of the table before any call, so a re-entrant call finds a consistent holder.
+    const Entry entry = std::move(it->second);
+    m_entries.erase(it);
+    if (unregister)
+      object->removeHolder(this);
     for (long id : entry.valueIds)
       object->removeListener(id);
     if (!entry.eventIds.empty()) {
@@ -72,18 +76,5 @@ namespace Carafe
       for (long id : entry.eventIds)
         node->eventRemoveListener(id);
     }
-  }
-
-  void ListenerHolder::objectDeleted(Attribute* object)
-  {
-    auto it = m_entries.find(object);
-    if (it == m_entries.end())
-      return;
-    const Entry entry = std::move(it->second);
-    m_entries.erase(it);
-    // The object is still whole: take the listeners off now, so that nothing of this holder runs
-    // during the rest of its deletion (a node sends "attribute-removed" for each child it deletes,
-    // possibly after the holder's owner is gone).
-    removeAll(object, entry);
   }
 }

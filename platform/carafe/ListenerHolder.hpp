@@ -54,7 +54,9 @@ namespace Carafe
     Entry& entryFor(Attribute* object);
     /// Called by an object being deleted, after it dropped this holder from its list.
     void objectDeleted(Attribute* object);
-    static void removeAll(Attribute* object, const Entry& entry);
+    /// Takes this holder's listeners off `object` and forgets it; `unregister` also drops the
+    /// holder from the object's list (not needed when the object is being deleted).
+    void release(Attribute* object, bool unregister);
 
     std::unordered_map<Attribute*, Entry> m_entries;
   };
