@@ -129,6 +129,8 @@ namespace Plexa
     const Bastion::TimeStamp deadline =
       Bastion::TimeStamp::getTime() + Bastion::TimeStamp::createSeconds(timeoutMs / 1000.0);
     Bastion::Guard guard(m_mutex);
+    const auto waiter = m_drainWaiters.insert(bytes);
+    bool below = true;
     while (m_bufferedBytes.load() >= bytes)
     {
       if (timeoutMs < 0)
@@ -138,10 +140,14 @@ namespace Plexa
       }
       const double left = (deadline - Bastion::TimeStamp::getTime()).secondsD();
       if (left <= 0)
-        return false;
+      {
+        below = false;
+        break;
+      }
       m_drained.wait(m_mutex, int(left * 1000.0) + 1);
     }
-    return true;
+    m_drainWaiters.erase(waiter);
+    return below;
   }
 
   std::vector<std::function<void()>> WriterThread::subtractLocked(int64_t bytes)
@@ -149,7 +155,8 @@ namespace Plexa
     const int64_t before = m_bufferedBytes.load();
     const int64_t after = before - bytes;
     m_bufferedBytes = after;
-    m_drained.wakeAll();
+    if (!m_drainWaiters.empty() && after < *m_drainWaiters.rbegin())
+      m_drained.wakeAll();
     std::vector<std::function<void()>> callbacks;
     for (const auto& listener : m_drainListeners)
     {

@@ -16,6 +16,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 
 namespace Plexa
 {
@@ -110,6 +111,9 @@ namespace Plexa
     std::map<QString, std::function<void()>> m_tasks BASTION_GUARDED_BY(m_mutex);
     std::map<long, DrainListener> m_drainListeners BASTION_GUARDED_BY(m_mutex);
     long m_nextDrainListener BASTION_GUARDED_BY(m_mutex) = 0;
+    /// Thresholds of the callers inside waitForDrain: m_drained is only woken when the count falls
+    /// below one of them, not for every entry taken (that would cost a context switch per entry).
+    std::multiset<int64_t> m_drainWaiters BASTION_GUARDED_BY(m_mutex);
     /// Changed under m_mutex; read without it by bufferedDataSize().
     std::atomic<int64_t> m_bufferedBytes{0};
     std::atomic<bool> m_running{false};
