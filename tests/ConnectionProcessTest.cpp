@@ -57,15 +57,6 @@ namespace
     int m_port = 0;
   };
 
-  bool readMapBlock(RecordingConnection& connection, const QString& line)
-  {
-    const QStringList words = line.split(' ');
-    if (words.size() != 2 || words[0] != "map")
-      return false;
-    connection.recordMap(connection.readMap(words[1].toInt()));
-    return true;
-  }
-
   bool hasLine(RecordingConnection& connection, const QString& text)
   {
     const auto lines = connection.lines();

@@ -6,30 +6,13 @@
 using namespace PlexaTest;
 using Plexa::NetFormat::VersionLine;
 
-namespace
-{
-  /// A server-role connection on an accepted socket, with its raw client.
-  struct ServerSide
-  {
-    Listener listener;
-    SocketPair pair;
-    std::shared_ptr<RecordingConnection> connection;
-
-    ServerSide()
-    {
-      pair = connectPair(listener);
-      connection = std::make_shared<RecordingConnection>(pair.accepted, true);
-    }
-    RawPeer& client() { return *pair.client; }
-    void start() { connection->Bastion::Thread::run(); }
-  };
-}
+using ServerSide = AcceptedConnection;
 
 TEST(ConnectionHandshake, ServerAcceptsCurrentAndOldPeers)
 {
   {
     ServerSide side;
-    side.start();
+    side.run();
     ASSERT_TRUE(side.client().clientHandshake("Orrery 2.0.4-corvanta\n"));
     ASSERT_TRUE(side.connection->waitConnected());
     EXPECT_EQ(side.connection->remoteUser(), "quill");
@@ -42,7 +25,7 @@ TEST(ConnectionHandshake, ServerAcceptsCurrentAndOldPeers)
   {
     // An old peer sends its login as the first line and no version.
     ServerSide side;
-    side.start();
+    side.run();
     ASSERT_TRUE(side.client().clientHandshake(QByteArray()));
     ASSERT_TRUE(side.connection->waitConnected());
     EXPECT_EQ(side.connection->remoteVersionText(), "1.9.0");
@@ -56,7 +39,7 @@ TEST(ConnectionHandshake, ServerRefusesWrongKeyAndGarbage)
   Bastion::LogCapture log;
   {
     ServerSide side;
-    side.start();
+    side.run();
     ASSERT_TRUE(side.client().readLine() == VersionLine);
     const QByteArray challenge = side.client().read(64);
     side.client().write("Orrery 2.7.2\nquill\n" + expectedAnswer(challenge, "not the key"));
@@ -67,7 +50,7 @@ TEST(ConnectionHandshake, ServerRefusesWrongKeyAndGarbage)
   {
     // Right key, wrong login.
     ServerSide side;
-    side.start();
+    side.run();
     side.client().readLine();
     const QByteArray challenge = side.client().read(64);
     side.client().write("Orrery 2.7.2\nquil\n" + expectedAnswer(challenge, Plexa::SharedKey::current()));
@@ -76,7 +59,7 @@ TEST(ConnectionHandshake, ServerRefusesWrongKeyAndGarbage)
   }
   {
     ServerSide side;
-    side.start();
+    side.run();
     side.client().readLine();
     side.client().read(64);
     side.client().write("SSH-2.0-OpenSSH\r\n");
@@ -91,7 +74,7 @@ TEST(ConnectionHandshake, EndlessOrSilentFirstLineIsBounded)
   Bastion::LogCapture log;
   {
     ServerSide side;
-    side.start();
+    side.run();
     side.client().readLine();
     side.client().read(64);
     // No line feed, ever: the handshake gives up at its line limit.
@@ -102,7 +85,7 @@ TEST(ConnectionHandshake, EndlessOrSilentFirstLineIsBounded)
   {
     ServerSide side;
     side.connection->setHandshakeTimeout(300);
-    side.start();
+    side.run();
     // The client says nothing at all.
     EXPECT_TRUE(side.connection->waitEnd(WaitMs));
     EXPECT_EQ(side.client().readLine(), VersionLine);
@@ -114,7 +97,7 @@ TEST(ConnectionHandshake, EndlessOrSilentFirstLineIsBounded)
     // A slow trickle does not extend the handshake's time limit.
     ServerSide side;
     side.connection->setHandshakeTimeout(400);
-    side.start();
+    side.run();
     side.client().readLine();
     side.client().read(64);
     const auto start = std::chrono::steady_clock::now();

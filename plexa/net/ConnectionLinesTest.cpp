@@ -8,29 +8,7 @@
 
 using namespace PlexaTest;
 
-namespace
-{
-  /// A connected server-role connection and its raw client, past the handshake.
-  struct Connected
-  {
-    Listener listener;
-    SocketPair pair;
-    std::shared_ptr<RecordingConnection> connection;
-
-    explicit Connected(bool usePing = true)
-    {
-      pair = connectPair(listener);
-      connection = std::make_shared<RecordingConnection>(pair.accepted, true);
-      connection->setUsePing(usePing);
-    }
-    bool start(const QByteArray& clientVersion = "Orrery 2.7.2\n")
-    {
-      connection->Bastion::Thread::run();
-      return client().clientHandshake(clientVersion) && connection->waitConnected();
-    }
-    RawPeer& client() { return *pair.client; }
-  };
-}
+using Connected = AcceptedConnection;
 
 TEST(ConnectionLines, LineBreakRunsAndZeroBytes)
 {
@@ -138,16 +116,6 @@ TEST(ConnectionLines, QueuedBeforeConnectArrivesInOrder)
 
 namespace
 {
-  /// Handler that reads a map block announced by the line "<name> <count>".
-  bool readMapBlock(RecordingConnection& connection, const QString& line)
-  {
-    const QStringList words = line.split(' ');
-    if (words.size() != 2 || words[0] != "map")
-      return false;
-    connection.recordMap(connection.readMap(words[1].toInt()));
-    return true;
-  }
-
   const QMap<QString, QString> SampleMap{{"b", "two"}, {"a%1", "one %2"}, {"empty", ""}, {"ü", "日本"}};
 }
 

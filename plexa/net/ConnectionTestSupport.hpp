@@ -14,6 +14,7 @@
 #include <QCryptographicHash>
 #include <QMap>
 #include <QString>
+#include <QStringList>
 
 #include <chrono>
 #include <condition_variable>
@@ -283,5 +284,39 @@ namespace PlexaTest
     pair.client.reset(new RawPeer(socket));
     pair.accepted = listener.accept();
     return pair;
+  }
+
+  /// A server-role connection on an accepted loopback socket, with a raw client at the other end.
+  struct AcceptedConnection
+  {
+    Listener listener;
+    SocketPair pair;
+    std::shared_ptr<RecordingConnection> connection;
+
+    explicit AcceptedConnection(bool usePing = true)
+    {
+      pair = connectPair(listener);
+      connection = std::make_shared<RecordingConnection>(pair.accepted, true);
+      connection->setUsePing(usePing);
+    }
+    /// Starts the connection's thread only.
+    void run() { connection->Bastion::Thread::run(); }
+    /// Starts it and completes the handshake from the raw client.
+    bool start(const QByteArray& clientVersion = "Orrery 2.7.2\n")
+    {
+      run();
+      return client().clientHandshake(clientVersion) && connection->waitConnected();
+    }
+    RawPeer& client() { return *pair.client; }
+  };
+
+  /// A handler that reads the map block announced by a line "map <count>" and records it.
+  inline bool readMapBlock(RecordingConnection& connection, const QString& line)
+  {
+    const QStringList words = line.split(' ');
+    if (words.size() != 2 || words[0] != "map")
+      return false;
+    connection.recordMap(connection.readMap(words[1].toInt()));
+    return true;
   }
 }

@@ -11,28 +11,10 @@
 
 using namespace PlexaTest;
 
+using Connected = AcceptedConnection;
+
 namespace
 {
-  struct Connected
-  {
-    Listener listener;
-    SocketPair pair;
-    std::shared_ptr<RecordingConnection> connection;
-
-    explicit Connected(bool usePing = false)
-    {
-      pair = connectPair(listener);
-      connection = std::make_shared<RecordingConnection>(pair.accepted, true);
-      connection->setUsePing(usePing);
-    }
-    bool start()
-    {
-      connection->Bastion::Thread::run();
-      return client().clientHandshake() && connection->waitConnected();
-    }
-    RawPeer& client() { return *pair.client; }
-  };
-
   /// Records the "data-written" events of a writer.
   struct Progress
   {
@@ -66,7 +48,7 @@ namespace
 
 TEST(WriterThread, EntriesAreWrittenInChunksWithProgress)
 {
-  Connected c;
+  Connected c(false);
   Progress progress;
   progress.attach(c.connection->writerThread());
   ASSERT_TRUE(c.start());
@@ -86,7 +68,7 @@ TEST(WriterThread, EntriesAreWrittenInChunksWithProgress)
 
 TEST(WriterThread, BufferAccountingAndRemovalAcrossRestart)
 {
-  Connected c;
+  Connected c(false);
   Plexa::WriterThread* writer = c.connection->writerThread();
   // The writer is not running yet: everything stays queued and counted.
   c.connection->writeBufferData(QByteArray(100, 'a'), "plexa2");
@@ -114,7 +96,7 @@ TEST(WriterThread, BufferAccountingAndRemovalAcrossRestart)
 
 TEST(WriterThread, NamedTasksReplaceEachOtherAndRunInNameOrder)
 {
-  Connected c;
+  Connected c(false);
   std::mutex mutex;
   std::vector<QString> ran;
   auto record = [&](const QString& what) {
@@ -141,7 +123,7 @@ TEST(WriterThread, NamedTasksReplaceEachOtherAndRunInNameOrder)
 TEST(WriterThread, WriteErrorEndsTheConnection)
 {
   Bastion::LogCapture log;
-  Connected c;
+  Connected c(false);
   std::atomic<int> errors{0};
   c.connection->writerThread()->eventAddListener("error", [&](Bastion::BinaryData&) { ++errors; });
   ASSERT_TRUE(c.start());
@@ -160,7 +142,7 @@ TEST(WriterThread, WriteErrorEndsTheConnection)
 TEST(WriterThread, StuckPeerMakesWriteTimeOut)
 {
   Bastion::LogCapture log;
-  Connected c;
+  Connected c(false);
   c.connection->setWriteTimeout(300);
   std::atomic<int> errors{0};
   c.connection->writerThread()->eventAddListener("error", [&](Bastion::BinaryData&) { ++errors; });
