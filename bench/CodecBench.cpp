@@ -119,16 +119,19 @@ namespace
     }
   };
 
-  bool runFloatRecords(const Plexa::TypeRegistry& registry, int records)
+  /// One record shape: `encode(writer, i)` writes record i raw, `decode(reader)` reads one raw,
+  /// `copyFields(out, i)` copies record i's fields with memcpy and returns the bytes used, `sample(i)`
+  /// is attribute i's value for the registry's writes, `expected(i)` the value record i carries.
+  template <typename A, typename Encode, typename Decode, typename CopyFields, typename Sample, typename Expected>
+  bool runRecords(const char* title, const Plexa::TypeRegistry& registry, uint32_t typeId, int records,
+                  Encode encode, Decode decode, CopyFields copyFields, Sample sample, Expected expected)
   {
-    std::printf("symbol + float (%d records)\n", records);
+    std::printf("%s (%d records)\n", title, records);
     QByteArray encoded;
     {
       Plexa::BundleWriterCore writer(encoded);
-      for (int i = 0; i < records; ++i) {
-        writer.writeValue(uint32_t(i % Attributes));
-        writer.writeValue(float(i) * 0.5f);
-      }
+      for (int i = 0; i < records; ++i)
+        encode(writer, i);
     }
     std::vector<char> copy(size_t(encoded.size()));
     Baselines base;
@@ -138,39 +141,29 @@ namespace
     });
     base.perField = bestNanos([&] {
       char* out = copy.data();
-      for (int i = 0; i < records; ++i) {
-        const uint32_t symbol = uint32_t(i % Attributes);
-        const float value = float(i) * 0.5f;
-        std::memcpy(out, &symbol, 4);
-        std::memcpy(out + 4, &value, 4);
-        out += 8;
-      }
+      for (int i = 0; i < records; ++i)
+        out += copyFields(out, i);
       sink = uint64_t(copy[copy.size() / 2]);
     });
 
     const double rawWrite = bestNanos([&] {
       QByteArray& out = reusedOutput();
       Plexa::BundleWriterCore writer(out);
-      for (int i = 0; i < records; ++i) {
-        writer.writeValue(uint32_t(i % Attributes));
-        writer.writeValue(float(i) * 0.5f);
-      }
+      for (int i = 0; i < records; ++i)
+        encode(writer, i);
       sink = uint64_t(out.size());
     });
     const double rawRead = bestNanos([&] {
       Plexa::BundleReaderCore reader(encoded, 0);
-      float sum = 0;
-      uint32_t symbols = 0;
-      for (int i = 0; i < records; ++i) {
-        symbols += reader.readValue<uint32_t>();
-        sum += reader.readValue<float>();
-      }
-      sink = symbols + uint64_t(sum);
+      uint64_t total = 0;
+      for (int i = 0; i < records; ++i)
+        total += decode(reader);
+      sink = total;
     });
 
-    Session<Carafe::AttributeT<float>> session(registry, 3);
+    Session<A> session(registry, typeId);
     for (int i = 0; i < Attributes; ++i)
-      session.attributes[size_t(i)]->setValue(float(i));
+      session.attributes[size_t(i)]->setValue(sample(i));
     const double registryWrite = bestNanos([&] {
       QByteArray& out = reusedOutput();
       Plexa::BundleWriterCore writer(out);
@@ -188,8 +181,6 @@ namespace
         session.deserializers[symbol](reader);
       }
     });
-    // The decoded values must be the encoded ones.
-    const bool correct = session.attributes[size_t((records - 1) % Attributes)]->value() == float(records - 1) * 0.5f;
 
     printHeader();
     printRow("memcpy, all bytes at once", base.bulk, base, 0, records);
@@ -198,96 +189,61 @@ namespace
     printRow("raw read", rawRead, base, 3, records);
     printRow("registry write", registryWrite, base, 10, records);
     printRow("registry read (attributes)", registryRead, base, 10, records);
-    return correct;
+    // The decoded values must be the encoded ones.
+    return session.attributes[size_t((records - 1) % Attributes)]->value() == expected(records - 1);
+  }
+
+  bool runFloatRecords(const Plexa::TypeRegistry& registry, int records)
+  {
+    return runRecords<Carafe::AttributeT<float>>(
+      "symbol + float", registry, 3, records,
+      [](Plexa::BundleWriterCore& writer, int i) {
+        writer.writeValue(uint32_t(i % Attributes));
+        writer.writeValue(float(i) * 0.5f);
+      },
+      [](Plexa::BundleReaderCore& reader) {
+        const uint32_t symbol = reader.readValue<uint32_t>();
+        return symbol + uint64_t(reader.readValue<float>());
+      },
+      [](char* out, int i) {
+        const uint32_t symbol = uint32_t(i % Attributes);
+        const float value = float(i) * 0.5f;
+        std::memcpy(out, &symbol, 4);
+        std::memcpy(out + 4, &value, 4);
+        return 8;
+      },
+      [](int i) { return float(i); }, [](int i) { return float(i) * 0.5f; });
   }
 
   bool runStringRecords(const Plexa::TypeRegistry& registry, int records)
   {
-    std::printf("symbol + 16-byte string (%d records)\n", records);
-    QByteArray encoded;
-    {
-      Plexa::BundleWriterCore writer(encoded);
-      for (int i = 0; i < records; ++i) {
-        writer.writeValue(uint32_t(i % Attributes));
-        writer.writeString(stringFor(i));
-      }
-    }
-    std::vector<char> copy(size_t(encoded.size()));
-    Baselines base;
-    base.bulk = bestNanos([&] {
-      std::memcpy(copy.data(), encoded.constData(), copy.size());
-      sink = uint64_t(copy[copy.size() / 2]);
-    });
+    // Raw: the text is already UTF-8 (a sender keeps it so); the reader takes the bytes into one
+    // reused array, so neither side allocates per record. The registry converts from and to QString.
     std::vector<QByteArray> texts;
     for (int k = 0; k < 64; ++k)
       texts.push_back(stringFor(k).toUtf8());
-    base.perField = bestNanos([&] {
-      char* out = copy.data();
-      for (int i = 0; i < records; ++i) {
-        const uint32_t symbol = uint32_t(i % Attributes);
-        const QByteArray& text = texts[size_t(i) % texts.size()];
-        const uint32_t count = uint32_t(text.size());
-        std::memcpy(out, &symbol, 4);
-        std::memcpy(out + 4, &count, 4);
-        std::memcpy(out + 8, text.constData(), count);
-        out += 8 + ((count + 3) & ~3u);
-      }
-      sink = uint64_t(copy[copy.size() / 2]);
-    });
-
-    // Raw: the text is already UTF-8 (a sender keeps it so); the reader takes the bytes into one
-    // reused array, so neither side allocates per record.
-    const double rawWrite = bestNanos([&] {
-      QByteArray& out = reusedOutput();
-      Plexa::BundleWriterCore writer(out);
-      for (int i = 0; i < records; ++i) {
+    QByteArray text;
+    return runRecords<Carafe::AttributeT<QString>>(
+      "symbol + 16-byte string", registry, 35, records,
+      [&](Plexa::BundleWriterCore& writer, int i) {
         writer.writeValue(uint32_t(i % Attributes));
         writer.writeBinary(texts[size_t(i) % texts.size()]);
-      }
-      sink = uint64_t(out.size());
-    });
-    const double rawRead = bestNanos([&] {
-      Plexa::BundleReaderCore reader(encoded, 0);
-      QByteArray text;
-      uint64_t total = 0;
-      for (int i = 0; i < records; ++i) {
-        total += reader.readValue<uint32_t>();
-        reader.readBinary(text, 64);
-        total += uint64_t(text.size());
-      }
-      sink = total;
-    });
-
-    Session<Carafe::AttributeT<QString>> session(registry, 35);
-    for (int i = 0; i < Attributes; ++i)
-      session.attributes[size_t(i)]->setValue(stringFor(i));
-    const double registryWrite = bestNanos([&] {
-      QByteArray& out = reusedOutput();
-      Plexa::BundleWriterCore writer(out);
-      for (int i = 0; i < records; ++i) {
-        const uint32_t symbol = uint32_t(i % Attributes);
-        writer.writeValue(symbol);
-        session.serializers[symbol](writer);
-      }
-      sink = uint64_t(out.size());
-    });
-    const double registryRead = bestNanos([&] {
-      Plexa::BundleReaderCore reader(encoded, 0);
-      for (int i = 0; i < records; ++i) {
+      },
+      [&](Plexa::BundleReaderCore& reader) {
         const uint32_t symbol = reader.readValue<uint32_t>();
-        session.deserializers[symbol](reader);
-      }
-    });
-    const bool correct = session.attributes[size_t((records - 1) % Attributes)]->value() == stringFor(records - 1);
-
-    printHeader();
-    printRow("memcpy, all bytes at once", base.bulk, base, 0, records);
-    printRow("memcpy, field by field", base.perField, base, 0, records);
-    printRow("raw write", rawWrite, base, 3, records);
-    printRow("raw read", rawRead, base, 3, records);
-    printRow("registry write (UTF-16 to 8)", registryWrite, base, 10, records);
-    printRow("registry read (to QString)", registryRead, base, 10, records);
-    return correct;
+        reader.readBinary(text, 64);
+        return symbol + uint64_t(text.size());
+      },
+      [&](char* out, int i) {
+        const uint32_t symbol = uint32_t(i % Attributes);
+        const QByteArray& bytes = texts[size_t(i) % texts.size()];
+        const uint32_t count = uint32_t(bytes.size());
+        std::memcpy(out, &symbol, 4);
+        std::memcpy(out + 4, &count, 4);
+        std::memcpy(out + 8, bytes.constData(), count);
+        return int(8 + ((count + 3) & ~3u));
+      },
+      [](int i) { return stringFor(i); }, [](int i) { return stringFor(i); });
   }
 }
 

@@ -1,5 +1,6 @@
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/BundleWriterCore.hpp"
+#include "plexa/bundle/WireBytesTest.hpp"
 
 #include <gtest/gtest.h>
 
@@ -7,35 +8,14 @@
 #include <stdexcept>
 #include <string>
 
+using Plexa::WireTest::bytes;
+using Plexa::WireTest::thrownText;
+using Plexa::WireTest::outOfRange;
+using Plexa::WireTest::invalidArgument;
+
 namespace
 {
   const char* const PastEnd = "BundleReader::read # tried to read past the end";
-
-  QByteArray bytes(std::initializer_list<int> values)
-  {
-    QByteArray out;
-    for (int v : values)
-      out.append(char(v));
-    return out;
-  }
-
-  template <typename F>
-  std::string thrownText(F&& f)
-  {
-    try {
-      f();
-    } catch (const std::out_of_range& e) {
-      return std::string("out_of_range: ") + e.what();
-    } catch (const std::invalid_argument& e) {
-      return std::string("invalid_argument: ") + e.what();
-    } catch (const std::exception& e) {
-      return std::string("other: ") + e.what();
-    }
-    return "(nothing thrown)";
-  }
-
-  std::string outOfRange(const char* text) { return std::string("out_of_range: ") + text; }
-  std::string invalidArgument(const char* text) { return std::string("invalid_argument: ") + text; }
 }
 
 TEST(BundleReaderCore, ReadReturnsPointersIntoTheBufferAndSkipsPadding)

@@ -1,31 +1,14 @@
 #include "plexa/bundle/BundleWriterCore.hpp"
+#include "plexa/bundle/WireBytesTest.hpp"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
 
-namespace
-{
-  QByteArray bytes(std::initializer_list<int> values)
-  {
-    QByteArray out;
-    for (int v : values)
-      out.append(char(v));
-    return out;
-  }
-
-  template <typename F>
-  std::string thrownText(F&& f)
-  {
-    try {
-      f();
-    } catch (const std::exception& e) {
-      return e.what();
-    }
-    return "(nothing thrown)";
-  }
-}
+using Plexa::WireTest::bytes;
+using Plexa::WireTest::thrownText;
+using Plexa::WireTest::outOfRange;
 
 TEST(BundleWriterCore, ValuesAndStringsArePaddedToFourBytes)
 {
@@ -95,10 +78,10 @@ TEST(BundleWriterCore, WriteDataAtPatchesInsideAndRefusesPastTheEnd)
   EXPECT_EQ(data, bytes({0, 0, 0, 0, 1, 2, 3, 4}));
 
   EXPECT_EQ(thrownText([&] { writer.writeDataAt(5, &v, 4); }),
-            "BundleWriterCore::writeDataAt # tried to write past the end");
+            outOfRange("BundleWriterCore::writeDataAt # tried to write past the end"));
   // An offset that wraps a 32-bit sum back into the buffer is refused too.
   EXPECT_EQ(thrownText([&] { writer.writeDataAt(0xFFFFFFFEu, &v, 4); }),
-            "BundleWriterCore::writeDataAt # tried to write past the end");
+            outOfRange("BundleWriterCore::writeDataAt # tried to write past the end"));
   EXPECT_THROW(writer.writeDataAt(5, &v, 4), std::out_of_range);
   EXPECT_EQ(data.size(), 8);
   EXPECT_EQ(data, bytes({0, 0, 0, 0, 1, 2, 3, 4}));

@@ -1,4 +1,5 @@
 #include "plexa/types/TypeRegistry.hpp"
+#include "plexa/bundle/WireBytesTest.hpp"
 
 #include "plexa/types/AliasDeserializer.hpp"
 #include "plexa/types/FunctorWrap.hpp"
@@ -14,32 +15,15 @@
 #include <set>
 #include <string>
 
+using Plexa::WireTest::bytes;
+using Plexa::WireTest::thrownText;
+
 using Plexa::BundleReaderCore;
 using Plexa::BundleWriterCore;
 using Plexa::TypeRegistry;
 
 namespace
 {
-  QByteArray bytes(std::initializer_list<int> values)
-  {
-    QByteArray out;
-    for (int v : values)
-      out.append(char(v));
-    return out;
-  }
-
-  template <typename F>
-  std::string thrownText(F&& f)
-  {
-    try {
-      f();
-    } catch (const std::invalid_argument& e) {
-      return std::string("invalid_argument: ") + e.what();
-    } catch (const std::exception& e) {
-      return std::string("other: ") + e.what();
-    }
-    return "(nothing thrown)";
-  }
 
   /// The wire form a serializer produces for `attribute`, with its announced id and size.
   QByteArray serialize(const TypeRegistry& registry, Carafe::Attribute* attribute, uint32_t* id = nullptr,

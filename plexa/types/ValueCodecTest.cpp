@@ -1,4 +1,5 @@
 #include "plexa/types/ValueCodec.hpp"
+#include "plexa/bundle/WireBytesTest.hpp"
 
 #include "plexa/types/TypeRegistry.hpp"
 #include "plexa/types/FunctorWrap.hpp"
@@ -14,6 +15,8 @@
 #include <random>
 #include <string>
 
+using Plexa::WireTest::thrownText;
+
 using Plexa::BundleReaderCore;
 using Plexa::BundleWriterCore;
 using Plexa::TypeRegistry;
@@ -21,21 +24,6 @@ using Plexa::TypeRegistry;
 namespace
 {
   const std::string PastEnd = "out_of_range: BundleReader::read # tried to read past the end";
-
-  template <typename F>
-  std::string thrownText(F&& f)
-  {
-    try {
-      f();
-    } catch (const std::out_of_range& e) {
-      return std::string("out_of_range: ") + e.what();
-    } catch (const std::invalid_argument& e) {
-      return std::string("invalid_argument: ") + e.what();
-    } catch (const std::exception& e) {
-      return std::string("other: ") + e.what();
-    }
-    return "(nothing thrown)";
-  }
 
   QByteArray words(std::initializer_list<uint32_t> values)
   {
