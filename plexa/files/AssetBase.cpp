@@ -12,10 +12,17 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QRegExp>
 #include <QSettings>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Plexa
 {
@@ -52,12 +59,67 @@ namespace Plexa
       return path;
     }
 
-    /// Modification time as QFileInfo::lastModified reports it (milliseconds, truncated), so that
-    /// the row made for a received file survives the next rescan unchanged.
+    /// Modification time in milliseconds (truncated), in UTC: the same value for the scan and for
+    /// the row made from a received file, so that row survives the next rescan unchanged. UTC also
+    /// keeps every time zone lookup out of the threads of the store.
     QDateTime modificationTime(const struct stat& st)
     {
-      return QDateTime::fromMSecsSinceEpoch(qint64(st.st_mtim.tv_sec) * 1000 + st.st_mtim.tv_nsec / 1000000);
+      return QDateTime::fromMSecsSinceEpoch(qint64(st.st_mtim.tv_sec) * 1000 + st.st_mtim.tv_nsec / 1000000, Qt::UTC);
     }
+
+    // Tables are handed between threads (published snapshots, returned lists, rows made on a
+    // connection thread and dropped on the rebuild thread). Their strings and arrays are copied deeply
+    // on the way, so no implicitly shared Qt data is ever released on two threads: Qt counts those
+    // references inside its own library, where the thread checker cannot see them.
+    QString deepCopy(const QString& text)
+    {
+      return QString(text.constData(), text.size());
+    }
+
+    AssetBase::FileInfo deepCopy(const AssetBase::FileInfo& row)
+    {
+      AssetBase::FileInfo copy = row;
+      copy.md5 = QByteArray(row.md5.constData(), row.md5.size());
+      return copy;
+    }
+
+    AssetBase::FileList deepCopy(const AssetBase::FileList& list)
+    {
+      AssetBase::FileList copy;
+      for (auto it = list.cbegin(); it != list.cend(); ++it)
+        copy.insert(copy.cend(), deepCopy(it.key()), deepCopy(it.value()));
+      return copy;
+    }
+
+    /// The scan's two wildcard filters, "*.filesync.part" (temporary download files) and
+    /// "*[\\:*?\"<>]*" (names that the transfer lines cannot carry), written out: QRegExp would
+    /// share its engine cache between the threads that rebuild lists.
+    bool isFiltered(const QString& name)
+    {
+      if (name.endsWith(QLatin1String(TemporarySuffix)))
+        return true;
+      for (const QChar c : name) {
+        switch (c.unicode()) {
+        case '\\':
+        case ':':
+        case '*':
+        case '?':
+        case '"':
+        case '<':
+        case '>':
+          return true;
+        default:
+          break;
+        }
+      }
+      return false;
+    }
+
+    /// Closes a directory stream on scope exit.
+    struct DirCloser
+    {
+      void operator()(DIR* dir) const { closedir(dir); }
+    };
 
     QString settingsArray(const QString& root)
     {
@@ -74,7 +136,14 @@ namespace Plexa
     void saveFileList(const FileList& list);
     void publish() BASTION_REQUIRES(fileListMutex);
     /// One level of the directory scan; `relative` begins and ends with '/'.
-    void scan(const QString& relative, const FileList& old, FileList& result, QStringList& toHash)
+    /// A file found by the scan that must be hashed.
+    struct Pending
+    {
+      QString path;
+      QDateTime modified;
+    };
+
+    void scan(const QString& relative, const FileList& old, FileList& result, QList<Pending>& toHash)
       BASTION_REQUIRES(fileListMutex, removeQueueMutex);
 
     Bastion::Mutex fileListMutex;
@@ -95,10 +164,6 @@ namespace Plexa
     mutable Bastion::Mutex downloadMutex;
     FileList downloadList BASTION_GUARDED_BY(downloadMutex);
 
-    // Filters of the scan: temporary download files, and names that the transfer lines cannot carry.
-    // Built per scan, since QRegExp keeps match state and is not to be shared between threads.
-    static constexpr const char* TemporaryFilter = "*.filesync.part";
-    static constexpr const char* ReservedCharacterFilter = "*[\\:*?\"<>]*";
   };
 
   void AssetBase::D::loadFileList()
@@ -141,40 +206,60 @@ namespace Plexa
 
   void AssetBase::D::publish()
   {
-    auto published = std::make_shared<const FileList>(fileList);
+    auto published = std::make_shared<const FileList>(deepCopy(fileList));
     Bastion::Guard guard(snapshotMutex);
     snapshot = std::move(published);
   }
 
-  void AssetBase::D::scan(const QString& relative, const FileList& old, FileList& result, QStringList& toHash)
+  void AssetBase::D::scan(const QString& relative, const FileList& old, FileList& result, QList<Pending>& toHash)
   {
-    const QRegExp temporary(QString::fromLatin1(TemporaryFilter), Qt::CaseSensitive, QRegExp::Wildcard);
-    const QRegExp reserved(QString::fromLatin1(ReservedCharacterFilter), Qt::CaseSensitive, QRegExp::Wildcard);
-    const QDir dir(rootPath + relative);
-    const QFileInfoList entries =
-      dir.entryInfoList(QDir::Files | QDir::Readable | QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden, QDir::Name);
-    for (const QFileInfo& entry : entries) {
-      const QString name = entry.fileName();
-      if (temporary.exactMatch(name) || reserved.exactMatch(name))
+    const int fd = ::open(QFile::encodeName(rootPath + relative).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+      return;
+    std::unique_ptr<DIR, DirCloser> dir(fdopendir(fd));
+    if (!dir) {
+      ::close(fd);
+      return;
+    }
+    QList<QByteArray> names;
+    while (const dirent* entry = readdir(dir.get())) {
+      const QByteArray name(entry->d_name);
+      if (name != "." && name != "..")
+        names.append(name);
+    }
+    std::sort(names.begin(), names.end());
+    for (const QByteArray& encoded : names) {
+      const QString name = QFile::decodeName(encoded);
+      if (isFiltered(name))
         continue;
-      if (entry.isDir()) {
-        // A linked folder could lead out of the root or back into itself.
-        if (!entry.isSymLink())
-          scan(relative + name + '/', old, result, toHash);
+      struct stat st;
+      if (fstatat(fd, encoded.constData(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+        continue;
+      if (S_ISDIR(st.st_mode)) {
+        scan(relative + name + '/', old, result, toHash);
         continue;
       }
-      if (!entry.isFile())
-        continue;
-      if (entry.isSymLink() && !entry.canonicalFilePath().startsWith(rootPath + '/'))
+      if (S_ISLNK(st.st_mode)) {
+        // A linked folder could lead out of the root or back into itself: only linked files that
+        // resolve inside the root are listed.
+        char target[PATH_MAX];
+        const QByteArray linkName = QFile::encodeName(rootPath + relative + name);
+        if (fstatat(fd, encoded.constData(), &st, 0) != 0 || !S_ISREG(st.st_mode) ||
+            !realpath(linkName.constData(), target) ||
+            !QFile::decodeName(target).startsWith(rootPath + '/'))
+          continue;
+      }
+      if (!S_ISREG(st.st_mode) || faccessat(fd, encoded.constData(), R_OK, 0) != 0)
         continue;
       const QString path = relative + name;
       if (removeQueue.contains(path))
         continue;
+      const QDateTime modified = modificationTime(st);
       auto previous = old.constFind(path);
-      if (previous != old.cend() && previous->time == entry.lastModified())
+      if (previous != old.cend() && previous->time == modified)
         result.insert(path, *previous);
       else
-        toHash.append(path);
+        toHash.append({path, modified});
     }
   }
 
@@ -202,34 +287,42 @@ namespace Plexa
     Bastion::Guard listGuard(d->fileListMutex);
     tell(progress, QStringLiteral("Scanning directory tree..."));
     FileList result;
-    QStringList toHash;
+    QList<D::Pending> toHash;
     {
       Bastion::Guard queueGuard(d->removeQueueMutex);
       d->scan(QStringLiteral("/"), d->fileList, result, toHash);
     }
 
     QByteArray block(FileHashBlockSize, Qt::Uninitialized);
-    for (const QString& path : toHash) {
+    for (const D::Pending& pending : toHash) {
       if (!d->running)
         break;
-      const QString localName = d->rootPath + path;
-      QFile file(localName);
-      if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
-        tell(progress, QStringLiteral("Failed to open: %1").arg(path));
+      const QString localName = d->rootPath + pending.path;
+      const int fd = ::open(QFile::encodeName(localName).constData(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0) {
+        tell(progress, QStringLiteral("Failed to open: %1").arg(pending.path));
         Bastion::error("Failed to open %s", localName.toUtf8().constData());
         continue;
       }
       QCryptographicHash hash(QCryptographicHash::Md5);
-      qint64 got;
-      while ((got = file.read(block.data(), block.size())) > 0)
-        hash.addData(block.constData(), int(got));
+      qint64 size = 0;
+      ssize_t got;
+      while ((got = ::read(fd, block.data(), size_t(block.size()))) > 0 || (got < 0 && errno == EINTR)) {
+        if (got > 0) {
+          hash.addData(block.constData(), int(got));
+          size += got;
+        }
+      }
+      ::close(fd);
       FileInfo row;
-      row.time = QFileInfo(file).lastModified();
+      // The time seen by the scan, before hashing: a change during the hashing shows as a newer
+      // time at the next rescan and is hashed again.
+      row.time = pending.modified;
       row.md5 = hash.result();
-      row.size = file.size();
+      row.size = size;
       row.stamp = Bastion::TimeStamp::getTime();
-      result.insert(path, row);
-      tell(progress, QStringLiteral("Generated checksums: %1").arg(path));
+      result.insert(pending.path, row);
+      tell(progress, QStringLiteral("Generated checksums: %1").arg(pending.path));
     }
 
     const bool changed = d->fileListUnsaved || !sameList(result, d->fileList);
@@ -244,7 +337,7 @@ namespace Plexa
       d->fileListUnsaved = true;
     }
     tell(progress, QStringLiteral("Checksum list generated"));
-    return result;
+    return deepCopy(result);
   }
 
   bool AssetBase::waitForFileList(int timeoutMs)
@@ -254,8 +347,12 @@ namespace Plexa
 
   AssetBase::FileList AssetBase::fileList() const
   {
-    Bastion::Guard guard(d->snapshotMutex);
-    return *d->snapshot;
+    std::shared_ptr<const FileList> list;
+    {
+      Bastion::Guard guard(d->snapshotMutex);
+      list = d->snapshot;
+    }
+    return deepCopy(*list);
   }
 
   QString AssetBase::md5(const QString& path) const
@@ -276,14 +373,14 @@ namespace Plexa
     if (d->downloadList.contains(path))
       return false;
     FileInfo row;
-    row.time = QDateTime::currentDateTime();
+    row.time = QDateTime::currentDateTimeUtc();
     row.md5 = QByteArray::fromHex(md5Hex.toLatin1());
     row.size = size;
     row.totalParts = parts;
     row.currentParts = 0;
     row.hash = std::make_shared<QCryptographicHash>(QCryptographicHash::Md5);
     row.stamp = owner;
-    d->downloadList.insert(path, row);
+    d->downloadList.insert(deepCopy(path), row);
     return true;
   }
 
@@ -360,12 +457,12 @@ namespace Plexa
       const RootDirectory root(d->rootPath);
       struct stat st;
       FileInfo row;
-      row.time = root.stat(RootDirectory::encode(path), st) ? modificationTime(st) : QDateTime::currentDateTime();
-      row.md5 = download.md5;
+      row.time = root.stat(RootDirectory::encode(path), st) ? modificationTime(st) : QDateTime::currentDateTimeUtc();
+      row.md5 = QByteArray(download.md5.constData(), download.md5.size());
       row.size = download.size;
       row.stamp = Bastion::TimeStamp::getTime();
       Bastion::Guard guard(d->fileListMutex);
-      d->fileList.insert(path, row);
+      d->fileList.insert(deepCopy(path), row);
       d->fileListUnsaved = true;
       d->publish();
     }
@@ -396,13 +493,16 @@ namespace Plexa
   void AssetBase::addFileToRemoveQueue(const QString& path, std::shared_ptr<ConnectionThread> connection)
   {
     Bastion::Guard guard(d->removeQueueMutex);
-    d->removeQueue[path].append(connection);
+    d->removeQueue[deepCopy(path)].append(connection);
   }
 
   AssetBase::RemoveQueue AssetBase::removeQueue() const
   {
     Bastion::Guard guard(d->removeQueueMutex);
-    return d->removeQueue;
+    RemoveQueue copy;
+    for (auto it = d->removeQueue.cbegin(); it != d->removeQueue.cend(); ++it)
+      copy.insert(deepCopy(it.key()), it.value());
+    return copy;
   }
 
   bool AssetBase::removeFromRemoveQueue(const QString& path)

@@ -1,6 +1,7 @@
 #include "plexa/files/FileTransferHandler.hpp"
 
 #include "plexa/files/AssetBase.hpp"
+#include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/files/FileTransferFormat.hpp"
 #include "plexa/files/RootDirectory.hpp"
 #include "plexa/net/WriterThread.hpp"
@@ -14,7 +15,6 @@
 
 #include <QFile>
 #include <QMap>
-#include <QRegExp>
 
 #include <algorithm>
 #include <atomic>
@@ -40,12 +40,6 @@ namespace Plexa
         next = std::max(now, previous + 1);
       } while (!last.compare_exchange_weak(previous, next));
       return Bastion::TimeStamp::fromValue(next);
-    }
-
-    QRegExp commandExpression(const char* pattern)
-    {
-      return QRegExp(QString::fromLatin1(pattern).arg(QString::fromLatin1(PathPattern)), Qt::CaseSensitive,
-                     QRegExp::RegExp2);
     }
 
     /// Writes all of `bytes` to `fd`; false on an error (errno set).
@@ -121,10 +115,6 @@ namespace Plexa
     // Connection thread only.
     QMap<QString, qint64> bytesSinceReport;
     Bastion::TimeStamp connectedTime;
-    QRegExp fileInfo = commandExpression(FileInfoExpression);
-    QRegExp sendFileInfo = commandExpression(SendFileInfoExpression);
-    QRegExp filePart = commandExpression(FilePartExpression);
-    QRegExp sendParts = commandExpression(SendPartsExpression);
 
     Bastion::Mutex uploadMutex;
     std::shared_ptr<UploadTask> uploadTask BASTION_GUARDED_BY(uploadMutex);
@@ -191,47 +181,49 @@ namespace Plexa
 
   bool FileTransferHandler::parse(QString line)
   {
-    if (d->fileInfo.exactMatch(line)) {
-      const QString path = d->fileInfo.cap(2);
-      if (path.contains(QLatin1String("..")) || !path.startsWith('/')) {
-        Bastion::error("Filename can't contain '..' and it has to start with '/': %s", path.toUtf8().constData());
+    const FileTransferCommand command = FileTransferCommand::parse(line);
+    switch (command.kind) {
+    case FileTransferCommand::FileInfo: {
+      if (command.path.contains(QLatin1String("..")) || !command.path.startsWith('/')) {
+        Bastion::error("Filename can't contain '..' and it has to start with '/': %s",
+                       command.path.toUtf8().constData());
         return true;
       }
       bool sizeOk = false, partsOk = false;
-      const qint64 size = d->fileInfo.cap(1).toLongLong(&sizeOk);
-      const qint64 parts = d->fileInfo.cap(3).toLongLong(&partsOk);
+      const qint64 size = command.first.toLongLong(&sizeOk);
+      const qint64 parts = command.second.toLongLong(&partsOk);
       if (!sizeOk || !partsOk) {
         Bastion::error("FileTransferHandler::parse # Size or part count out of range for '%s'",
-                       path.toUtf8().constData());
+                       command.path.toUtf8().constData());
         return true;
       }
-      receiveFileInfo(path, size, parts, d->fileInfo.cap(4));
+      receiveFileInfo(command.path, size, parts, command.md5);
       return true;
     }
-    if (d->sendFileInfo.exactMatch(line)) {
-      sendFileInfo(d->sendFileInfo.cap(1));
+    case FileTransferCommand::SendFileInfo:
+      sendFileInfo(command.path);
       return true;
-    }
-    if (d->filePart.exactMatch(line)) {
-      const QString path = d->filePart.cap(1);
+    case FileTransferCommand::FilePart: {
       bool countOk = false, numberOk = false;
-      const qint64 byteCount = d->filePart.cap(2).toLongLong(&countOk);
-      const qint64 partNumber = d->filePart.cap(3).toLongLong(&numberOk);
+      const qint64 byteCount = command.first.toLongLong(&countOk);
+      const qint64 partNumber = command.second.toLongLong(&numberOk);
       if (!countOk) {
         // The bytes that follow cannot be counted, so the stream cannot be kept in step.
         Bastion::error("FileTransferHandler::receiveFilePart # Byte count %s of a part of '%s' is out of range, "
                        "closing the connection",
-                       d->filePart.cap(2).toUtf8().constData(), path.toUtf8().constData());
+                       command.first.toUtf8().constData(), command.path.toUtf8().constData());
         stop();
         return true;
       }
       // An unrepresentable part number can match no download: 0 makes it an unexpected part.
-      receiveFilePart(path, byteCount, numberOk ? partNumber : 0);
+      receiveFilePart(command.path, byteCount, numberOk ? partNumber : 0);
       return true;
     }
-    if (d->sendParts.exactMatch(line)) {
-      startFilePartsUploadTask(d->sendParts.cap(1));
+    case FileTransferCommand::SendParts:
+      startFilePartsUploadTask(command.path);
       return true;
+    case FileTransferCommand::None:
+      break;
     }
     return false;
   }
@@ -309,9 +301,10 @@ namespace Plexa
       }
       return;
     }
-    // Read the bytes whatever happens next, so that the stream stays in step.
-    const QByteArray bytes = readData(int(byteCount));
-    if (bytes.size() != byteCount)
+    // Read the bytes whatever happens next, so that the stream stays in step. The count is at most
+    // one part here, so the array may be made at its full size up front.
+    QByteArray bytes(int(byteCount), Qt::Uninitialized);
+    if (!readData(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size()))
       return;
 
     const qint64 expected = d->assets.currentParts(path) + 1;

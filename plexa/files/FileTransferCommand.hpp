@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QString>
+
+namespace Plexa
+{
+  /// One line of the file transfer protocol, recognised without regular expressions (QRegExp keeps
+  /// a process-wide engine cache behind a lock that the thread checker cannot see, and a
+  /// backtracking engine can take exponential time on the nested path pattern).
+  ///
+  /// The accepted lines are exactly those of the protocol's expressions, matched whole:
+  ///   fileinfo (-?\d+) PATH (\d+) ([0-9a-f]{32})
+  ///   sendfileinfo PATH
+  ///   filepart PATH (\d+) (\d+)
+  ///   sendparts PATH
+  /// where PATH is a double quote, one or more segments of a '/' and one or more characters other
+  /// than ? * < > : and the double quote, and a double quote; digits are ASCII digits.
+  struct FileTransferCommand
+  {
+    enum Kind
+    {
+      None,
+      FileInfo,
+      SendFileInfo,
+      FilePart,
+      SendParts
+    };
+
+    /// The command in `line`; `None` (and the other fields empty) when it is none of the four.
+    static FileTransferCommand parse(const QString& line);
+
+    Kind kind = None;
+    /// The path between the quotes.
+    QString path;
+    /// FileInfo: size and part count. FilePart: byte count and part number. Decimal text as sent,
+    /// possibly too large for any integer type.
+    QString first, second;
+    /// FileInfo: the checksum, 32 lower-case hexadecimal digits.
+    QString md5;
+  };
+}
