@@ -9,23 +9,29 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <vector>
 
 namespace
 {
-  constexpr int Iterations = 2000000;
-  constexpr int Rounds = 15;
+  constexpr int Iterations = 1000000;
+  constexpr int Rounds = 25;
 
-  /// Best nanoseconds per operation over several rounds (the least disturbed one).
-  template <typename F>
-  double bestNsPerOp(F body)
+  double nsPerOp(const std::function<void()>& body)
   {
-    double best = 1e30;
-    for (int r = 0; r < Rounds; ++r) {
-      const auto start = std::chrono::steady_clock::now();
-      body();
-      const auto end = std::chrono::steady_clock::now();
-      best = std::min(best, std::chrono::duration<double, std::nano>(end - start).count() / Iterations);
-    }
+    const auto start = std::chrono::steady_clock::now();
+    body();
+    const auto end = std::chrono::steady_clock::now();
+    return std::chrono::duration<double, std::nano>(end - start).count() / Iterations;
+  }
+
+  /// Runs the cases in turns, round after round, so that load from other processes hits all of
+  /// them alike, and keeps each case's best round (the least disturbed one).
+  std::vector<double> bestOfRounds(const std::vector<std::function<void()>>& cases)
+  {
+    std::vector<double> best(cases.size(), 1e30);
+    for (int r = 0; r < Rounds; ++r)
+      for (size_t c = 0; c < cases.size(); ++c)
+        best[c] = std::min(best[c], nsPerOp(cases[c]));
     return best;
   }
 }
@@ -36,36 +42,37 @@ int main()
   std::function<void()> listener = [&counter] { ++counter; };
   benchmark::DoNotOptimize(listener);
 
-  const double direct = bestNsPerOp([&] {
-    for (int i = 0; i < Iterations; ++i) {
-      listener();
-      benchmark::ClobberMemory();
-    }
-  });
-
   Carafe::AttributeT<float> attribute;
   attribute.addListener(listener, Carafe::Attribute::RoleChanged);
-  const double set = bestNsPerOp([&] {
-    for (int i = 0; i < Iterations; ++i) {
-      attribute.setValue(float(i & 1)); // every set changes the value
-      benchmark::ClobberMemory();
-    }
-  });
-
-  const double equal = bestNsPerOp([&] {
-    for (int i = 0; i < Iterations; ++i) {
-      attribute.setValue(1.f);
-      benchmark::ClobberMemory();
-    }
-  });
-
   Carafe::AttributeT<float> quiet;
-  const double noListener = bestNsPerOp([&] {
-    for (int i = 0; i < Iterations; ++i) {
-      quiet.setValue(float(i & 1));
-      benchmark::ClobberMemory();
-    }
+
+  const std::vector<double> t = bestOfRounds({
+    [&] {
+      for (int i = 0; i < Iterations; ++i) {
+        listener();
+        benchmark::ClobberMemory();
+      }
+    },
+    [&] {
+      for (int i = 0; i < Iterations; ++i) {
+        attribute.setValue(float(i & 1)); // every set changes the value
+        benchmark::ClobberMemory();
+      }
+    },
+    [&] {
+      for (int i = 0; i < Iterations; ++i) {
+        attribute.setValue(1.f);
+        benchmark::ClobberMemory();
+      }
+    },
+    [&] {
+      for (int i = 0; i < Iterations; ++i) {
+        quiet.setValue(float(i & 1));
+        benchmark::ClobberMemory();
+      }
+    },
   });
+  const double direct = t[0], set = t[1], equal = t[2], noListener = t[3];
 
   benchmark::DoNotOptimize(counter);
   std::printf("%-44s %10s %8s\n", "case", "ns/op", "ratio");
