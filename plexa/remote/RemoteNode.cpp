@@ -93,7 +93,7 @@ namespace Plexa
     const Event event{m_registry.lookupOrDefine(name), data};
     std::map<long, EventListener> listeners;
     {
-      QReadLocker lock(&m_eventListenerLock);
+      std::shared_lock<std::shared_mutex> lock(m_eventListenerLock);
       listeners = m_eventListeners;
     }
     for (const auto& entry : listeners)
@@ -159,7 +159,7 @@ namespace Plexa
 
   long RemoteNode::addEventListener(const EventListener& listener)
   {
-    QWriteLocker lock(&m_eventListenerLock);
+    std::unique_lock<std::shared_mutex> lock(m_eventListenerLock);
     const long id = m_nextEventListenerId++;
     m_eventListeners.emplace(id, listener);
     return id;
@@ -167,7 +167,7 @@ namespace Plexa
 
   void RemoteNode::removeEventLIstener(long id)
   {
-    QWriteLocker lock(&m_eventListenerLock);
+    std::unique_lock<std::shared_mutex> lock(m_eventListenerLock);
     m_eventListeners.erase(id);
   }
 

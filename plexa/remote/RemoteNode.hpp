@@ -9,7 +9,6 @@
 #include "bastion/SymbolRegistry.hpp"
 #include "carafe/Node.hpp"
 
-#include <QReadWriteLock>
 #include <QRegExp>
 
 #include <atomic>
@@ -17,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -162,7 +162,7 @@ namespace Plexa
     std::unordered_map<uint32_t, std::map<unsigned long, AttributeCallback>> m_attributeListeners;
     unsigned long m_nextAttributeListenerKey = 0;
 
-    QReadWriteLock m_eventListenerLock;
+    std::shared_mutex m_eventListenerLock;
     // Guarded by m_eventListenerLock.
     std::map<long, EventListener> m_eventListeners;
     long m_nextEventListenerId = 0;

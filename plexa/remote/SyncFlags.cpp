@@ -4,14 +4,14 @@ namespace Plexa
 {
   SyncFlags::Flag SyncFlags::getFlags(uint32_t symbol) const
   {
-    QReadLocker lock(&m_lock);
+    std::shared_lock<std::shared_mutex> lock(m_lock);
     auto it = m_flags.find(symbol);
     return it == m_flags.end() ? Default : it->second;
   }
 
   void SyncFlags::setFlags(uint32_t symbol, Flag flag)
   {
-    QWriteLocker lock(&m_lock);
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     if (flag == Default)
       m_flags.erase(symbol);
     else
@@ -20,7 +20,7 @@ namespace Plexa
 
   void SyncFlags::clear()
   {
-    QWriteLocker lock(&m_lock);
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     m_flags.clear();
   }
 }

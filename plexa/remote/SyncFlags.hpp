@@ -1,8 +1,8 @@
 #pragma once
 
-#include <QReadWriteLock>
-
 #include <cstdint>
+#include <mutex>
+#include <shared_mutex>
 #include <unordered_map>
 
 namespace Plexa
@@ -25,7 +25,7 @@ namespace Plexa
     void clear();
 
   private:
-    mutable QReadWriteLock m_lock;
+    mutable std::shared_mutex m_lock;
     // Guarded by m_lock.
     std::unordered_map<uint32_t, Flag> m_flags;
   };

@@ -6,7 +6,7 @@ namespace Plexa
 {
   bool AttributeCache::add(uint32_t symbol, Carafe::Attribute* attribute)
   {
-    QWriteLocker lock(&m_lock);
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     auto it = m_bySymbol.find(symbol);
     if (it != m_bySymbol.end()) {
       if (it->second == attribute)
@@ -25,7 +25,7 @@ namespace Plexa
 
   bool AttributeCache::remove(uint32_t symbol)
   {
-    QWriteLocker lock(&m_lock);
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     auto it = m_bySymbol.find(symbol);
     if (it == m_bySymbol.end()) {
       lock.unlock();
@@ -42,20 +42,20 @@ namespace Plexa
 
   Carafe::Attribute* AttributeCache::find(uint32_t symbol) const
   {
-    QReadLocker lock(&m_lock);
+    std::shared_lock<std::shared_mutex> lock(m_lock);
     auto it = m_bySymbol.find(symbol);
     return it == m_bySymbol.end() ? nullptr : it->second;
   }
 
   bool AttributeCache::isNode(uint32_t symbol) const
   {
-    QReadLocker lock(&m_lock);
+    std::shared_lock<std::shared_mutex> lock(m_lock);
     return m_nodeSymbols.count(symbol) != 0;
   }
 
   void AttributeCache::setIsNode(uint32_t symbol, bool isNode)
   {
-    QWriteLocker lock(&m_lock);
+    std::unique_lock<std::shared_mutex> lock(m_lock);
     if (isNode)
       m_nodeSymbols.insert(symbol);
     else

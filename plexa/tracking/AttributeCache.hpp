@@ -1,8 +1,8 @@
 #pragma once
 
-#include <QReadWriteLock>
-
 #include <cstdint>
+#include <mutex>
+#include <shared_mutex>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -34,7 +34,7 @@ namespace Plexa
     void setIsNode(uint32_t symbol, bool isNode);
 
   private:
-    mutable QReadWriteLock m_lock;
+    mutable std::shared_mutex m_lock;
     // Guarded by m_lock.
     std::unordered_set<uint32_t> m_nodeSymbols;
     std::unordered_map<uint32_t, Carafe::Attribute*> m_bySymbol;

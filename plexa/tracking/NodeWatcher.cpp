@@ -10,13 +10,12 @@
 #include "carafe/ListenerHolder.hpp"
 #include "carafe/Node.hpp"
 
-#include <QReadWriteLock>
-
 #include <algorithm>
 #include <atomic>
 #include <deque>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <unordered_map>
 
 namespace Plexa
@@ -163,7 +162,7 @@ namespace Plexa
     std::atomic<int> m_ignoredCount{0};
 
     const uint64_t m_id = nextWatcherId.fetch_add(1);
-    QReadWriteLock m_listenerLock;
+    std::shared_mutex m_listenerLock;
     // Guarded by m_listenerLock. Replaced, never edited: a dispatch takes the current table as
     // its snapshot and calls it after releasing the lock.
     std::shared_ptr<const ListenerTable> m_listeners = std::make_shared<ListenerTable>();
@@ -192,7 +191,7 @@ namespace Plexa
       std::shared_ptr<const ListenerTable> table;
       uint64_t version;
       {
-        QReadLocker lock(&m_listenerLock);
+        std::shared_lock<std::shared_mutex> lock(m_listenerLock);
         table = m_listeners;
         version = m_listenerVersion.load(std::memory_order_relaxed);
       }
@@ -219,7 +218,7 @@ namespace Plexa
 
   long NodeWatcher::D::addListener(const Listener& listener)
   {
-    QWriteLocker lock(&m_listenerLock);
+    std::unique_lock<std::shared_mutex> lock(m_listenerLock);
     auto table = std::make_shared<ListenerTable>(*m_listeners);
     const long id = m_nextListenerId++;
     table->emplace_back(id, listener);
@@ -230,7 +229,7 @@ namespace Plexa
 
   void NodeWatcher::D::removeListener(long id)
   {
-    QWriteLocker lock(&m_listenerLock);
+    std::unique_lock<std::shared_mutex> lock(m_listenerLock);
     auto it = std::find_if(m_listeners->begin(), m_listeners->end(), [id](const auto& e) { return e.first == id; });
     if (it == m_listeners->end())
       return;

@@ -10,7 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 
 using Plexa::NodeWatcher;
 using Float = Carafe::AttributeT<float>;
@@ -355,4 +357,36 @@ TEST(NodeWatcherTest, DestroyingTheWatcherRemovesItsListeners)
   EXPECT_EQ(f.root.listenerCount(Carafe::Attribute::RoleDeleted), 0);
   a->setValue(1.0f);
   f.add(f.root, "later");
+}
+
+TEST(NodeWatcherTest, DispatchesFromSeveralThreadsWhileListenersComeAndGo)
+{
+  Fixture f;
+  Float* a = f.add(f.root, "a");
+  Float* b = f.add(f.root, "b");
+  f.watcher->startWatching(f.root, false);
+  f.watcher->removeListener(0); // the fixture's recorder is not thread-safe
+  std::atomic<int> seen{0};
+  f.watcher->addListener([&](const NodeWatcher::Event&) { seen.fetch_add(1); });
+
+  constexpr int Sets = 20000;
+  std::atomic<bool> stop{false};
+  std::thread churn([&] {
+    while (!stop.load()) {
+      const long id = f.watcher->addListener([](const NodeWatcher::Event&) {});
+      f.watcher->ignoreOne({NodeWatcher::NodeAdded, 999});
+      f.watcher->stopIgnoring({NodeWatcher::NodeAdded, 999});
+      f.watcher->removeListener(id);
+    }
+  });
+  std::thread other([&] {
+    for (int i = 1; i <= Sets; ++i)
+      b->setValue(float(i));
+  });
+  for (int i = 1; i <= Sets; ++i)
+    a->setValue(float(i));
+  other.join();
+  stop.store(true);
+  churn.join();
+  EXPECT_EQ(seen.load(), 2 * Sets);
 }
