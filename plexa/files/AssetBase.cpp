@@ -121,6 +121,15 @@ namespace Plexa
       void operator()(DIR* dir) const { closedir(dir); }
     };
 
+    /// Serialises every use of the settings store by stores of this process. QSettings shares its
+    /// files between objects behind its own lock; this one makes the order visible to the thread
+    /// checker as well, and keeps the rewrite of one array in one piece.
+    Bastion::Mutex& settingsStoreMutex()
+    {
+      static Bastion::Mutex mutex;
+      return mutex;
+    }
+
     QString settingsArray(const QString& root)
     {
       return QStringLiteral("FileList/") + root;
@@ -168,20 +177,24 @@ namespace Plexa
 
   void AssetBase::D::loadFileList()
   {
-    QSettings store(QStringLiteral("Brandwick"), QStringLiteral("Cache"));
-    const int count = store.beginReadArray(settingsArray(rootPath));
     FileList loaded;
-    const Bastion::TimeStamp now = Bastion::TimeStamp::getTime();
-    for (int i = 0; i < count; ++i) {
-      store.setArrayIndex(i);
-      FileInfo row;
-      row.size = store.value(QStringLiteral("size")).toLongLong();
-      row.md5 = store.value(QStringLiteral("MD5")).toByteArray();
-      row.time = store.value(QStringLiteral("ts")).toDateTime();
-      row.stamp = now;
-      loaded.insert(store.value(QStringLiteral("file")).toString(), row);
+    {
+      Bastion::Guard storeGuard(settingsStoreMutex());
+      QSettings store(QStringLiteral("Brandwick"), QStringLiteral("Cache"));
+      const int count = store.beginReadArray(settingsArray(rootPath));
+      const Bastion::TimeStamp now = Bastion::TimeStamp::getTime();
+      for (int i = 0; i < count; ++i) {
+        store.setArrayIndex(i);
+        FileInfo row;
+        row.size = store.value(QStringLiteral("size")).toLongLong();
+        row.md5 = store.value(QStringLiteral("MD5")).toByteArray();
+        row.time = store.value(QStringLiteral("ts")).toDateTime().toUTC();
+        row.stamp = now;
+        // The values share their data with the settings' process-wide cache: keep copies of our own.
+        loaded.insert(deepCopy(store.value(QStringLiteral("file")).toString()), deepCopy(row));
+      }
+      store.endArray();
     }
-    store.endArray();
     Bastion::Guard guard(fileListMutex);
     fileList = loaded;
     publish();
@@ -189,6 +202,7 @@ namespace Plexa
 
   void AssetBase::D::saveFileList(const FileList& list)
   {
+    Bastion::Guard storeGuard(settingsStoreMutex());
     QSettings store(QStringLiteral("Brandwick"), QStringLiteral("Cache"));
     const QString array = settingsArray(rootPath);
     store.remove(array);

@@ -382,7 +382,7 @@ namespace Plexa
         Bastion::error("File Download for '%s' failed", path.toUtf8().constData());
       } else {
         Bastion::debug("FileTransferHandler::receiveFilePart # '%s' received in %lld ms", path.toUtf8().constData(),
-                       (long long)started.msecsTo(QDateTime::currentDateTime()));
+                       (long long)started.msecsTo(QDateTime::currentDateTimeUtc()));
       }
     } else {
       Bastion::error("md5 mismatch for '%s'", temporaryName.toUtf8().constData());

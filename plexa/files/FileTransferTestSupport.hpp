@@ -5,6 +5,7 @@
 
 #include "plexa/files/AssetBase.hpp"
 #include "plexa/files/FileTestSupport.hpp"
+#include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/files/FileTransferHandler.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 
@@ -12,7 +13,6 @@
 #include "bastion/TCPSocket.hpp"
 
 #include <QMap>
-#include <QRegExp>
 #include <QStringList>
 
 #include <memory>
@@ -113,9 +113,9 @@ namespace Plexa
       bool parse(QString line) override
       {
         Received r{line, {}};
-        QRegExp part(QStringLiteral("^filepart \".*\" (\\d+) \\d+$"));
-        if (part.exactMatch(line))
-          r.bytes = readData(part.cap(1).toInt());
+        const FileTransferCommand command = FileTransferCommand::parse(line);
+        if (command.kind == FileTransferCommand::FilePart)
+          r.bytes = readData(command.first.toInt());
         {
           std::lock_guard<std::mutex> lock(m_mutex);
           m_received.push_back(r);
