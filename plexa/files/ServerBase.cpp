@@ -91,6 +91,16 @@ namespace Plexa
       connection->waitEnd();
       forgetListeners(connection.get());
     }
+    // Retirements that the stopped connections scheduled run now, on this thread, while the
+    // caller (usually a subclass destructor) is still whole: none may reach `removedInstance`
+    // later, from the background thread, in the middle of the destruction.
+    std::vector<std::shared_ptr<Bastion::FunctionTask>> pending;
+    {
+      Bastion::Guard guard(m_instancesMutex);
+      pending = m_pendingRemovals;
+    }
+    for (const auto& task : pending)
+      task->runNow();
   }
 
   void ServerBase::removeInstance(std::shared_ptr<ConnectionThread> connection)

@@ -55,7 +55,8 @@ namespace Plexa
     /// every connection. Waits for nothing.
     void stop(bool stopConnections);
     /// Only after `stop`: takes every connection out of the list, stops them and waits for their
-    /// threads, in list order. Does nothing while the server runs.
+    /// threads, in list order, then completes the retirements still pending on the calling
+    /// thread (so `removedInstance` has run for them on return). Does nothing while the server runs.
     void closeConnections();
     /// Schedules the retirement of `connection` on the background thread (see class comment).
     /// Null and connections already being retired are ignored.

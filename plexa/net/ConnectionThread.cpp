@@ -3,12 +3,11 @@
 #include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "bastion/TCPSocket.hpp"
+#include "plexa/net/LineSyntax.hpp"
 #include "plexa/net/MapBlock.hpp"
 #include "plexa/net/NetFormat.hpp"
 #include "plexa/net/SharedKey.hpp"
 #include "plexa/net/WriterThread.hpp"
-
-#include <QRegExp>
 
 #include <exception>
 #include <tuple>
@@ -356,24 +355,23 @@ namespace Plexa
 
   void ConnectionThread::lineLoop()
   {
-    QRegExp pingExpression(NetFormat::PingPattern, Qt::CaseSensitive);
-    QRegExp pongExpression(NetFormat::PongPattern, Qt::CaseSensitive);
+    QString pongPayload;
     while (m_running)
     {
       QString text = line();
       if (text.isEmpty())
         break;
       touch();
-      if (m_usePing && pingExpression.exactMatch(text))
+      if (m_usePing && LineSyntax::isPing(text))
       {
         text[1] = QLatin1Char('o');
         Bastion::Guard guard(m_writeMutex);
         puts(text);
       }
-      else if (m_usePing && pongExpression.exactMatch(text))
+      else if (m_usePing && LineSyntax::matchPong(text, pongPayload))
       {
         m_pongReceived = true;
-        pong(pongExpression.cap(1).toUtf8());
+        pong(pongPayload.toUtf8());
       }
       else
       {
@@ -429,13 +427,13 @@ namespace Plexa
     }
     else
     {
-      QRegExp version(NetFormat::VersionPattern, Qt::CaseSensitive);
-      if (!version.exactMatch(first))
+      LineSyntax::Version version;
+      if (!LineSyntax::parseVersion(first, version))
       {
         puts(NetFormat::HandshakeRefused);
         return false;
       }
-      setRemoteVersion(version.cap(1).toInt(), version.cap(2).toInt(), version.cap(3).toInt(), version.cap(5));
+      setRemoteVersion(version.major, version.minor, version.patch, version.suffix);
       if (!readLine(NetFormat::MaxHandshakeLineBytes, login))
         return false;
     }
@@ -461,13 +459,13 @@ namespace Plexa
     QString first;
     if (!readLine(NetFormat::MaxHandshakeLineBytes, first))
       return false;
-    QRegExp version(NetFormat::VersionPattern, Qt::CaseSensitive);
-    if (!version.exactMatch(first))
+    LineSyntax::Version version;
+    if (!LineSyntax::parseVersion(first, version))
     {
       Bastion::error("Unknown server version '%s', expected \"Orrery (1|2).*.*\"", first.toUtf8().constData());
       return false;
     }
-    setRemoteVersion(version.cap(1).toInt(), version.cap(2).toInt(), version.cap(3).toInt(), version.cap(5));
+    setRemoteVersion(version.major, version.minor, version.patch, version.suffix);
     unsigned char challenge[NetFormat::ChallengeBytes];
     if (!readData(challenge, NetFormat::ChallengeHalfBytes) ||
         !readData(challenge + NetFormat::ChallengeHalfBytes, NetFormat::ChallengeHalfBytes))
