@@ -135,6 +135,11 @@ namespace Plexa
     void processPendingAddedChanged(uint32_t symbol);
     std::shared_ptr<PendingAdded> takePending(uint32_t symbol);
 
+    void listen(Carafe::Attribute* object, uint32_t symbol, std::function<void()> callback, int role);
+    void listenEvent(Carafe::Node* node, uint32_t symbol, const char* name,
+                     std::function<void(Bastion::BinaryData&)> callback);
+    void unlisten(Carafe::Attribute* object, uint32_t symbol);
+
     void somethingRemoved(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send);
     void attributeRemoved(uint32_t symbol, bool send);
     void nodeRemoved(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send);
@@ -146,6 +151,29 @@ namespace Plexa
 
     // Used on the thread that changes the tree.
     Carafe::ListenerHolder m_holder;
+    // The listeners installed per (object, symbol). One object can be watched under several
+    // paths (a node in the tree and an alias to it); leaving one path must not silence the others,
+    // so removals take out the listeners of that path only. Objects that go away unannounced are
+    // forgotten by the holder, and removing an unknown id from a live object does nothing.
+    struct Installed
+    {
+      long id;
+      bool nodeEvent;
+    };
+    struct ObjectPath
+    {
+      Carafe::Attribute* object;
+      uint32_t symbol;
+      bool operator==(const ObjectPath& o) const { return object == o.object && symbol == o.symbol; }
+    };
+    struct ObjectPathHash
+    {
+      size_t operator()(const ObjectPath& k) const
+      {
+        return std::hash<const void*>()(k.object) ^ (size_t(k.symbol) * 0x9E3779B97F4A7C15ull);
+      }
+    };
+    std::unordered_map<ObjectPath, std::vector<Installed>, ObjectPathHash> m_installed;
 
     mutable std::mutex m_aliasMutex;
     // Guarded by m_aliasMutex.
@@ -271,9 +299,44 @@ namespace Plexa
     m_cache.add(rootSymbol, &root);
     nodeAdded(&root, QByteArray(), rootSymbol, send);
     Carafe::Node* rootPtr = &root;
-    m_holder.add(
-      rootPtr, [this, rootPtr, rootSymbol] { nodeRemoved(rootPtr, QByteArray(), rootSymbol, true); },
+    listen(
+      rootPtr,
+      rootSymbol,
+      [this, rootPtr, rootSymbol] {
+        nodeRemoved(rootPtr, QByteArray(), rootSymbol, true);
+        m_installed.erase({rootPtr, rootSymbol});
+      },
       Carafe::Attribute::RoleDeleted);
+  }
+
+  void NodeWatcher::D::listen(Carafe::Attribute* object, uint32_t symbol, std::function<void()> callback, int role)
+  {
+    const long id = m_holder.add(object, std::move(callback), role);
+    if (id >= 0)
+      m_installed[{object, symbol}].push_back({id, false});
+  }
+
+  void NodeWatcher::D::listenEvent(Carafe::Node* node, uint32_t symbol, const char* name,
+                                   std::function<void(Bastion::BinaryData&)> callback)
+  {
+    const long id = m_holder.addBd(node, name, std::move(callback), Carafe::Node::After);
+    if (id >= 0)
+      m_installed[{node, symbol}].push_back({id, true});
+  }
+
+  void NodeWatcher::D::unlisten(Carafe::Attribute* object, uint32_t symbol)
+  {
+    auto it = m_installed.find({object, symbol});
+    if (it == m_installed.end())
+      return;
+    const std::vector<Installed> installed = std::move(it->second);
+    m_installed.erase(it);
+    for (const Installed& entry : installed) {
+      if (entry.nodeEvent)
+        static_cast<Carafe::Node*>(object)->eventRemoveListener(entry.id);
+      else
+        object->removeListener(entry.id);
+    }
   }
 
   void NodeWatcher::D::somethingAdded(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol,
@@ -289,8 +352,8 @@ namespace Plexa
 
   void NodeWatcher::D::attributeAdded(Carafe::Attribute* attribute, uint32_t symbol, bool send)
   {
-    m_holder.add(
-      attribute, [this, symbol] { event(AttributeChanged, symbol); }, Carafe::Attribute::RoleChanged);
+    listen(
+      attribute, symbol, [this, symbol] { event(AttributeChanged, symbol); }, Carafe::Attribute::RoleChanged);
     if (send)
       event(AttributeAdded, symbol);
   }
@@ -298,11 +361,10 @@ namespace Plexa
   void NodeWatcher::D::nodeAdded(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send)
   {
     m_cache.setIsNode(symbol, true);
-    m_holder.addBd(
-      node, "attribute-added", [this, node, path](Bastion::BinaryData& data) { onChildAdded(node, path, data); },
-      1);
-    m_holder.addBd(
-      node, "attribute-removed", [this, path](Bastion::BinaryData& data) { onChildRemoved(path, data); }, 1);
+    listenEvent(node, symbol, "attribute-added",
+                [this, node, path](Bastion::BinaryData& data) { onChildAdded(node, path, data); });
+    listenEvent(node, symbol, "attribute-removed",
+                [this, path](Bastion::BinaryData& data) { onChildRemoved(path, data); });
     if (send)
       event(NodeAdded, symbol);
     for (Carafe::Attribute* child : node->attributes()) {
@@ -332,8 +394,8 @@ namespace Plexa
       std::lock_guard<std::mutex> lock(m_aliasMutex);
       m_aliases[alias] = target;
     }
-    m_holder.add(
-      alias, [this, alias, path, symbol] { onAliasChanged(alias, path, symbol, true); },
+    listen(
+      alias, symbol, [this, alias, path, symbol] { onAliasChanged(alias, path, symbol, true); },
       Carafe::Attribute::RoleChanged);
     if (auto* node = dynamic_cast<Carafe::Node*>(target))
       nodeAdded(node, path, symbol, send);
@@ -479,7 +541,10 @@ namespace Plexa
       attributeRemoved(symbol, send);
     }
     record.reset();
-    m_holder.removeListeners(attribute);
+    unlisten(attribute, symbol);
+    // A node reached through an alias was watched under the alias's path as well.
+    if (target && target != attribute)
+      unlisten(target, symbol);
     m_cache.remove(symbol);
     if (auto* alias = dynamic_cast<Carafe::AttributeAlias*>(attribute)) {
       std::lock_guard<std::mutex> lock(m_aliasMutex);
@@ -522,9 +587,10 @@ namespace Plexa
       return;
     }
     if (oldTarget) {
-      if (auto* node = dynamic_cast<Carafe::Node*>(oldTarget))
+      if (auto* node = dynamic_cast<Carafe::Node*>(oldTarget)) {
         nodeRemoved(node, path, symbol, send);
-      else if (send)
+        unlisten(node, symbol);
+      } else if (send)
         event(m_cache.isNode(symbol) ? NodeRemoved : AttributeRemoved, symbol);
     }
     if (newTarget) {

@@ -303,6 +303,24 @@ TEST(NodeWatcherTest, AliasesFollowTheirTargets)
   EXPECT_EQ(f.take(), (Strings{"AttributeRemoved al/x", "NodeRemoved al", "AttributeAdded al"}));
   EXPECT_FALSE(f.cache.isNode(f.symbol("al")));
 
+  // The node itself is still watched under its own path, and no longer under the alias's.
+  static_cast<Float*>(target->attribute("x"))->setValue(7.0f);
+  f.add(*target, "y");
+  f.watcher->update();
+  EXPECT_EQ(f.take(), (Strings{"AttributeChanged target/x", "AttributeAdded target/y"}));
+  EXPECT_EQ(f.cache.find(f.symbol("al/x")), nullptr);
+
+  // Removing an alias that points to a node leaves the node watched under its own path only.
+  auto* nodeAlias = f.add<Carafe::AttributeAlias>(f.root, "nal");
+  ASSERT_TRUE(nodeAlias->setAttribute(target));
+  f.watcher->update();
+  EXPECT_EQ(f.take(), (Strings{"NodeAdded nal", "AttributeAdded nal/x", "AttributeAdded nal/y"}));
+  ASSERT_TRUE(f.root.removeAttribute("nal"));
+  EXPECT_EQ(f.take(), (Strings{"AttributeRemoved nal/x", "AttributeRemoved nal/y", "NodeRemoved nal"}));
+  f.add(*target, "z");
+  f.watcher->update();
+  EXPECT_EQ(f.take(), (Strings{"AttributeAdded target/z"}));
+
   // An alias to nothing is never reported, neither when pointed somewhere and back nor removed.
   ASSERT_TRUE(dangling->setAttribute(t1));
   EXPECT_EQ(f.take(), (Strings{"AttributeAdded none"}));
