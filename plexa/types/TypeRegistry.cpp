@@ -146,9 +146,10 @@ namespace Plexa
         return [a](BundleWriterCore& writer) { ValueCodec::writeGrid(writer, a->value()); };
       },
       [](GridAttribute* a) -> Deserializer {
-        // Filled in place (no copy of a possibly large grid), then the listeners hear of it.
+        // Filled in place on the received layer (no copy of a possibly large grid), then the
+        // listeners hear of it.
         return [a](BundleReaderCore& reader) {
-          ValueCodec::readGrid(reader, a->grid());
+          ValueCodec::readGrid(reader, a->grid(Received));
           a->notifyChanged();
         };
       });

@@ -444,8 +444,17 @@ TEST(TypeRegistry, VariantConversionsAndTheirErrors)
   EXPECT_EQ(thrownText([&] { variantBytes(registry, 2, QVariant(3)); }),
             std::string("invalid_argument: Given QVariant can't be converted to ") + typeid(Bastion::Color).name());
 
-  for (const char* name : {"Bastion::Color", "Bastion::ColorPMA", "Quiver::Vector2f", "Bastion::MemGrid8u"})
-    EXPECT_NE(QMetaType::type(name), int(QMetaType::UnknownType)) << name;
+  // Once used, the value types are known to Qt by their names.
+  const std::map<uint32_t, QVariant> samples = Plexa::TypeSamples::sampleValues();
+  const std::map<uint32_t, const char*> names = {
+    {2, "Bastion::Color"}, {48, "Bastion::ColorPMA"}, {17, "Quiver::Vector2f"}, {45, "Bastion::MemGrid8u"}};
+  for (const auto& entry : names) {
+    const QByteArray wire = variantBytes(registry, entry.first, samples.at(entry.first));
+    BundleReaderCore reader(wire, 0);
+    EXPECT_EQ(registry.createVariantDeserializer(entry.first)(reader).userType(), QMetaType::type(entry.second))
+      << entry.second;
+    EXPECT_NE(QMetaType::type(entry.second), int(QMetaType::UnknownType)) << entry.second;
+  }
 
   // The registry can be extended after construction.
   registry.setVariantSerializer(1000, [](BundleWriterCore& writer, const QVariant& v) {

@@ -115,6 +115,7 @@ TEST(ValueCodec, GridDeserializerNotifiesOnce)
   registry.createDeserializer(45, &attribute)(reader);
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(attribute.value(), Plexa::TypeSamples::sampleGrid());
+  EXPECT_EQ(attribute.topLayer(), int(Carafe::Attribute::LayerReceived));
 }
 
 TEST(ValueCodec, VectorIgnoresARemainderWithoutSkippingIt)
