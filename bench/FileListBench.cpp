@@ -18,13 +18,6 @@ using namespace Plexa::FileTestSupport;
 
 namespace
 {
-  using Clock = std::chrono::steady_clock;
-
-  double secondsSince(Clock::time_point start)
-  {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-  }
-
   /// CPU seconds of the whole process (all threads): on a busy machine this shows the work done
   /// when the wall time also shows the waiting.
   double cpuSeconds()

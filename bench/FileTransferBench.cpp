@@ -8,7 +8,6 @@
 // a whole number of 64 KiB parts: above 16 MiB other sizes can be announced one part short.
 
 #include "plexa/files/FileTransferTestSupport.hpp"
-#include "plexa/files/ServerBase.hpp"
 
 #include <QCryptographicHash>
 
@@ -29,51 +28,11 @@ using namespace Plexa::FileTestSupport;
 
 namespace
 {
-  using Clock = std::chrono::steady_clock;
-
-  double secondsSince(Clock::time_point start)
-  {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-  }
-
   double peakRssMiB()
   {
     struct rusage usage;
     getrusage(RUSAGE_SELF, &usage);
     return double(usage.ru_maxrss) / 1024.0;
-  }
-
-  class BenchServer : public ServerBase
-  {
-  public:
-    BenchServer(AssetBase& assets, const QString& root) : m_assets(assets), m_root(root) {}
-    ~BenchServer() override
-    {
-      stop(true);
-      closeConnections();
-    }
-
-  protected:
-    std::shared_ptr<ConnectionThread> createConnection(Bastion::TCPSocket* socket) override
-    {
-      return std::make_shared<TestHandler>(socket, true, m_assets, m_root);
-    }
-
-  private:
-    AssetBase& m_assets;
-    const QString m_root;
-  };
-
-  bool writeAllFd(int fd, const char* data, size_t size)
-  {
-    while (size > 0) {
-      const ssize_t n = ::write(fd, data, size);
-      if (n <= 0)
-        return false;
-      data += n;
-      size -= size_t(n);
-    }
-    return true;
   }
 
   /// Random bytes written in 1 MiB blocks, so that this process stays small before it forks.
@@ -103,7 +62,7 @@ namespace
   {
     AssetBase store(root);
     store.waitForFileList();
-    BenchServer server(store, root);
+    FileServer server(store, root);
     server.run(QStringLiteral("127.0.0.1"), 0);
     while (server.localPort() == 0)
       std::this_thread::yield();

@@ -50,18 +50,6 @@ namespace
     return true;
   }
 
-  bool writeAll(int fd, const char* data, size_t size)
-  {
-    while (size > 0) {
-      const ssize_t n = ::write(fd, data, size);
-      if (n <= 0)
-        return false;
-      data += n;
-      size -= size_t(n);
-    }
-    return true;
-  }
-
   bool readLine(int fd, QByteArray& line)
   {
     line.clear();
@@ -84,7 +72,7 @@ namespace
     const QByteArray answer = SharedKey::answer(challenge, SharedKey::current());
     const QByteArray hello = "Orrery 2.7.2\nquill\n" + answer;
     QByteArray ok;
-    return writeAll(fd, hello.constData(), size_t(hello.size())) && readLine(fd, ok) && ok == "ok";
+    return writeAllFd(fd, hello.constData(), size_t(hello.size())) && readLine(fd, ok) && ok == "ok";
   }
 }
 
@@ -104,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
       while (::read(fd, buffer, sizeof buffer) > 0) {
       }
     });
-    writeAll(fds[1], reinterpret_cast<const char*>(data), size);
+    writeAllFd(fds[1], reinterpret_cast<const char*>(data), size);
     ::shutdown(fds[1], SHUT_WR);
     handler->disconnectedSignal.wait(1, 5000);
     handler.reset();

@@ -2,7 +2,6 @@
 // 127.0.0.1.
 
 #include "plexa/files/FileTransferTestSupport.hpp"
-#include "plexa/files/ServerBase.hpp"
 
 #include "bastion/LogCapture.hpp"
 
@@ -19,27 +18,6 @@ using namespace Plexa::FileTestSupport;
 
 namespace
 {
-  class FileServer : public ServerBase
-  {
-  public:
-    FileServer(AssetBase& assets, const QString& root) : m_assets(assets), m_root(root) {}
-    ~FileServer() override
-    {
-      stop(true);
-      closeConnections();
-    }
-
-  protected:
-    std::shared_ptr<ConnectionThread> createConnection(Bastion::TCPSocket* socket) override
-    {
-      return std::make_shared<TestHandler>(socket, true, m_assets, m_root);
-    }
-
-  private:
-    AssetBase& m_assets;
-    const QString m_root;
-  };
-
   /// One client: its own root, store and handler, connected to the fixture's server.
   struct Client
   {

@@ -20,6 +20,7 @@
 #include <random>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 /// Lets GoogleTest print QStrings readably in failure messages.
 inline void PrintTo(const QString& text, std::ostream* os)
@@ -88,6 +89,26 @@ namespace Plexa
     {
       struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
       return utimensat(AT_FDCWD, QFile::encodeName(name).constData(), times, 0) == 0;
+    }
+
+    using Clock = std::chrono::steady_clock;
+
+    inline double secondsSince(Clock::time_point start)
+    {
+      return std::chrono::duration<double>(Clock::now() - start).count();
+    }
+
+    /// write(2) until all of `data` went out; false on an error or a closed descriptor.
+    inline bool writeAllFd(int fd, const char* data, size_t size)
+    {
+      while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n <= 0)
+          return false;
+        data += n;
+        size -= size_t(n);
+      }
+      return true;
     }
 
     /// A flag that one thread raises and another waits for, with a deadline.

@@ -7,6 +7,7 @@
 #include "plexa/files/FileTestSupport.hpp"
 #include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/files/FileTransferHandler.hpp"
+#include "plexa/files/ServerBase.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 
 #include "bastion/TCPServerSocket.hpp"
@@ -71,6 +72,28 @@ namespace Plexa
       std::mutex m_mutex;
       QMap<QString, qint64> m_progress;
       int m_reports = 0;
+    };
+
+    /// A listening server whose connections are TestHandlers sharing one store and root.
+    class FileServer : public ServerBase
+    {
+    public:
+      FileServer(AssetBase& assets, const QString& root) : m_assets(assets), m_root(root) {}
+      ~FileServer() override
+      {
+        stop(true);
+        closeConnections();
+      }
+
+    protected:
+      std::shared_ptr<ConnectionThread> createConnection(Bastion::TCPSocket* socket) override
+      {
+        return std::make_shared<TestHandler>(socket, true, m_assets, m_root);
+      }
+
+    private:
+      AssetBase& m_assets;
+      const QString m_root;
     };
 
     /// The other end of a handler, speaking the protocol by hand: it records every line (and the
