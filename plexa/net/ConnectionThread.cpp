@@ -215,10 +215,10 @@ namespace Plexa
       socket->close();
   }
 
-  bool ConnectionThread::writeSocket(const char* data, int size)
+  int ConnectionThread::writeSocket(const char* data, int size)
   {
     Bastion::TCPSocket* socket = m_socket.load();
-    return socket && socket->write(data, size) == size;
+    return socket ? qMax(0, socket->write(data, size)) : 0;
   }
 
   // ---- thread body ----
@@ -681,7 +681,7 @@ namespace Plexa
 
   bool ConnectionThread::writeData(const void* data, int size)
   {
-    if (!writeSocket(static_cast<const char*>(data), size))
+    if (writeSocket(static_cast<const char*>(data), size) != size)
     {
       Bastion::error("ConnectionThread::writeData # Write error");
       return false;

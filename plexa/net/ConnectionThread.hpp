@@ -191,8 +191,8 @@ namespace Plexa
     void closeSocket();
     /// Applies the read deadline of the handshake before a read; false when it has passed.
     bool beforeRead();
-    /// Writes without logging, for the writer thread.
-    bool writeSocket(const char* data, int size);
+    /// Writes without logging, for the writer thread; the number of bytes written.
+    int writeSocket(const char* data, int size);
     void waitBeforeRetry(Bastion::TimeStamp start);
     void handOverPending();
     void lineLoop();

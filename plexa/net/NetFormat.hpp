@@ -47,9 +47,12 @@ namespace Plexa
     constexpr double DefaultPingTimeoutSecs = 10.0;
     /// The writer wakes at least this often to run the keep-alive.
     constexpr int WriterWakeMs = 1000;
-    /// Largest piece the writer hands to the socket at once: bounds how long the write mutex is
-    /// held per write and sets the granularity of "data-written" progress.
+    /// Chunk of the writer's "data-written" progress: one event per chunk of at most this size.
     constexpr int WriteChunkBytes = 16384;
+    /// Largest piece of one part the writer hands to the socket in one call: a few chunks
+    /// gathered, which halves the kernel's per-packet work on fast links; the events are still
+    /// sent per chunk, for the chunks that were written in full.
+    constexpr int WriteGatherBytes = 4 * WriteChunkBytes;
     /// `skip()` discards in pieces of this size.
     constexpr int SkipPieceBytes = 512;
 

@@ -175,14 +175,23 @@ namespace Plexa
     {
       for (int offset = 0; offset < part.size();)
       {
-        const int chunk = qMin(NetFormat::WriteChunkBytes, part.size() - offset);
-        if (!m_connection->writeSocket(part.constData() + offset, chunk))
+        const int piece = qMin(NetFormat::WriteGatherBytes, part.size() - offset);
+        const int written = m_connection->writeSocket(part.constData() + offset, piece);
+        // Progress for every chunk of the piece that went out in full, also before a failure.
+        for (int chunkStart = 0; chunkStart < written;)
+        {
+          const int chunk = qMin(NetFormat::WriteChunkBytes, piece - chunkStart);
+          if (chunkStart + chunk > written)
+            break;
+          chunkStart += chunk;
+          Bastion::BinaryData progress;
+          progress.writeString(entry.name);
+          progress.writeInt32(chunk);
+          eventSend("data-written", progress);
+        }
+        if (written != piece)
           return false;
-        offset += chunk;
-        Bastion::BinaryData progress;
-        progress.writeString(entry.name);
-        progress.writeInt32(chunk);
-        eventSend("data-written", progress);
+        offset += piece;
       }
     }
     return true;

@@ -25,9 +25,10 @@ namespace Plexa
   /// The one thread that writes buffered data on a connection's socket, so that no application
   /// thread ever blocks on the network.
   ///
-  /// Entries (lists of byte arrays with a name) are written oldest first, each in chunks of at
-  /// most NetFormat::WriteChunkBytes bytes while the connection's write mutex is held, so nothing
-  /// else reaches the socket in the middle of an entry. Named tasks run on this thread, also under
+  /// Entries (lists of byte arrays with a name) are written oldest first while the connection's
+  /// write mutex is held, so nothing else reaches the socket in the middle of an entry; socket
+  /// calls take at most NetFormat::WriteGatherBytes, progress is reported per chunk of at most
+  /// NetFormat::WriteChunkBytes. Named tasks run on this thread, also under
   /// the write mutex. While the connection uses pings and the peer has answered one, the writer
   /// sends "ping" after 5 s of silence and closes the connection after the connection's ping
   /// timeout.
