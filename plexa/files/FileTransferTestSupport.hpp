@@ -81,7 +81,10 @@ namespace Plexa
       FileServer(AssetBase& assets, const QString& root) : m_assets(assets), m_root(root) {}
       ~FileServer() override
       {
+        // The accept thread may still be setting up the last connection: join it before the
+        // connections are taken down.
         stop(true);
+        waitEnd();
         closeConnections();
       }
 
