@@ -1,0 +1,124 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace Plexa
+{
+  class RemoteNode;
+
+  /// Caps against a peer that floods a session. 0 means no cap. A session that goes over a cap
+  /// logs one error and is disconnected; the tree keeps what it already applied.
+  struct PeerLimits
+  {
+    /// Paths the peer may define in its symbol registry per session.
+    int maxSymbols = 0;
+    /// Session attribute records (paths mentioned by either side) per session.
+    int maxSessionAttributes = 0;
+    /// Nodes and attributes the receivers may create in the local tree per session.
+    int maxCreatedNodes = 0;
+  };
+
+  struct PeerOptions
+  {
+    /// Attributes and nodes the peer announces are created locally when missing.
+    bool createMissingAttributes = true;
+    /// Values the peer sent before it saw this side's latest value are dropped.
+    bool dropStaleValues = false;
+    PeerLimits limits;
+    /// Server side: live connections at most (0: no cap); one more is closed right after it was
+    /// accepted, with a logged warning.
+    int maxConnections = 0;
+    /// Folder that files are served from and fetched into; empty: no file transfer.
+    QString fileRoot;
+  };
+
+  /// How a fetch ended.
+  enum class FetchResult
+  {
+    Verified,
+    Failed,
+    TimedOut
+  };
+
+  /// Everything an application needs to keep a `RemoteNode` in sync with a peer: the connection
+  /// (a client towards host:port, or the connections a listening server accepts), one session per
+  /// established connection, and the update loop that runs them.
+  ///
+  /// A session starts each time a connection is established (a new controller; the tree's present
+  /// contents are announced to the peer) and ends when the connection drops; bundles of an ended
+  /// session still waiting to be written are discarded, so none reaches the next session. A client
+  /// reconnects by itself, every 3 seconds, until `stop()`.
+  ///
+  /// Threads: the tree and every call below except `wake()` and the statistics belong to the
+  /// application thread, the one that calls `waitAndUpdate`/`update`. Callbacks run there too.
+  ///
+  /// Typical use:
+  ///
+  ///     Plexa::RemoteNode scene(nullptr, "scene");
+  ///     Plexa::Peer peer(scene);
+  ///     peer.connectTo("127.0.0.1", 4711);
+  ///     for (;;)
+  ///       peer.waitAndUpdate(100);   // returns early when bundles arrive or the tree changes
+  class Peer
+  {
+  public:
+    using ConnectionCallback = std::function<void(const QString& peerAddress, bool connected)>;
+    using RetryCallback = std::function<void(double secondsLeft)>;
+    using FetchCallback = std::function<void(const QString& path, FetchResult result)>;
+    using FetchProgressCallback = std::function<void(const QString& path, int64_t bytesDone, int64_t bytesTotal)>;
+
+    explicit Peer(RemoteNode& node, const PeerOptions& options = PeerOptions());
+    /// Stops the connections and ends their sessions.
+    ~Peer();
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+
+    /// Client: connects to `host`:`port` in the background, retrying every 3 seconds.
+    void connectTo(const QString& host, int port);
+    /// Server: listens on `host`:`port` (port 0 picks a free one). False, with a readable reason
+    /// in `error`, when the address cannot be bound (no retry).
+    bool listen(const QString& host, int port, QString* error = nullptr);
+    /// The port being listened on, 0 when not listening.
+    int listeningPort() const;
+    /// Closes every connection and the listening socket; sessions end at the next update.
+    void stop();
+
+    /// Runs the queued session work once: incoming bundles, then this side's changes out.
+    void update();
+    /// Waits until bundles arrived, the tree changed locally, `wake()` was called, or `maxWaitMs`
+    /// passed, then runs `update()`. Idles without spinning.
+    void waitAndUpdate(int maxWaitMs);
+    /// Makes a waiting `waitAndUpdate` return at once. Any thread.
+    void wake();
+
+    /// Live sessions (established connections).
+    int sessionCount() const;
+    /// Sessions in which the peer's "initialized" event has arrived.
+    int initializedSessionCount() const;
+
+    /// Bytes written to and read from every connection since construction. Any thread.
+    uint64_t txBytes() const;
+    uint64_t rxBytes() const;
+
+    void setConnectionCallback(const ConnectionCallback& callback);
+    /// Client: seconds left until the next connection attempt, while retrying.
+    void setRetryCallback(const RetryCallback& callback);
+
+    /// Asks the peer of the first live session for the file at `path` (relative to its file root,
+    /// beginning with '/'); it is stored at the same path below this side's file root once its MD5
+    /// matched. `callback` runs once, with Verified, Failed (MD5 mismatch, connection lost) or
+    /// TimedOut (the peer never answered within `timeoutMs`: it does not have the file).
+    void fetch(const QString& path, int timeoutMs, const FetchCallback& callback);
+    /// Progress of running fetches, after every few parts and at the end.
+    void setFetchProgressCallback(const FetchProgressCallback& callback);
+
+  private:
+    class D;
+    std::unique_ptr<D> d;
+  };
+}
