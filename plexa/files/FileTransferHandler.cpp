@@ -440,10 +440,12 @@ namespace Plexa
     if (!d->uploadMutex.tryLock())
       return 1;
     d->uploadQueue.clear();
-    d->uploadTask.reset();
     d->currentPath.clear();
-    d->uploadMutex.unlock();
+    // Closed while the task is still registered: once it is cleared, the destructor no longer
+    // waits for this step, so nothing may touch the handler after the unlock.
     closeCurrentFile();
+    d->uploadTask.reset();
+    d->uploadMutex.unlock();
     return 2;
   }
 
