@@ -23,7 +23,7 @@ foreach(dir quiver bastion carafe)
     FILES_MATCHING PATTERN "*.hpp" PATTERN "*Test.hpp" EXCLUDE)
 endforeach()
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/plexa/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/plexa
-  FILES_MATCHING PATTERN "*.hpp" PATTERN "*Test.hpp" EXCLUDE)
+  FILES_MATCHING PATTERN "*.hpp" PATTERN "*Test.hpp" EXCLUDE PATTERN "*TestSupport.hpp" EXCLUDE)
 
 install(EXPORT PlexaTargets NAMESPACE Plexa:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Plexa)
 configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/PlexaConfig.cmake.in
