@@ -1,12 +1,18 @@
 #include "plexa/session/Core.hpp"
 
+#include "bastion/BinaryData.hpp"
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
+#include "bastion/SymbolRegistry.hpp"
 #include "plexa/bundle/BundleOutput.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/bundle/Connection.hpp"
+#include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleSender.hpp"
 #include "plexa/session/HandshakeReceiver.hpp"
 #include "plexa/session/HandshakeSender.hpp"
 #include "plexa/session/SessionFormat.hpp"
+#include "plexa/types/TypeRegistry.hpp"
 
 #include <exception>
 
@@ -21,7 +27,117 @@ namespace Plexa
     m_modules.push_back({QString::fromLatin1(ModuleNames::Handshake), HandshakeMessageType, m_handshakeReceiver});
   }
 
+  Core::Core(RemoteNode& node, const BundleControllerParams& params)
+    : Core()
+  {
+    m_node = &node;
+    m_params = std::make_unique<BundleControllerParams>(params);
+    m_receivedSymbols = std::make_unique<Bastion::SymbolRegistry>();
+    m_typeRegistry = std::make_unique<TypeRegistry>();
+  }
+
   Core::~Core() = default;
+
+  void Core::ensureIsInitialized()
+  {
+    if (!m_params || nodeDestroyed())
+      return;
+    const BundleControllerParams& params = *m_params;
+    RemoteNode& node = *m_node;
+
+    m_enabled.store(params.enabled);
+    // The attribute store, the change sender and the receivers join here once they exist.
+    m_connection = params.connection;
+    (void)node;
+
+    m_params.reset();
+  }
+
+  BundleControllerParams::OneWayEventHandler Core::countingEventHandler(BundleControllerParams::OneWayEventHandler handler)
+  {
+    return [this, handler = std::move(handler)](const QByteArray& name, Bastion::BinaryData& data) {
+      if (name == "initialized")
+        ++m_peerInitialized;
+      handler(name, data);
+    };
+  }
+
+  void Core::addTask(Task task)
+  {
+    Bastion::Guard guard(m_taskMutex);
+    m_tasks.push_back(std::move(task));
+  }
+
+  void Core::runTasks()
+  {
+    std::vector<Task> tasks;
+    {
+      Bastion::Guard guard(m_taskMutex);
+      tasks.swap(m_tasks);
+    }
+    for (const Task& task : tasks) {
+      if (nodeDestroyed())
+        return;
+      task(*this);
+    }
+  }
+
+  void Core::process(const std::vector<Bundle>& bundles)
+  {
+    ensureIsInitialized();
+    if (bundles.empty() || nodeDestroyed())
+      return;
+    // This side's pending changes leave before the peer's are applied. Only the outgoing work
+    // depends on `enabled`: a disabled session still applies what it receives and keeps
+    // acknowledging it, so nothing the peer sent is lost while this side is quiet.
+    if (isEnabled())
+      sendUpdates();
+    for (const Bundle& bundle : bundles) {
+      // A receiver may have destroyed the tree (an event handler, say): the rest is not for us.
+      if (nodeDestroyed())
+        return;
+      try {
+        dispatchBundle(bundle);
+      } catch (const std::exception& e) {
+        Bastion::warning("BundleController::process # Failed to process bundle of type type %d: %s",
+                         int(bundle.header().messageType), e.what());
+      }
+    }
+  }
+
+  void Core::sendUpdates()
+  {
+    if (nodeDestroyed())
+      return;
+    if (m_node)
+      m_node->update();
+    const std::vector<Bundle> bundles = collect();
+    if (!bundles.empty() && m_connection)
+      m_connection->send(bundles);
+  }
+
+  bool Core::limitExceeded() const
+  {
+    return false;
+  }
+
+  Bastion::SymbolRegistry* Core::symbolRegistrySend()
+  {
+    ensureIsInitialized();
+    return m_node ? &m_node->symbolRegistry() : nullptr;
+  }
+
+  Bastion::SymbolRegistry* Core::symbolRegistryRecv()
+  {
+    ensureIsInitialized();
+    return m_receivedSymbols.get();
+  }
+
+  void Core::debugDump()
+  {
+    ensureIsInitialized();
+
+  }
 
   uint32_t Core::messageTypeFor(const QByteArray& moduleName)
   {
@@ -56,7 +172,13 @@ namespace Plexa
 
   void Core::addReceiver(const QByteArray& moduleName, std::shared_ptr<BundleReceiver> receiver)
   {
-    m_moduleReceivers[moduleName] = std::move(receiver);
+    for (auto& entry : m_moduleReceivers) {
+      if (entry.first == moduleName) {
+        entry.second = std::move(receiver);
+        return;
+      }
+    }
+    m_moduleReceivers.emplace_back(moduleName, std::move(receiver));
   }
 
   void Core::addModuleFactory(const QByteArray& moduleName, ModuleFactory factory, ModuleReload reload)
@@ -142,9 +264,10 @@ namespace Plexa
   std::shared_ptr<BundleReceiver> Core::createModule(const QByteArray& moduleName,
                                                      const QMap<QString, QString>& parameters)
   {
-    const auto registered = m_moduleReceivers.find(moduleName);
-    if (registered != m_moduleReceivers.end())
-      return registered->second;
+    for (const auto& entry : m_moduleReceivers) {
+      if (entry.first == moduleName)
+        return entry.second;
+    }
     const auto entry = m_moduleFactories.find(moduleName);
     if (entry == m_moduleFactories.end() || !entry->second.create)
       return nullptr;

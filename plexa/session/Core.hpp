@@ -1,31 +1,55 @@
 #pragma once
 
+#include "bastion/Mutex.hpp"
 #include "plexa/bundle/Bundle.hpp"
+#include "plexa/session/BundleControllerParams.hpp"
 #include "plexa/session/BundleDispatcher.hpp"
 
 #include <QByteArray>
 #include <QMap>
 #include <QString>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <vector>
 
+namespace Bastion
+{
+  class SymbolRegistry;
+}
+
 namespace Plexa
 {
+  class AttributeRemoveReceiver;
+  class AttributeStorage;
+  class AttributeUpdateReceiver;
   class BundleReceiver;
   class BundleSender;
+  class Connection;
   class HandshakeReceiver;
   class HandshakeSender;
+  class NewAttributeReceiver;
+  class NodeChangeSender;
+  class OneWayEventReceiver;
+  class RemoteNode;
+  class SymbolRegistryReceiver;
+  class TypeRegistry;
 
   /// The heart of one session: its senders and receivers, the send pass that collects their
   /// bundles, the dispatch of incoming bundles by message type, and the loading of modules on the
   /// peer's request. The module handshake is registered at message type 0 from the start.
   ///
-  /// Everything here runs on the session's update thread (the controller queues work for it); the
-  /// class takes no locks and is not thread-safe.
+  /// A core made for a remote node (by `BundleController`) also owns the session built on it: the
+  /// type registry, the attribute store, the registry of the peer's symbols, the change sender and
+  /// the receivers. They are built on first use (`ensureIsInitialized`) from a copy of the
+  /// parameters, which is released then. A core made without a node has the dispatch side only.
+  ///
+  /// Threads: only `addTask`, `isEnabled`, `nodeDestroyed`, `markNodeDestroyed` and
+  /// `peerInitializedCount` may be called from any thread. Everything else runs on the session's
+  /// update thread (the controller queues work for it).
   class Core : public BundleDispatcher
   {
   public:
@@ -44,7 +68,13 @@ namespace Plexa
       std::shared_ptr<BundleReceiver> receiver;
     };
 
+    /// An operation queued for the update thread.
+    using Task = std::function<void(Core&)>;
+
+    /// A core with the dispatch side only (no session, nothing to initialise).
     Core();
+    /// A session core for `node` (which must outlive it, or mark it with `markNodeDestroyed`).
+    Core(RemoteNode& node, const BundleControllerParams& params);
     ~Core() override;
     Core(const Core&) = delete;
     Core& operator=(const Core&) = delete;
@@ -85,6 +115,55 @@ namespace Plexa
     /// answers "ok" or "error" to the peer through the handshake sender.
     void loadModule(uint32_t messageType, const QString& moduleName, const QMap<QString, QString>& parameters);
 
+    // ---- Session -------------------------------------------------------------------------------
+
+    /// Builds the session on first use (see the source for the order); later calls do nothing.
+    void ensureIsInitialized();
+    /// True once the session has been built (or when there is none to build).
+    bool isInitialized() const { return !m_params; }
+
+    /// Appends `task` to the queue under `taskMutex`. Any thread.
+    void addTask(Task task);
+    /// Runs the tasks queued so far, in queue order. Tasks they queue run at the next call.
+    void runTasks();
+
+    /// Handles one received list: initialises the session; for a non-empty list, first sends this
+    /// side's pending changes when enabled, then dispatches every bundle in order. A standard
+    /// exception from one bundle is logged with the bundle's type and the next bundle follows.
+    void process(const std::vector<Bundle>& bundles);
+    /// The outgoing work: the remote node's `update()`, the send pass, and the connection's `send`
+    /// for a non-empty pass.
+    void sendUpdates();
+
+    bool isEnabled() const { return m_enabled.load(); }
+    void setEnabled(bool enabled) { m_enabled.store(enabled); }
+
+    /// Set once the remote node sent "destroyed": the core then leaves the node, and everything
+    /// built on it, alone. Any thread.
+    void markNodeDestroyed() { m_nodeDestroyed.store(true); }
+    bool nodeDestroyed() const { return m_nodeDestroyed.load(); }
+
+    /// How many "initialized" events the peer sent in this session (one per sender life: 1 once
+    /// the peer's change sender has started). Any thread.
+    int peerInitializedCount() const { return m_peerInitialized.load(); }
+    /// True when a flooding cap of the parameters was hit (false before initialisation).
+    bool limitExceeded() const;
+
+    /// The registry numbering the paths this side sends (the remote node's) and the one holding
+    /// the peer's numbers. Both initialise the session first; null without a session.
+    Bastion::SymbolRegistry* symbolRegistrySend();
+    Bastion::SymbolRegistry* symbolRegistryRecv();
+    /// Prints the session's attribute store to standard output (initialising first).
+    void debugDump();
+
+    /// The session's type registry; null for a core without a node.
+    TypeRegistry* typeRegistry() const { return m_typeRegistry.get(); }
+    RemoteNode* remoteNode() const { return m_node; }
+    /// Null until the session is built, and for a core without a node.
+    AttributeStorage* attributeStorage() const { return m_storage.get(); }
+    NodeChangeSender* changeSender() const { return m_changeSender.get(); }
+    const std::shared_ptr<Connection>& connection() const { return m_connection; }
+
     // ---- State ---------------------------------------------------------------------------------
 
     HandshakeSender& handshakeSender() { return *m_handshakeSender; }
@@ -96,6 +175,11 @@ namespace Plexa
     uint32_t lastDispatched() const { return m_lastDispatched; }
     /// The dispatch table; a null receiver marks a type whose bundles are dropped.
     const std::map<uint32_t, std::shared_ptr<BundleReceiver>>& receivers() const { return m_receivers; }
+    /// The receivers served by module name when the peer loads them, in registration order.
+    const std::vector<std::pair<QByteArray, std::shared_ptr<BundleReceiver>>>& moduleReceivers() const
+    {
+      return m_moduleReceivers;
+    }
     const std::vector<Module>& modules() const { return m_modules; }
     const std::vector<std::shared_ptr<BundleSender>>& senders() const { return m_senders; }
     const std::map<QByteArray, uint32_t>& outgoingTypes() const { return m_outgoingTypes; }
@@ -112,6 +196,34 @@ namespace Plexa
     std::shared_ptr<BundleReceiver> createModule(const QByteArray& moduleName,
                                                  const QMap<QString, QString>& parameters);
 
+    /// The one-way event handler installed in the session: counts the peer's "initialized", then
+    /// hands the event to `handler`.
+    BundleControllerParams::OneWayEventHandler countingEventHandler(BundleControllerParams::OneWayEventHandler handler);
+
+    // ---- Queue and flags; any thread ----
+    Bastion::Mutex m_taskMutex;
+    /// Guarded by m_taskMutex.
+    std::vector<Task> m_tasks;
+    std::atomic<bool> m_enabled{false};
+    std::atomic<bool> m_nodeDestroyed{false};
+    std::atomic<int> m_peerInitialized{0};
+
+    // ---- Session; update thread only. Declared before the dispatch state so that the senders
+    // and receivers there, which refer to these, are destroyed first. ----
+    RemoteNode* m_node = nullptr;
+    /// The parameters until the session is built; null afterwards (and without a session).
+    std::unique_ptr<BundleControllerParams> m_params;
+    std::unique_ptr<Bastion::SymbolRegistry> m_receivedSymbols;
+    std::unique_ptr<TypeRegistry> m_typeRegistry;
+    std::shared_ptr<AttributeStorage> m_storage;
+    std::shared_ptr<NodeChangeSender> m_changeSender;
+    std::shared_ptr<SymbolRegistryReceiver> m_symbolReceiver;
+    std::shared_ptr<NewAttributeReceiver> m_newReceiver;
+    std::shared_ptr<AttributeUpdateReceiver> m_updateReceiver;
+    std::shared_ptr<AttributeRemoveReceiver> m_removeReceiver;
+    std::shared_ptr<OneWayEventReceiver> m_eventReceiver;
+    std::shared_ptr<Connection> m_connection;
+
     // ---- Dispatch state; update thread only ----
     std::shared_ptr<HandshakeSender> m_handshakeSender;
     std::shared_ptr<HandshakeReceiver> m_handshakeReceiver;
@@ -119,8 +231,9 @@ namespace Plexa
     std::map<uint32_t, std::shared_ptr<BundleReceiver>> m_receivers;
     /// What the peer has loaded so far, in load order.
     std::vector<Module> m_modules;
-    /// Receivers registered by the session, served by module name when the peer loads them.
-    std::map<QByteArray, std::shared_ptr<BundleReceiver>> m_moduleReceivers;
+    /// Receivers registered by the session, served by module name when the peer loads them; in
+    /// registration order (a handful, looked up linearly).
+    std::vector<std::pair<QByteArray, std::shared_ptr<BundleReceiver>>> m_moduleReceivers;
     /// Modules created on demand, by name.
     std::map<QByteArray, ModuleEntry> m_moduleFactories;
     /// The send pass, in order; the handshake sender is first.
