@@ -1,0 +1,294 @@
+#include "plexa/session/BundleController.hpp"
+
+#include "bastion/BinaryData.hpp"
+#include "bastion/LogCapture.hpp"
+#include "bastion/SymbolRegistry.hpp"
+#include "carafe/AttributeT.hpp"
+#include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/bundle/Connection.hpp"
+#include "plexa/remote/RemoteNode.hpp"
+#include "plexa/session/BundleReceiver.hpp"
+#include "plexa/session/BundleSender.hpp"
+#include "plexa/session/Core.hpp"
+#include "plexa/session/SessionFormat.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <stdexcept>
+#include <thread>
+
+using namespace Plexa;
+using Float = Carafe::AttributeT<float>;
+using Double = Carafe::AttributeT<double>;
+using Bool = Carafe::AttributeT<bool>;
+using Vec2 = Carafe::AttributeT<Quiver::Vector2T<float>>;
+
+namespace
+{
+  /// The outgoing side of a test session: records every send pass and, when linked, hands it to
+  /// the peer controller as its connection thread would.
+  class Link : public Connection
+  {
+  public:
+    void send(const std::vector<Bundle>& bundles) override
+    {
+      passes.push_back(bundles);
+      if (const auto peer = this->peer.lock())
+        peer->scheduleProcess(bundles);
+    }
+    std::vector<std::vector<Bundle>> passes;
+    std::weak_ptr<BundleController> peer;
+  };
+
+  /// Records the sequence of every bundle it gets; throws a standard exception for the payload
+  /// word 0xBAD and an int for 0xDEAD.
+  class ScriptedReceiver : public BundleReceiver
+  {
+  public:
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&) override
+    {
+      sequences.push_back(header.sequence);
+      if (onBundle)
+        onBundle();
+      const uint32_t word = reader.readValue<uint32_t>();
+      if (word == 0xBAD)
+        throw std::out_of_range("boom");
+      if (word == 0xDEAD)
+        throw 42;
+    }
+    std::vector<uint32_t> sequences;
+    std::function<void()> onBundle;
+  };
+
+  constexpr uint32_t ScriptedType = 9;
+
+  Bundle makeBundle(uint32_t type, uint32_t sequence, uint32_t word)
+  {
+    Bundle bundle;
+    bundle.setHeader({4, type, sequence, 0});
+    bundle.data().append(reinterpret_cast<const char*>(&word), 4);
+    return bundle;
+  }
+
+  /// Serves `receiver` under ScriptedType in the controller's core.
+  void installScripted(BundleController& controller, const std::shared_ptr<ScriptedReceiver>& receiver)
+  {
+    const auto core = controller.core();
+    core->addReceiver("Test.Scripted", receiver);
+    core->loadModule(ScriptedType, "Test.Scripted", {});
+  }
+
+  BundleControllerParams paramsWith(const std::shared_ptr<Link>& link, bool enabled = true)
+  {
+    BundleControllerParams params;
+    params.connection = link;
+    params.enabled = enabled;
+    params.createMissingAttributes = true;
+    return params;
+  }
+
+  template <typename A>
+  A* add(Carafe::Node& node, const QByteArray& name)
+  {
+    auto* attribute = new A;
+    EXPECT_TRUE(node.addAttribute(name, attribute));
+    return attribute;
+  }
+}
+
+TEST(BundleControllerTest, ProcessInitialisesAndSendsThisSidesChangesBeforeDispatching)
+{
+  RemoteNode node(nullptr, "root");
+  auto link = std::make_shared<Link>();
+  const auto controller = BundleController::create(node, paramsWith(link));
+  const auto core = controller->core();
+
+  // An empty list only builds the session: nothing is sent although the core is enabled.
+  controller->scheduleProcess({});
+  EXPECT_FALSE(core->isInitialized());
+  core->runTasks();
+  EXPECT_TRUE(core->isInitialized());
+  EXPECT_TRUE(link->passes.empty());
+
+  auto receiver = std::make_shared<ScriptedReceiver>();
+  installScripted(*controller, receiver);
+  size_t passesAtDispatch = 0;
+  receiver->onBundle = [&] { passesAtDispatch = link->passes.size(); };
+  controller->scheduleProcess({makeBundle(ScriptedType, 1, 0)});
+  core->runTasks();
+  EXPECT_EQ(receiver->sequences, std::vector<uint32_t>({1}));
+  EXPECT_EQ(passesAtDispatch, 1u);
+  EXPECT_EQ(link->passes.size(), 1u);
+}
+
+TEST(BundleControllerTest, AFailingBundleIsLoggedWithItsTypeAndTheNextOneIsStillDispatched)
+{
+  RemoteNode node(nullptr, "root");
+  const auto controller = BundleController::create(node, paramsWith(nullptr));
+  auto receiver = std::make_shared<ScriptedReceiver>();
+  controller->ensureIsInitialized();
+  installScripted(*controller, receiver);
+
+  Bastion::LogCapture log;
+  // Shorter than a header: the header itself cannot be read.
+  const Bundle truncated(QByteArray("\0\0\0\0\x05\0\0\0", 8));
+  controller->scheduleProcess(
+      {makeBundle(ScriptedType, 1, 0xBAD), makeBundle(ScriptedType, 2, 0), truncated, makeBundle(ScriptedType, 3, 7)});
+  BundleController::update();
+  EXPECT_EQ(receiver->sequences, std::vector<uint32_t>({1, 2, 3}));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Warning,
+                           "BundleController::process # Failed to process bundle of type type 9: boom"));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Warning, "BundleController::process # Failed to process bundle of "
+                                                       "type type 5: BundleReader::read # tried to read past the end"));
+  EXPECT_EQ(controller->core()->lastDispatched(), 3u);
+
+  // Anything that is not a standard exception is not the controller's to swallow.
+  EXPECT_THROW(controller->process({makeBundle(ScriptedType, 4, 0xDEAD), makeBundle(ScriptedType, 5, 0)}), int);
+  EXPECT_EQ(receiver->sequences.back(), 4u);
+}
+
+TEST(BundleControllerTest, SetEnabledTakesEffectAfterTheTasksQueuedBeforeIt)
+{
+  RemoteNode node(nullptr, "root");
+  auto link = std::make_shared<Link>();
+  const auto controller = BundleController::create(node, paramsWith(link));
+  const auto core = controller->core();
+  BundleController::update();
+  ASSERT_EQ(link->passes.size(), 1u);
+  // Something for the next send pass: a module request of the handshake sender.
+  const auto request = [](const QByteArray& module) { return [module](Core& c) { c.messageTypeFor(module); }; };
+
+  controller->addTask(request("Test.One"));
+  controller->scheduleProcess({makeBundle(77, 1, 0)});
+  controller->addTask(request("Test.Two"));
+  controller->setEnabled(false);
+  EXPECT_TRUE(core->isEnabled());
+  BundleController::update();
+  // The received list sent the first request out; the second would have gone in the update's
+  // own outgoing work, which the disabled core no longer does.
+  EXPECT_FALSE(core->isEnabled());
+  EXPECT_EQ(link->passes.size(), 2u);
+  BundleController::update();
+  EXPECT_EQ(link->passes.size(), 2u);
+
+  // Incoming bundles are still dispatched while disabled.
+  auto receiver = std::make_shared<ScriptedReceiver>();
+  installScripted(*controller, receiver);
+  controller->scheduleProcess({makeBundle(ScriptedType, 2, 0)});
+  BundleController::update();
+  EXPECT_EQ(receiver->sequences, std::vector<uint32_t>({2}));
+  EXPECT_EQ(core->lastDispatched(), 2u);
+  EXPECT_EQ(link->passes.size(), 2u);
+
+  controller->setEnabled(true);
+  BundleController::update();
+  EXPECT_EQ(link->passes.size(), 3u);
+}
+
+TEST(BundleControllerTest, DestroyedNodeSkipsItsControllerAtOnceAndTheServicingRemovesIt)
+{
+  Carafe::Node::processAfterUpdate();
+  const int before = BundleController::controllerCount();
+  auto node = std::make_unique<RemoteNode>(nullptr, "doomed");
+  add<Float>(*node, "speed");
+  auto link = std::make_shared<Link>();
+  auto controller = BundleController::create(*node, paramsWith(link));
+  EXPECT_EQ(BundleController::controllerCount(), before + 1);
+  BundleController::update();
+  const size_t passes = link->passes.size();
+  const std::weak_ptr<Core> weakCore = controller->core();
+
+  // A task destroys the tree; the task behind it and the outgoing work must not touch it.
+  bool laterTaskRan = false;
+  controller->addTask([&](Core&) { node.reset(); });
+  controller->addTask([&](Core&) { laterTaskRan = true; });
+  BundleController::update();
+  EXPECT_FALSE(laterTaskRan);
+  // Queued before the servicing: dropped as well.
+  controller->addTask([&](Core&) { laterTaskRan = true; });
+  controller->scheduleProcess({makeBundle(77, 1, 0)});
+  BundleController::update();
+  EXPECT_FALSE(laterTaskRan);
+  EXPECT_EQ(link->passes.size(), passes);
+  EXPECT_EQ(BundleController::controllerCount(), before + 1);
+
+  Carafe::Node::processAfterUpdate();
+  EXPECT_EQ(BundleController::controllerCount(), before);
+  EXPECT_TRUE(weakCore.expired());
+  EXPECT_EQ(controller->core(), nullptr);
+  EXPECT_EQ(controller->symbolRegistryRecv(), nullptr);
+  controller->addTask([&](Core&) { laterTaskRan = true; });
+  controller->setEnabled(false);
+  controller->debugDump();
+  BundleController::update();
+  EXPECT_FALSE(laterTaskRan);
+  controller.reset();
+
+  // A controller the application lets go leaves the list too, with its queued work.
+  RemoteNode other(nullptr, "other");
+  auto dropped = BundleController::create(other, paramsWith(nullptr));
+  dropped->addTask([&](Core&) { laterTaskRan = true; });
+  dropped.reset();
+  BundleController::update();
+  EXPECT_FALSE(laterTaskRan);
+  Carafe::Node::processAfterUpdate();
+  EXPECT_EQ(BundleController::controllerCount(), before);
+}
+
+TEST(BundleControllerTest, TasksQueuedFromOtherThreadsRunInTheirOrderOnTheUpdateThread)
+{
+  RemoteNode node(nullptr, "root");
+  add<Float>(node, "speed");
+  const auto controller = BundleController::create(node, paramsWith(std::make_shared<Link>()));
+  constexpr int Threads = 4;
+  constexpr int PerThread = 300;
+  // Written only by tasks, which run on this thread.
+  std::vector<std::vector<int>> seen(Threads);
+  std::atomic<int> done{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < Threads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < PerThread; ++i) {
+        controller->addTask([&seen, &done, t, i](Core&) {
+          seen[t].push_back(i);
+          ++done;
+        });
+        if (i % 10 == 0) {
+          controller->scheduleProcess({makeBundle(77, uint32_t(i + 1), 0)});
+          controller->setEnabled(i % 20 == 0);
+        }
+      }
+    });
+  }
+  // A churn of short-lived controllers on another tree, created and dropped off this thread.
+  RemoteNode spare(nullptr, "spare");
+  std::atomic<bool> stop{false};
+  std::thread churn([&] {
+    while (!stop) {
+      auto transient = BundleController::create(spare, paramsWith(nullptr));
+      transient->scheduleProcess({});
+    }
+  });
+
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (done < Threads * PerThread && std::chrono::steady_clock::now() < deadline) {
+    BundleController::update();
+    Carafe::Node::processAfterUpdate();
+  }
+  for (auto& thread : threads)
+    thread.join();
+  stop = true;
+  churn.join();
+  BundleController::update();
+  Carafe::Node::processAfterUpdate();
+
+  ASSERT_EQ(done.load(), Threads * PerThread);
+  for (int t = 0; t < Threads; ++t) {
+    ASSERT_EQ(int(seen[t].size()), PerThread);
+    for (int i = 0; i < PerThread; ++i)
+      ASSERT_EQ(seen[t][size_t(i)], i);
+  }
+}
