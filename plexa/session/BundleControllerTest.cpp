@@ -6,11 +6,13 @@
 #include "carafe/AttributeT.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/Connection.hpp"
+#include "plexa/remote/AttributeWalk.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleReceiver.hpp"
 #include "plexa/session/BundleSender.hpp"
 #include "plexa/session/Core.hpp"
 #include "plexa/session/SessionFormat.hpp"
+#include "plexa/tracking/NodeChangeSender.hpp"
 
 #include <gtest/gtest.h>
 
@@ -88,6 +90,28 @@ namespace
     params.enabled = enabled;
     params.createMissingAttributes = true;
     return params;
+  }
+
+  /// Path -> value text of every attribute under `node`.
+  std::map<QByteArray, QString> snapshot(RemoteNode& node)
+  {
+    std::map<QByteArray, QString> values;
+    walkAttributesWithPath(node, [&](Carafe::Attribute& attribute, const QByteArray& path) {
+      values[path] = attribute.asText();
+    });
+    return values;
+  }
+
+  /// Runs update cycles until `done` holds; false after 50 cycles.
+  bool pumpUntil(const std::function<bool()>& done)
+  {
+    for (int i = 0; i < 50; ++i) {
+      BundleController::update();
+      Carafe::Node::processAfterUpdate();
+      if (done())
+        return true;
+    }
+    return false;
   }
 
   template <typename A>
@@ -291,4 +315,105 @@ TEST(BundleControllerTest, TasksQueuedFromOtherThreadsRunInTheirOrderOnTheUpdate
     for (int i = 0; i < PerThread; ++i)
       ASSERT_EQ(seen[t][size_t(i)], i);
   }
+}
+
+TEST(BundleControllerTest, SessionIsBuiltOnceInOrderAndAnnouncesTheTreeThatWasThere)
+{
+  RemoteNode node(nullptr, "root");
+  add<Float>(node, "speed")->setValue(1.5f);
+  auto link = std::make_shared<Link>();
+  const auto controller = BundleController::create(node, paramsWith(link, false));
+  const auto core = controller->core();
+  ASSERT_TRUE(core);
+  EXPECT_FALSE(core->isInitialized());
+  EXPECT_EQ(core->attributeStorage(), nullptr);
+
+  // The registries initialise the session first.
+  Bastion::SymbolRegistry* received = controller->symbolRegistryRecv();
+  ASSERT_NE(received, nullptr);
+  EXPECT_TRUE(core->isInitialized());
+  EXPECT_EQ(controller->symbolRegistrySend(), &node.symbolRegistry());
+  EXPECT_NE(received, &node.symbolRegistry());
+  EXPECT_NE(core->attributeStorage(), nullptr);
+  EXPECT_FALSE(core->isEnabled());
+  EXPECT_EQ(core->connection(), link);
+
+  std::vector<QByteArray> names;
+  for (const auto& entry : core->moduleReceivers())
+    names.push_back(entry.first);
+  const std::vector<QByteArray> expected = {ModuleNames::SymbolRegistry, ModuleNames::AttributeRemove,
+                                            ModuleNames::AttributeNew, ModuleNames::AttributeUpdate,
+                                            ModuleNames::OneWayEvent};
+  EXPECT_EQ(names, expected);
+  ASSERT_EQ(core->senders().size(), 2u);
+  EXPECT_EQ(core->senders()[1].get(), core->changeSender());
+  // The change sender was the first to ask for a type: its own module got the first number.
+  EXPECT_EQ(core->changeSender()->messageType(), core->outgoingTypes().at(ModuleNames::SymbolRegistry));
+
+  // A second initialisation changes nothing.
+  AttributeStorage* storage = core->attributeStorage();
+  controller->ensureIsInitialized();
+  EXPECT_EQ(core->attributeStorage(), storage);
+  EXPECT_EQ(core->moduleReceivers().size(), expected.size());
+
+  // The attribute that existed before the session goes out in the first pass as an addition.
+  core->sendUpdates();
+  ASSERT_EQ(link->passes.size(), 1u);
+  const uint32_t newType = core->outgoingTypes().at(ModuleNames::AttributeNew);
+  int additions = 0;
+  for (const Bundle& bundle : link->passes[0])
+    additions += bundle.header().messageType == newType ? 1 : 0;
+  EXPECT_EQ(additions, 1);
+}
+
+TEST(BundleControllerTest, TwoLinkedSessionsKeepTheirTreesInSync)
+{
+  RemoteNode a(nullptr, "a");
+  RemoteNode b(nullptr, "b");
+  Float* speed = add<Float>(a, "speed");
+  speed->setValue(1.5f);
+  auto* flags = new Carafe::Node(&a, "flags");
+  add<Bool>(*flags, "visible")->setValue(true);
+  add<Vec2>(a, "pos")->setValue(Quiver::Vector2T<float>(1, 2));
+  add<Double>(b, "gain")->setValue(0.25);
+
+  auto toB = std::make_shared<Link>();
+  auto toA = std::make_shared<Link>();
+  std::vector<QByteArray> bEvents;
+  b.eventAddListener("hello", [&](Bastion::BinaryData& data) { bEvents.push_back(data.toByteArray()); });
+  const auto ca = BundleController::create(a, paramsWith(toB));
+  const auto cb = BundleController::create(b, paramsWith(toA));
+  toB->peer = cb;
+  toA->peer = ca;
+  const auto inSync = [&] { return snapshot(a) == snapshot(b); };
+
+  // The trees that existed before the session meet, and each side hears the other's start.
+  ASSERT_TRUE(pumpUntil([&] { return inSync() && ca->peerInitialized() && cb->peerInitialized(); }));
+  EXPECT_EQ(snapshot(a).size(), 4u);
+
+  // Changes in both directions.
+  speed->setValue(2.5f);
+  static_cast<Double*>(a.attribute("gain"))->setValue(0.5);
+  static_cast<Vec2*>(b.attribute("pos"))->setValue(Quiver::Vector2T<float>(3, 4));
+  ASSERT_TRUE(pumpUntil([&] {
+    return inSync() && static_cast<Float*>(b.attribute("speed"))->value() == 2.5f &&
+           static_cast<Double*>(b.attribute("gain"))->value() == 0.5;
+  }));
+  EXPECT_EQ(static_cast<Vec2*>(a.attribute("pos"))->value(), Quiver::Vector2T<float>(3, 4));
+
+  // Additions below new nodes, and removals.
+  add<Double>(*new Carafe::Node(&b, "extra"), "depth")->setValue(7.0);
+  ASSERT_TRUE(pumpUntil([&] { return inSync() && snapshot(a).count("extra/depth") == 1; }));
+  a.removeAttribute("speed");
+  ASSERT_TRUE(pumpUntil([&] { return inSync() && b.attribute("speed") == nullptr; }));
+
+  // An event sent into one node arrives at the other's listeners.
+  Bastion::BinaryData payload;
+  payload.writeString("there");
+  const QByteArray sent = payload.toByteArray();
+  a.eventProcess("hello", payload);
+  ASSERT_TRUE(pumpUntil([&] { return !bEvents.empty(); }));
+  EXPECT_EQ(bEvents, std::vector<QByteArray>({sent}));
+  EXPECT_FALSE(ca->limitExceeded());
+  EXPECT_FALSE(cb->limitExceeded());
 }

@@ -7,11 +7,18 @@
 #include "plexa/bundle/BundleOutput.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/Connection.hpp"
+#include "plexa/receive/AttributeRemoveReceiver.hpp"
+#include "plexa/receive/AttributeStorage.hpp"
+#include "plexa/receive/AttributeUpdateReceiver.hpp"
+#include "plexa/receive/NewAttributeReceiver.hpp"
+#include "plexa/receive/OneWayEventReceiver.hpp"
+#include "plexa/receive/SymbolRegistryReceiver.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleSender.hpp"
 #include "plexa/session/HandshakeReceiver.hpp"
 #include "plexa/session/HandshakeSender.hpp"
 #include "plexa/session/SessionFormat.hpp"
+#include "plexa/tracking/NodeChangeSender.hpp"
 #include "plexa/types/TypeRegistry.hpp"
 
 #include <exception>
@@ -45,10 +52,45 @@ namespace Plexa
     const BundleControllerParams& params = *m_params;
     RemoteNode& node = *m_node;
 
+    m_storage = std::make_shared<AttributeStorage>(node);
+    m_storage->setMaxRecords(params.maxSessionAttributes);
     m_enabled.store(params.enabled);
-    // The attribute store, the change sender and the receivers join here once they exist.
+
+    m_symbolReceiver = std::make_shared<SymbolRegistryReceiver>(*m_receivedSymbols);
+    m_symbolReceiver->setMaxSymbols(params.maxSymbols);
+    addReceiver(ModuleNames::SymbolRegistry, m_symbolReceiver);
+
+    m_changeSender = std::make_shared<NodeChangeSender>(node, *m_storage, *m_typeRegistry);
+    addSender(m_changeSender);
+    // The watcher reported the tree that was there before the session while no sender listened:
+    // queue all of it once now, so the peer's first pass announces the complete tree.
+    m_changeSender->sendInitialValues();
+
+    m_removeReceiver = std::make_shared<AttributeRemoveReceiver>(node, *m_storage, *m_changeSender);
+    addReceiver(ModuleNames::AttributeRemove, m_removeReceiver);
+
+    m_newReceiver = std::make_shared<NewAttributeReceiver>(node, *m_storage, *m_receivedSymbols, *m_typeRegistry,
+                                                           *m_changeSender);
+    m_newReceiver->setMaxCreated(params.maxCreatedNodes);
+    addReceiver(ModuleNames::AttributeNew, m_newReceiver);
+
+    m_updateReceiver = std::make_shared<AttributeUpdateReceiver>(*m_storage, *m_changeSender);
+    addReceiver(ModuleNames::AttributeUpdate, m_updateReceiver);
+
+    m_eventReceiver = std::make_shared<OneWayEventReceiver>(*m_receivedSymbols);
+    addReceiver(ModuleNames::OneWayEvent, m_eventReceiver);
+
     m_connection = params.connection;
-    (void)node;
+    m_newReceiver->setDropStaleValues(params.dropStaleValues);
+    m_updateReceiver->setDropStaleValues(params.dropStaleValues);
+    BundleControllerParams::OneWayEventHandler handler = params.oneWayEventHandler;
+    if (!handler) {
+      handler = [&node](const QByteArray& name, Bastion::BinaryData& data) {
+        node.handleRemoteEvent(name, data, 0);
+      };
+    }
+    m_eventReceiver->setHandler(countingEventHandler(std::move(handler)));
+    m_newReceiver->setCreateMissingAttributes(params.createMissingAttributes);
 
     m_params.reset();
   }
@@ -118,7 +160,8 @@ namespace Plexa
 
   bool Core::limitExceeded() const
   {
-    return false;
+    return (m_storage && m_storage->limitExceeded()) || (m_symbolReceiver && m_symbolReceiver->limitExceeded()) ||
+           (m_newReceiver && m_newReceiver->limitExceeded());
   }
 
   Bastion::SymbolRegistry* Core::symbolRegistrySend()
@@ -136,7 +179,8 @@ namespace Plexa
   void Core::debugDump()
   {
     ensureIsInitialized();
-
+    if (m_storage)
+      m_storage->debugDump();
   }
 
   uint32_t Core::messageTypeFor(const QByteArray& moduleName)

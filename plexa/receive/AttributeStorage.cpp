@@ -1,0 +1,133 @@
+#include "plexa/receive/AttributeStorage.hpp"
+
+#include "bastion/Log.hpp"
+#include "bastion/StringUtils.hpp"
+#include "carafe/Attribute.hpp"
+#include "plexa/remote/RemoteNode.hpp"
+
+#include <cstdio>
+#include <mutex>
+#include <typeinfo>
+
+namespace Plexa
+{
+  namespace
+  {
+    const QByteArray SchemaPrefix("schema/");
+  }
+
+  AttributeStorage::AttributeStorage(RemoteNode& node) : m_node(node) {}
+
+  AttributeStorage::~AttributeStorage() = default;
+
+  PlexaSessionAttribute* AttributeStorage::findByReadSymbol(uint32_t readSymbol) const
+  {
+    std::shared_lock<std::shared_mutex> lock(m_lock);
+    const auto it = m_byReadSymbol.find(readSymbol);
+    return it == m_byReadSymbol.end() ? nullptr : it->second;
+  }
+
+  PlexaSessionAttribute* AttributeStorage::findBySymbol(uint32_t symbol) const
+  {
+    std::shared_lock<std::shared_mutex> lock(m_lock);
+    const auto it = m_bySymbol.find(symbol);
+    return it == m_bySymbol.end() ? nullptr : it->second;
+  }
+
+  PlexaSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const
+  {
+    std::shared_lock<std::shared_mutex> lock(m_lock);
+    const auto it = m_byPath.find(path);
+    return it == m_byPath.end() ? nullptr : it->second.get();
+  }
+
+  PlexaSessionAttribute* AttributeStorage::createForPath(const QByteArray& path)
+  {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
+    return createLocked(path);
+  }
+
+  PlexaSessionAttribute* AttributeStorage::createForPeer(const QByteArray& path)
+  {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
+    if (m_maxRecords > 0 && int(m_byPath.size()) >= m_maxRecords && m_byPath.find(path) == m_byPath.end()) {
+      if (!m_limitExceeded)
+        Bastion::error("AttributeStorage::createForPeer # Session attribute limit of %d reached; refusing new paths",
+                       m_maxRecords);
+      m_limitExceeded = true;
+      return nullptr;
+    }
+    return createLocked(path);
+  }
+
+  PlexaSessionAttribute* AttributeStorage::createLocked(const QByteArray& path)
+  {
+    std::unique_ptr<PlexaSessionAttribute>& slot = m_byPath[path];
+    if (slot)
+      return slot.get();
+    const uint32_t symbol = m_node.symbolRegistry().lookupOrDefine(path);
+    slot.reset(new PlexaSessionAttribute(symbol));
+    m_bySymbol[symbol] = slot.get();
+    return slot.get();
+  }
+
+  void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, PlexaSessionAttribute* attribute)
+  {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
+    const auto inserted = m_byReadSymbol.emplace(readSymbol, attribute);
+    if (!inserted.second && inserted.first->second != attribute)
+      Bastion::error("AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute");
+  }
+
+  void AttributeStorage::setMaxRecords(int maxRecords)
+  {
+    std::unique_lock<std::shared_mutex> lock(m_lock);
+    m_maxRecords = maxRecords;
+  }
+
+  bool AttributeStorage::limitExceeded() const
+  {
+    std::shared_lock<std::shared_mutex> lock(m_lock);
+    return m_limitExceeded;
+  }
+
+  int AttributeStorage::recordCount() const
+  {
+    std::shared_lock<std::shared_mutex> lock(m_lock);
+    return int(m_byPath.size());
+  }
+
+  void AttributeStorage::debugDump() const
+  {
+    std::shared_lock<std::shared_mutex> lock(m_lock);
+    AttributeCache& cache = m_node.attributeCache();
+    for (const auto& entry : m_byPath) {
+      const QByteArray& path = entry.first;
+      if (path.startsWith(SchemaPrefix))
+        continue;
+      QByteArray className = "-";
+      QByteArray valueText;
+      if (Carafe::Attribute* attribute = cache.find(entry.second->symbol)) {
+        const char* raw = typeid(*attribute).name();
+        if (*raw == '*')
+          ++raw;
+        className = Bastion::StringUtils::demangle(raw).toUtf8();
+        valueText = " <" + attribute->asText().toUtf8() + ">";
+      }
+      std::printf("%-70s %s%s\n", path.constData(), className.constData(), valueText.constData());
+
+      // The schema entries of this path: "schema/<path>/<key>" with a key free of '/'. They sort
+      // together, right behind the prefix.
+      const QByteArray prefix = SchemaPrefix + path + '/';
+      for (auto it = m_byPath.lower_bound(prefix); it != m_byPath.end() && it->first.startsWith(prefix); ++it) {
+        const QByteArray key = it->first.mid(prefix.size());
+        if (key.isEmpty() || key.contains('/'))
+          continue;
+        Carafe::Attribute* described = cache.find(it->second->symbol);
+        const QByteArray text = described ? described->asText().toUtf8() : QByteArray("-");
+        std::printf("    %-20s: %s\n", key.constData(), text.constData());
+      }
+    }
+    std::fflush(stdout);
+  }
+}

@@ -1,0 +1,75 @@
+#pragma once
+
+#include "plexa/receive/PlexaSessionAttribute.hpp"
+
+#include <QByteArray>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <shared_mutex>
+#include <unordered_map>
+
+namespace Plexa
+{
+  class RemoteNode;
+
+  /// All session attribute records of one session, found by path, by this side's symbol and by
+  /// the peer's symbol.
+  ///
+  /// Records are created here and live until the storage is destroyed with the session, so the
+  /// raw pointers handed out stay valid for the whole session. Thread-safe: every call takes the
+  /// storage's reader-writer lock for its own duration only; the records' fields are not locked.
+  class AttributeStorage
+  {
+  public:
+    /// `node` gives the local symbols (its registry) and the local attributes (its cache); it must
+    /// outlive the storage.
+    explicit AttributeStorage(RemoteNode& node);
+    ~AttributeStorage();
+    AttributeStorage(const AttributeStorage&) = delete;
+    AttributeStorage& operator=(const AttributeStorage&) = delete;
+
+    /// The record the peer's symbol was bound to, or null.
+    PlexaSessionAttribute* findByReadSymbol(uint32_t readSymbol) const;
+    /// The record of this side's symbol, or null.
+    PlexaSessionAttribute* findBySymbol(uint32_t symbol) const;
+    PlexaSessionAttribute* findByPath(const QByteArray& path) const;
+
+    /// A new record for `path`, whose symbol is the path's symbol in the node's registry (defined
+    /// there if new). Callers ask only after `findByPath` failed; should the path have a record
+    /// after all, that record is returned rather than replaced, since the indexes point to it.
+    PlexaSessionAttribute* createForPath(const QByteArray& path);
+    /// As `createForPath`, for a path the peer introduced: refused (null, one error logged per
+    /// session) once the storage holds `maxRecords` records, so a peer cannot grow the session
+    /// without bound by announcing ever new paths.
+    PlexaSessionAttribute* createForPeer(const QByteArray& path);
+
+    /// Binds the peer's symbol to `attribute`. A symbol already bound to another record logs an
+    /// error and keeps the first binding.
+    void indexByReadSymbol(uint32_t readSymbol, PlexaSessionAttribute* attribute);
+
+    /// Cap on the records `createForPeer` makes room for; 0 (the default) means none.
+    void setMaxRecords(int maxRecords);
+    /// True once `createForPeer` refused a path because of the cap.
+    bool limitExceeded() const;
+    int recordCount() const;
+
+    /// Prints every record to standard output: path, the local attribute's class and value, and
+    /// under each path the "schema/<path>/<key>" entries that describe it.
+    void debugDump() const;
+
+  private:
+    PlexaSessionAttribute* createLocked(const QByteArray& path);
+
+    RemoteNode& m_node;
+    mutable std::shared_mutex m_lock;
+    // Guarded by m_lock.
+    std::unordered_map<uint32_t, PlexaSessionAttribute*> m_byReadSymbol;
+    std::unordered_map<uint32_t, PlexaSessionAttribute*> m_bySymbol;
+    /// Owns the records; QByteArray compares byte-wise, which orders the dump.
+    std::map<QByteArray, std::unique_ptr<PlexaSessionAttribute>> m_byPath;
+    int m_maxRecords = 0;
+    bool m_limitExceeded = false;
+  };
+}

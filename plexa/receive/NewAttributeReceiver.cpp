@@ -1,0 +1,190 @@
+#include "plexa/receive/NewAttributeReceiver.hpp"
+
+#include "bastion/Log.hpp"
+#include "bastion/SymbolRegistry.hpp"
+#include "carafe/AttributeAlias.hpp"
+#include "carafe/Node.hpp"
+#include "plexa/bundle/Bundle.hpp"
+#include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/receive/AttributeStorage.hpp"
+#include "plexa/remote/RemoteNode.hpp"
+#include "plexa/tracking/NodeChangeSender.hpp"
+#include "plexa/types/TypeRegistry.hpp"
+
+#include <QList>
+
+#include <memory>
+
+namespace Plexa
+{
+  NewAttributeReceiver::NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage,
+                                             Bastion::SymbolRegistry& received, TypeRegistry& types,
+                                             NodeChangeSender& sender)
+    : m_node(node), m_storage(storage), m_received(received), m_types(types), m_sender(sender)
+  {
+  }
+
+  bool NewAttributeReceiver::mayCreate()
+  {
+    if (m_maxCreated > 0 && m_created >= m_maxCreated) {
+      if (!m_limitExceeded)
+        Bastion::error("NewAttributeReceiver::handleBundle # Limit of %d created nodes and attributes reached; "
+                       "refusing to create more",
+                       m_maxCreated);
+      m_limitExceeded = true;
+      return false;
+    }
+    return true;
+  }
+
+  void NewAttributeReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&)
+  {
+    const uint32_t acknowledged = header.acknowledged;
+    uint32_t index = uint32_t(-1);
+    QByteArray path;
+    while (!reader.atEnd()) {
+      ++index;
+      const uint32_t symbol = reader.readValue<uint32_t>();
+      const uint32_t typeId = reader.readValue<uint32_t>();
+      const uint32_t size = reader.readValue<uint32_t>();
+      const uint32_t hasValue = reader.readValue<uint32_t>() & 1u;
+
+      if (!m_received.lookup(symbol, path)) {
+        // Only this record is skipped, whatever the text says.
+        Bastion::error("NewAttributeReceiver::handleBundle # Unknown symbol %d at message index %u. Will ignore the "
+                       "bundle",
+                       int(symbol), index);
+        if (hasValue)
+          PlexaSessionAttribute::skipValue(reader, size);
+        continue;
+      }
+
+      PlexaSessionAttribute* session = m_storage.findByReadSymbol(symbol);
+      if (!session)
+        session = m_storage.findByPath(path);
+      if (!session)
+        session = m_storage.createForPeer(path);
+      if (!session) {
+        // Over the session's record cap (logged by the storage).
+        if (hasValue)
+          PlexaSessionAttribute::skipValue(reader, size);
+        continue;
+      }
+      m_storage.indexByReadSymbol(symbol, session);
+      session->readSymbol = symbol;
+      session->removedByPeer = false;
+      session->peerTypeId = typeId;
+      session->peerSize = size;
+
+      bool apply = false;
+      if (hasValue) {
+        if (!m_dropStaleValues || acknowledged >= session->lastSentSequence)
+          apply = true;
+        else
+          PlexaSessionAttribute::skipValue(reader, size);   // this side's newer value wins
+      }
+
+      QList<QByteArray> parts = path.split('/');
+      const QByteArray name = parts.takeLast();
+      Carafe::Node* node = name.isEmpty() ? nullptr : createOrFindNode(parts);
+      if (!node) {
+        if (m_createMissingAttributes)
+          Bastion::error("NewAttributeReceiver::handleBundle # Failed to create target node at path %s",
+                         path.constData());
+        if (apply)
+          PlexaSessionAttribute::skipValue(reader, size);
+        session->deserializer = PlexaSessionAttribute::createDummyDeserializer(size);
+        continue;
+      }
+
+      Carafe::Attribute* attribute = node->attribute(name);
+      session->existedLocally = attribute != nullptr;
+      if (!attribute) {
+        std::unique_ptr<Carafe::Attribute> created;
+        if (m_createMissingAttributes && mayCreate())
+          created.reset(m_types.createAttribute(typeId));
+        if (created) {
+          session->deserializer = createDeserializer(*session, created.get());
+          if (apply) {
+            session->receivedSequence = header.sequence;
+            try {
+              session->deserializer(reader);
+            } catch (...) {
+              // The deserializer captured the attribute that goes with this exception.
+              session->deserializer = PlexaSessionAttribute::createDummyDeserializer(size);
+              throw;
+            }
+            created->setAsDefaults();
+          }
+          Carafe::Attribute* raw = created.get();
+          if (node->addAttribute(name, raw)) {
+            created.release();
+            ++m_created;
+            m_node.processPendingAdditions();
+          } else {
+            // The deserializer captured the attribute that is about to go.
+            session->deserializer = PlexaSessionAttribute::createDummyDeserializer(size);
+          }
+        } else if (apply) {
+          PlexaSessionAttribute::skipValue(reader, size);
+        }
+      } else {
+        session->deserializer = createDeserializer(*session, attribute);
+        if (apply) {
+          NodeChangeSender::IgnoreScope ignore(m_sender, {NodeWatcher::AttributeChanged, session->symbol});
+          session->receivedSequence = header.sequence;
+          session->deserializer(reader);
+        }
+      }
+      if (!session->deserializer)
+        session->deserializer = PlexaSessionAttribute::createDummyDeserializer(size);
+    }
+  }
+
+  Carafe::Node* NewAttributeReceiver::createOrFindNode(const QList<QByteArray>& parts)
+  {
+    Carafe::Node* current = &m_node;
+    for (const QByteArray& name : parts) {
+      // A path with an empty component ("a//b", a leading '/') names no node: never create one
+      // without a name.
+      if (name.isEmpty())
+        return nullptr;
+      Carafe::Attribute* child = current->attribute(name);
+      while (auto* alias = dynamic_cast<Carafe::AttributeAlias*>(child))
+        child = alias->attribute();
+      if (child) {
+        auto* node = dynamic_cast<Carafe::Node*>(child);
+        if (!node) {
+          Bastion::error("NewAttributeReceiver::createOrFindAttribute # Found an existing attribute where a node was "
+                         "expected");
+          return nullptr;
+        }
+        current = node;
+        continue;
+      }
+      if (!m_createMissingAttributes || !mayCreate())
+        return nullptr;
+      auto* node = new Carafe::Node();
+      if (!current->addAttribute(name, node)) {
+        delete node;
+        return nullptr;
+      }
+      ++m_created;
+      current = node;
+    }
+    return current;
+  }
+
+  Deserializer NewAttributeReceiver::createDeserializer(PlexaSessionAttribute& session, Carafe::Attribute* attribute)
+  {
+    Deserializer deserializer = m_types.createDeserializer(session.peerTypeId, attribute);
+    if (deserializer)
+      return deserializer;
+    QByteArray path;
+    m_received.lookup(session.readSymbol, path);
+    Bastion::warning("NewAttributeReceiver::createDeserializer # Found an attribute that we don't know how to "
+                     "deserialize at '%s'",
+                     path.constData());
+    return PlexaSessionAttribute::createDummyDeserializer(session.peerSize);
+  }
+}

@@ -1,0 +1,353 @@
+#include "plexa/tracking/NodeChangeSender.hpp"
+
+#include "bastion/Log.hpp"
+#include "plexa/bundle/BundleOutput.hpp"
+#include "plexa/receive/AttributeStorage.hpp"
+#include "plexa/remote/AttributeWalk.hpp"
+#include "plexa/session/BundleDispatcher.hpp"
+#include "plexa/session/SessionFormat.hpp"
+#include "plexa/types/TypeRegistry.hpp"
+
+namespace Plexa
+{
+  NodeChangeSender::NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types)
+    : BundleSender(ModuleNames::SymbolRegistry), m_node(node), m_storage(storage), m_types(types)
+  {
+    m_changeListener = m_node.addAttributeChangeListener([this](const NodeWatcher::Event& e) { onAttributeChange(e); });
+    m_eventListener = m_node.addEventListener([this](const RemoteNode::Event& e) { onEvent(e); });
+    // The node drops its own listeners as it goes; the ids must not be used after that.
+    m_deletedListener = m_node.addListener([this] { detach(); }, Carafe::Attribute::RoleDeleted);
+  }
+
+  NodeChangeSender::~NodeChangeSender()
+  {
+    if (m_changeListener >= 0)
+      m_node.removeAttributeChangeListener(m_changeListener);
+    if (m_eventListener >= 0)
+      m_node.removeEventLIstener(m_eventListener);
+    if (m_deletedListener >= 0)
+      m_node.removeListener(m_deletedListener);
+  }
+
+  void NodeChangeSender::detach()
+  {
+    m_changeListener = -1;
+    m_eventListener = -1;
+    m_deletedListener = -1;
+  }
+
+  void NodeChangeSender::initialize(BundleDispatcher& dispatcher)
+  {
+    m_newType = dispatcher.messageTypeFor(ModuleNames::AttributeNew);
+    m_updateType = dispatcher.messageTypeFor(ModuleNames::AttributeUpdate);
+    m_removeType = dispatcher.messageTypeFor(ModuleNames::AttributeRemove);
+    m_eventType = dispatcher.messageTypeFor(ModuleNames::OneWayEvent);
+  }
+
+  uint32_t NodeChangeSender::messageType(NodeWatcher::EventType type) const
+  {
+    switch (type) {
+    case NodeWatcher::AttributeAdded:
+      return m_newType;
+    case NodeWatcher::AttributeChanged:
+      return m_updateType;
+    case NodeWatcher::AttributeRemoved:
+      return m_removeType;
+    default:
+      Bastion::error("NodeChangeSender::messageType # Found an invalid event type %d", int(type));
+      return 0xFFFFFFFFu;
+    }
+  }
+
+  // ---------------------------------------------------------------------------------------------
+  // Collecting
+
+  void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& e)
+  {
+    if (stopIgnoring(e))
+      return;
+    if (e.type == NodeWatcher::NodeAdded || e.type == NodeWatcher::NodeRemoved)
+      return;
+
+    if (e.type == NodeWatcher::AttributeRemoved) {
+      // Whatever the filters below decide, the record must stop writing into the attribute that
+      // is going away: a path the peer announced but this side does not publish would otherwise
+      // keep a deserializer bound to a deleted attribute.
+      std::lock_guard<std::mutex> lock(m_changeMutex);
+      if (PlexaSessionAttribute* session = m_storage.findBySymbol(e.symbol)) {
+        session->deserializer = PlexaSessionAttribute::createDummyDeserializer(session->peerSize);
+        session->receivedSequence = 0;
+        session->reAdded = true;
+      }
+    }
+
+    if ((m_node.syncFlags().getFlags(e.symbol) & SyncFlags::Publish) == 0)
+      return;
+    if (!m_node.attributeCache().find(e.symbol)) {
+      Bastion::error("NodeChangeSender::onAttributeChange # Got an attribute change event but can't find the actual "
+                     "attribute");
+      return;
+    }
+
+    std::lock_guard<std::mutex> lock(m_changeMutex);
+    PlexaSessionAttribute* session = m_storage.findBySymbol(e.symbol);
+    if (!session && e.type == NodeWatcher::AttributeAdded) {
+      const QByteArray path = pathOf(e.symbol);
+      if (!path.isNull())
+        session = m_storage.createForPath(path);
+    }
+    if (!session) {
+      Bastion::error("NodeChangeSender::onAttributeChange # Could not find a session attribute for the given change");
+      return;
+    }
+    if (session->removedByPeer &&
+        (e.type == NodeWatcher::AttributeRemoved || e.type == NodeWatcher::AttributeChanged))
+      return;
+    m_queue.push_back(e);
+  }
+
+  void NodeChangeSender::onEvent(const RemoteNode::Event& event)
+  {
+    std::lock_guard<std::mutex> lock(m_eventMutex);
+    m_events.push_back(event);
+  }
+
+  void NodeChangeSender::sendInitialValues()
+  {
+    Bastion::SymbolRegistry& registry = m_node.symbolRegistry();
+    std::vector<uint32_t> symbols;
+    AttributeCache& cache = m_node.attributeCache();
+    walkAttributesWithPath(m_node, [&](Carafe::Attribute&, const QByteArray& path) {
+      // An attribute the watcher has not described yet (added since its last update) has no
+      // symbol or no cache entry; the watcher reports its addition at its next update.
+      const uint32_t symbol = registry.lookup(path);
+      if (symbol != 0 && cache.find(symbol))
+        symbols.push_back(symbol);
+    });
+    for (uint32_t symbol : symbols)
+      onAttributeChange({NodeWatcher::AttributeAdded, symbol});
+  }
+
+  void NodeChangeSender::ignoreOne(const NodeWatcher::Event& event)
+  {
+    std::lock_guard<std::mutex> lock(m_changeMutex);
+    if (!m_ignored.insert(event).second)
+      Bastion::warning("NodeChangeSender::ignoreOne # Called for an already ignored symbol");
+  }
+
+  bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event& event)
+  {
+    std::lock_guard<std::mutex> lock(m_changeMutex);
+    return m_ignored.erase(event) == 1;
+  }
+
+  std::vector<RemoteNode::Event> NodeChangeSender::getEvents()
+  {
+    std::vector<RemoteNode::Event> events;
+    bool first = false;
+    {
+      std::lock_guard<std::mutex> lock(m_eventMutex);
+      events.swap(m_events);
+      first = !m_initialized;
+      m_initialized = true;
+    }
+    if (first)
+      events.insert(events.begin(), RemoteNode::Event{m_node.symbolRegistry().lookupOrDefine("initialized"), {}});
+    return events;
+  }
+
+  void NodeChangeSender::collapseChanges()
+  {
+    m_batch.clear();
+    {
+      std::lock_guard<std::mutex> lock(m_changeMutex);
+      m_batch.swap(m_queue);
+    }
+    m_compressor.compress(m_batch, m_changes);
+  }
+
+  // ---------------------------------------------------------------------------------------------
+  // Writing
+
+  void NodeChangeSender::writeUpdates(BundleOutput& output)
+  {
+    collapseChanges();
+    const std::vector<RemoteNode::Event> events = getEvents();
+    sendSymbols(m_changes, events, output);
+    sendChanges(m_changes, output);
+    sendEvents(events, output);
+  }
+
+  QByteArray NodeChangeSender::pathOf(uint32_t symbol) const
+  {
+    QByteArray path;
+    if (!m_node.symbolRegistry().lookup(symbol, path))
+      return QByteArray();
+    return path;
+  }
+
+  void NodeChangeSender::announce(uint32_t symbol, const QByteArray& path)
+  {
+    BundleWriterCore& w = m_writer.core();
+    w.writeValue(symbol);
+    w.writeBinary(path);
+    m_announced.insert(symbol);
+  }
+
+  void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes,
+                                     const std::vector<RemoteNode::Event>& events, BundleOutput& output)
+  {
+    m_writer.open(BundleSender::messageType(), output);
+    for (const ChangeData& change : changes) {
+      if (!m_storage.findBySymbol(change.symbol)) {
+        Bastion::error("NodeChangeSender::sendChanges # Missing PlexaSessionAttribute when sending an attribute event. "
+                       "Will ignore");
+        continue;
+      }
+      if (m_announced.count(change.symbol))
+        continue;
+      const QByteArray path = pathOf(change.symbol);
+      if (path.isEmpty()) {
+        Bastion::error("NodeChangeSender # found an AttributeChange that points to an unknown symbol");
+        continue;
+      }
+      announce(change.symbol, path);
+    }
+    for (const RemoteNode::Event& event : events) {
+      if (m_announced.count(event.symbol))
+        continue;
+      const QByteArray path = pathOf(event.symbol);
+      if (path.isEmpty()) {
+        Bastion::error("NodeChangeSender # found an AttributeChange that points to an unknown symbol");
+        continue;
+      }
+      announce(event.symbol, path);
+    }
+    m_writer.close(BundleSender::messageType(), output);
+  }
+
+  void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, BundleOutput& output)
+  {
+    bool open = false;
+    int currentType = -1;
+    for (const ChangeData& change : changes) {
+      PlexaSessionAttribute* session = m_storage.findBySymbol(change.symbol);
+      if (!session) {
+        Bastion::error("NodeChangeSender::sendChanges # Missing PlexaSessionAttribute when sending an attribute event. "
+                       "Will ignore");
+        continue;
+      }
+      if (int(change.type) > 2) {
+        Bastion::error("NodeChangeSender # found a change with an unknown type: %d", int(change.type));
+        continue;
+      }
+      if (int(change.type) != currentType) {
+        if (open)
+          m_writer.close(messageType(NodeWatcher::EventType(currentType)), output);
+        currentType = int(change.type);
+        m_writer.open(messageType(change.type), output);
+        open = true;
+      }
+      switch (change.type) {
+      case NodeWatcher::AttributeAdded:
+        sendAdded(*session, change.changedSinceAdded, output);
+        break;
+      case NodeWatcher::AttributeChanged:
+        sendChanged(*session, output);
+        break;
+      default:
+        sendRemoved(*session, output);
+        break;
+      }
+    }
+    if (open)
+      m_writer.close(messageType(NodeWatcher::EventType(currentType)), output);
+  }
+
+  Carafe::Attribute* NodeChangeSender::sendableAttribute(const PlexaSessionAttribute& session)
+  {
+    Carafe::Attribute* attribute = m_node.attributeCache().find(session.symbol);
+    if (!attribute)
+      Bastion::error("NodeChangeSender # Trying to send changes for a missing attribute with symbol %u. Ignoring",
+                     session.symbol);
+    return attribute;
+  }
+
+  void NodeChangeSender::sendAdded(PlexaSessionAttribute& session, bool changedSinceAdded, BundleOutput& output)
+  {
+    Carafe::Attribute* attribute = sendableAttribute(session);
+    if (!attribute)
+      return;
+    if (session.reAdded && session.peerTypeId != 0) {
+      Deserializer deserializer = m_types.createDeserializer(session.peerTypeId, attribute);
+      if (!deserializer) {
+        Bastion::error("NodeChangeSender::sendAdded # Tried to recreate a deserializer but failed. Will set it to null "
+                       "deserializer");
+        deserializer = PlexaSessionAttribute::createDummyDeserializer(session.peerSize);
+      }
+      session.deserializer = std::move(deserializer);
+    }
+    uint32_t typeId = 0;
+    uint32_t size = 0;
+    Serializer serializer = m_types.createSerializer(attribute, typeId, size);
+    if (!serializer) {
+      Bastion::error("NodeChangeSender::sendAdded # Found an attribute that we can't serialize at '%s'. Ignoring",
+                     pathOf(session.symbol).constData());
+      return;
+    }
+    session.serializer = std::move(serializer);
+    session.typeId = typeId;
+    session.size = size;
+
+    uint32_t hasValue = 0;
+    if (session.existedLocally && session.receivedSequence == 0)
+      hasValue = 1;
+    else
+      hasValue = changedSinceAdded ? 1 : (session.reAdded ? 1 : 0);
+
+    BundleWriterCore& w = m_writer.core();
+    w.writeValue(session.symbol);
+    w.writeValue(typeId);
+    w.writeValue(size);
+    w.writeValue(hasValue);
+    if (hasValue)
+      session.serializer(w);
+    session.reAdded = false;
+    session.lastSentSequence = output.sequence();
+  }
+
+  void NodeChangeSender::sendChanged(PlexaSessionAttribute& session, BundleOutput& output)
+  {
+    if (!sendableAttribute(session))
+      return;
+    if (!session.serializer) {
+      Bastion::error("NodeChangeSender::sendChanged # Found an attribute that we can't serialize at '%s'. Ignoring",
+                     pathOf(session.symbol).constData());
+      return;
+    }
+    session.lastSentSequence = output.sequence();
+    BundleWriterCore& w = m_writer.core();
+    w.writeValue(session.symbol);
+    session.serializer(w);
+  }
+
+  void NodeChangeSender::sendRemoved(PlexaSessionAttribute& session, BundleOutput&)
+  {
+    m_writer.core().writeValue(session.symbol);
+    session.lastSentSequence = 0;
+  }
+
+  void NodeChangeSender::sendEvents(const std::vector<RemoteNode::Event>& events, BundleOutput& output)
+  {
+    if (events.empty())
+      return;
+    m_writer.open(m_eventType, output);
+    BundleWriterCore& w = m_writer.core();
+    for (const RemoteNode::Event& event : events) {
+      w.writeValue(event.symbol);
+      w.writeValue(uint32_t(event.data.size()));
+      w.write(event.data.data(), uint32_t(event.data.size()));
+    }
+    m_writer.close(m_eventType, output);
+  }
+}
