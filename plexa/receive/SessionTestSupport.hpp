@@ -1,0 +1,130 @@
+#pragma once
+
+// Test helpers (not installed) for the session data path: a bundle builder for hand-made records
+// and the parts of one session side wired together without a controller.
+
+#include "bastion/SymbolRegistry.hpp"
+#include "plexa/bundle/Bundle.hpp"
+#include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/bundle/BundleWriterCore.hpp"
+#include "plexa/receive/AttributeRemoveReceiver.hpp"
+#include "plexa/receive/AttributeStorage.hpp"
+#include "plexa/receive/AttributeUpdateReceiver.hpp"
+#include "plexa/receive/NewAttributeReceiver.hpp"
+#include "plexa/receive/OneWayEventReceiver.hpp"
+#include "plexa/receive/SymbolRegistryReceiver.hpp"
+#include "plexa/remote/RemoteNode.hpp"
+#include "plexa/session/BundleDispatcher.hpp"
+#include "plexa/session/Core.hpp"
+#include "plexa/tracking/NodeChangeSender.hpp"
+#include "plexa/types/TypeRegistry.hpp"
+
+#include <QByteArray>
+
+#include <cstdint>
+#include <initializer_list>
+#include <map>
+
+namespace Plexa
+{
+  namespace SessionTest
+  {
+    /// Builds one bundle: the header, then whatever is appended; `bundle()` fills in the size.
+    class BundleBytes
+    {
+    public:
+      BundleBytes(uint32_t messageType, uint32_t sequence = 1, uint32_t acknowledged = 0)
+        : m_writer(m_data)
+      {
+        m_data.resize(16);
+        BundleHeader header;
+        header.messageType = messageType;
+        header.sequence = sequence;
+        header.acknowledged = acknowledged;
+        std::memcpy(m_data.data(), &header, sizeof(header));
+      }
+      BundleBytes& words(std::initializer_list<uint32_t> values)
+      {
+        for (uint32_t v : values)
+          m_writer.writeValue(v);
+        return *this;
+      }
+      template <typename T>
+      BundleBytes& value(const T& v)
+      {
+        m_writer.writeValue(v);
+        return *this;
+      }
+      /// A 32-bit count, the bytes, zero padding.
+      BundleBytes& blob(const QByteArray& bytes)
+      {
+        m_writer.writeBinary(bytes);
+        return *this;
+      }
+      Bundle bundle() const
+      {
+        QByteArray data = m_data;
+        const uint32_t payload = uint32_t(data.size() - 16);
+        std::memcpy(data.data(), &payload, 4);
+        return Bundle(data);
+      }
+      /// The bundle's bytes.
+      operator QByteArray() const { return bundle().data(); }
+
+    private:
+      QByteArray m_data;
+      BundleWriterCore m_writer;
+    };
+
+    /// Message types given out by name, from 10 on, in order of asking.
+    class FixedDispatcher : public BundleDispatcher
+    {
+    public:
+      uint32_t messageTypeFor(const QByteArray& moduleName) override
+      {
+        auto it = types.find(moduleName);
+        if (it == types.end())
+          it = types.emplace(moduleName, uint32_t(10 + types.size())).first;
+        return it->second;
+      }
+      std::map<QByteArray, uint32_t> types;
+    };
+
+    /// The receiving and sending parts of one session side over `node`, wired as a session does,
+    /// minus the controller: tests hand bundles to the receivers directly.
+    struct SessionSide
+    {
+      explicit SessionSide(RemoteNode& node)
+        : node(node), storage(node), sender(node, storage, types), symbols(received),
+          added(node, storage, received, types, sender), updates(storage, sender), removals(node, storage, sender),
+          events(received)
+      {
+        sender.setMessageType(dispatcher.messageTypeFor("Corvanta.Plexa.SymbolRegistry"));
+        sender.initialize(dispatcher);
+      }
+
+      /// Defines `path` as the peer's `symbol`.
+      void define(uint32_t symbol, const QByteArray& path) { received.define(path, symbol); }
+
+      template <typename Receiver>
+      void feed(Receiver& receiver, const Bundle& bundle)
+      {
+        BundleReaderCore reader(bundle.data());
+        receiver.handleBundle(reader, bundle.header(), core);
+      }
+
+      RemoteNode& node;
+      FixedDispatcher dispatcher;
+      TypeRegistry types;
+      Bastion::SymbolRegistry received;
+      AttributeStorage storage;
+      NodeChangeSender sender;
+      SymbolRegistryReceiver symbols;
+      NewAttributeReceiver added;
+      AttributeUpdateReceiver updates;
+      AttributeRemoveReceiver removals;
+      OneWayEventReceiver events;
+      Core core;
+    };
+  }
+}
