@@ -56,6 +56,9 @@ namespace Plexa
   ///
   /// Threads: the tree and every call below except `wake()` and the statistics belong to the
   /// application thread, the one that calls `waitAndUpdate`/`update`. Callbacks run there too.
+  /// `update` services the sessions of every Peer in the process (their controllers share one
+  /// list), so all Peers of a process must be driven from that one thread. The node must outlive
+  /// the Peer.
   ///
   /// Typical use:
   ///
@@ -96,7 +99,8 @@ namespace Plexa
     /// Makes a waiting `waitAndUpdate` return at once. Any thread.
     void wake();
 
-    /// Live sessions (established connections).
+    /// Live sessions (established connections). Changes at updates, together with the connection
+    /// callback.
     int sessionCount() const;
     /// Sessions in which the peer's "initialized" event has arrived.
     int initializedSessionCount() const;
@@ -116,6 +120,11 @@ namespace Plexa
     void fetch(const QString& path, int timeoutMs, const FetchCallback& callback);
     /// Progress of running fetches, after every few parts and at the end.
     void setFetchProgressCallback(const FetchProgressCallback& callback);
+    /// Waits until the list of this side's file root, with the checksums the peer's fetches are
+    /// answered with, has been built (it is built in the background from construction on; until
+    /// then a file is announced without a checksum, which the fetching side cannot take).
+    /// `timeoutMs` negative: no limit. False on timeout, or without a file root.
+    bool waitForFileList(int timeoutMs);
 
   private:
     class D;

@@ -1,0 +1,503 @@
+#include "plexa/app/Peer.hpp"
+
+#include "bastion/Condition.hpp"
+#include "bastion/Guard.hpp"
+#include "bastion/Log.hpp"
+#include "bastion/Mutex.hpp"
+#include "bastion/TCPServerSocket.hpp"
+#include "bastion/ThreadSafety.hpp"
+#include "carafe/Node.hpp"
+#include "plexa/app/FileSessionConnection.hpp"
+#include "plexa/app/PeerConnectionFactory.hpp"
+#include "plexa/app/PeerServer.hpp"
+#include "plexa/app/PeerSession.hpp"
+#include "plexa/app/SessionHost.hpp"
+#include "plexa/app/TrafficMeter.hpp"
+#include "plexa/files/AssetBase.hpp"
+#include "plexa/net/ConnectionThread.hpp"
+#include "plexa/remote/RemoteNode.hpp"
+#include "plexa/session/BundleController.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <vector>
+
+namespace Plexa
+{
+  namespace
+  {
+    using Clock = std::chrono::steady_clock;
+
+    /// How long `listen` waits for the server's thread to bind an address that a probe could bind.
+    constexpr int BindWaitMs = 5000;
+  }
+
+  class Peer::D : public SessionHost
+  {
+  public:
+    /// A session the application thread knows of.
+    struct Session
+    {
+      std::shared_ptr<PeerSession> session;
+      /// The connection callback was told about it.
+      bool reported = false;
+      /// A flooding cap was hit and the connection asked to end.
+      bool overLimit = false;
+    };
+
+    struct Fetch
+    {
+      QString path;
+      /// Null when no session could serve it: it fails at the next update.
+      std::shared_ptr<PeerSession> session;
+      Clock::time_point deadline;
+      FetchCallback callback;
+      /// The peer announced the file: the time limit no longer applies.
+      bool booked = false;
+    };
+
+    D(RemoteNode& node, const PeerOptions& options)
+      : node(node)
+      , options(options)
+      , traffic(std::make_shared<TrafficMeter>())
+      , assets(options.fileRoot.isEmpty() ? nullptr : new AssetBase(options.fileRoot))
+      , factory(*this, traffic, assets.get())
+    {
+      // Tree changes happen on the application thread between two waits; additions are only
+      // reported by the watcher's update, which `waitAndUpdate` runs before it waits.
+      changeListener = node.addAttributeChangeListener([this](const NodeWatcher::Event&) { wake(); });
+      eventListener = node.addEventListener([this](const RemoteNode::Event&) { wake(); });
+    }
+
+    ~D() override
+    {
+      stopConnections();
+      for (Session& s : sessions)
+        s.session->finish();
+      sessions.clear();
+      node.removeAttributeChangeListener(changeListener);
+      node.removeEventLIstener(eventListener);
+    }
+
+    // ---- SessionHost: connection threads ----
+
+    void sessionStarted(const std::shared_ptr<PeerSession>& session) override
+    {
+      {
+        Bastion::Guard guard(inboxMutex);
+        startedSessions.push_back(session);
+      }
+      wake();
+    }
+
+    void retrying(double secondsLeft) override
+    {
+      {
+        Bastion::Guard guard(inboxMutex);
+        retrySecondsLeft = secondsLeft;
+        retryPending = true;
+      }
+      wake();
+    }
+
+    void fileEvent(const FileEvent& event) override
+    {
+      {
+        Bastion::Guard guard(inboxMutex);
+        fileEvents.push_back(event);
+      }
+      wake();
+    }
+
+    void wake() override
+    {
+      // Cheap when already woken: the watcher calls this for every change of a busy tree.
+      if (woken.exchange(true))
+        return;
+      Bastion::Guard guard(wakeMutex);
+      wakeCondition.wakeAll();
+    }
+
+    // ---- application thread ----
+
+    void waitForWork(int maxWaitMs)
+    {
+      const Clock::time_point end = Clock::now() + std::chrono::milliseconds(std::max(0, maxWaitMs));
+      Bastion::Guard guard(wakeMutex);
+      while (!woken.load()) {
+        const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+        if (left <= 0)
+          break;
+        wakeCondition.wait(wakeMutex, int(std::min<long long>(left, 1 << 30)));
+      }
+      woken.store(false);
+    }
+
+    /// Milliseconds until the earliest fetch time limit, or `maxWaitMs` if that is sooner.
+    int waitLimit(int maxWaitMs) const
+    {
+      long long limit = maxWaitMs;
+      const Clock::time_point now = Clock::now();
+      for (const Fetch& f : fetches)
+        if (!f.booked)
+          limit = std::min<long long>(
+            limit, std::max<long long>(0, std::chrono::duration_cast<std::chrono::milliseconds>(f.deadline - now).count() + 1));
+      return int(limit);
+    }
+
+    void update()
+    {
+      std::vector<std::function<void()>> calls;
+      takeInbox(calls);
+      endSessions(calls);
+      BundleController::update();
+      node.update();
+      checkLimits();
+      checkFetchTimes(calls);
+      for (const std::function<void()>& call : calls)
+        call();
+      Carafe::Node::processAfterUpdate();
+    }
+
+    void takeInbox(std::vector<std::function<void()>>& calls)
+    {
+      std::vector<std::shared_ptr<PeerSession>> started;
+      std::vector<FileEvent> events;
+      bool retry = false;
+      double secondsLeft = 0;
+      {
+        Bastion::Guard guard(inboxMutex);
+        started.swap(startedSessions);
+        events.swap(fileEvents);
+        retry = retryPending;
+        secondsLeft = retrySecondsLeft;
+        retryPending = false;
+      }
+      for (const std::shared_ptr<PeerSession>& session : started)
+        startSession(session, calls);
+      for (const FileEvent& event : events)
+        handleFileEvent(event, calls);
+      if (retry && retryCallback)
+        calls.push_back([callback = retryCallback, secondsLeft] { callback(secondsLeft); });
+    }
+
+    void startSession(const std::shared_ptr<PeerSession>& session, std::vector<std::function<void()>>& calls)
+    {
+      BundleControllerParams params;
+      params.createMissingAttributes = options.createMissingAttributes;
+      params.dropStaleValues = options.dropStaleValues;
+      params.maxSymbols = options.limits.maxSymbols;
+      params.maxSessionAttributes = options.limits.maxSessionAttributes;
+      params.maxCreatedNodes = options.limits.maxCreatedNodes;
+      // Each session gets its own sender id, so that slices of sliced events from two sessions
+      // are never put together.
+      const long senderId = ++sessionNumber;
+      RemoteNode* target = &node;
+      params.oneWayEventHandler = [target, senderId](const QByteArray& name, Bastion::BinaryData& data) {
+        target->handleRemoteEvent(name, data, senderId);
+      };
+      session->start(node, params);
+      Session entry;
+      entry.session = session;
+      if (session->controller()) {
+        entry.reported = true;
+        if (connectionCallback)
+          calls.push_back([callback = connectionCallback, address = session->peerAddress()] { callback(address, true); });
+      }
+      sessions.push_back(entry);
+    }
+
+    void endSessions(std::vector<std::function<void()>>& calls)
+    {
+      for (auto it = sessions.begin(); it != sessions.end();) {
+        if (!it->session->hasEnded()) {
+          ++it;
+          continue;
+        }
+        it->session->finish();
+        if (it->reported && connectionCallback)
+          calls.push_back([callback = connectionCallback, address = it->session->peerAddress()] { callback(address, false); });
+        for (auto f = fetches.begin(); f != fetches.end();) {
+          if (f->session == it->session) {
+            calls.push_back([callback = f->callback, path = f->path] { callback(path, FetchResult::Failed); });
+            f = fetches.erase(f);
+          } else {
+            ++f;
+          }
+        }
+        it = sessions.erase(it);
+      }
+    }
+
+    void checkLimits()
+    {
+      for (Session& s : sessions) {
+        if (s.overLimit)
+          continue;
+        const std::shared_ptr<BundleController> controller = s.session->controller();
+        if (!controller || !controller->limitExceeded())
+          continue;
+        s.overLimit = true;
+        Bastion::error("Peer::update # The session with %s went over a flooding limit (symbols %d, session "
+                       "attributes %d, created nodes %d), disconnecting",
+                       s.session->peerAddress().toUtf8().constData(), options.limits.maxSymbols,
+                       options.limits.maxSessionAttributes, options.limits.maxCreatedNodes);
+        s.session->disconnect();
+      }
+    }
+
+    void handleFileEvent(const FileEvent& event, std::vector<std::function<void()>>& calls)
+    {
+      auto it = std::find_if(fetches.begin(), fetches.end(), [&](const Fetch& f) {
+        return f.session && f.session == event.session && f.path == event.path;
+      });
+      if (it == fetches.end())
+        return;
+      switch (event.kind) {
+      case FileEvent::Booked:
+        it->booked = true;
+        break;
+      case FileEvent::Progress:
+        if (progressCallback)
+          calls.push_back([callback = progressCallback, event] { callback(event.path, event.bytesDone, event.bytesTotal); });
+        break;
+      case FileEvent::Finished:
+        calls.push_back([callback = it->callback, path = it->path, verified = event.verified] {
+          callback(path, verified ? FetchResult::Verified : FetchResult::Failed);
+        });
+        fetches.erase(it);
+        break;
+      }
+    }
+
+    void checkFetchTimes(std::vector<std::function<void()>>& calls)
+    {
+      const Clock::time_point now = Clock::now();
+      for (auto f = fetches.begin(); f != fetches.end();) {
+        if (!f->session) {
+          calls.push_back([callback = f->callback, path = f->path] { callback(path, FetchResult::Failed); });
+          f = fetches.erase(f);
+        } else if (!f->booked && now >= f->deadline) {
+          calls.push_back([callback = f->callback, path = f->path] { callback(path, FetchResult::TimedOut); });
+          f = fetches.erase(f);
+        } else {
+          ++f;
+        }
+      }
+    }
+
+    void fetch(const QString& path, int timeoutMs, const FetchCallback& callback)
+    {
+      Fetch f;
+      f.path = path;
+      f.deadline = Clock::now() + std::chrono::milliseconds(std::max(0, timeoutMs));
+      f.callback = callback;
+      for (const Session& s : sessions) {
+        if (s.session->hasEnded() || !s.session->controller())
+          continue;
+        std::shared_ptr<ConnectionThread> connection = s.session->connection();
+        if (auto* files = dynamic_cast<FileSessionConnection*>(connection.get())) {
+          files->requestFileInfo(path);
+          f.session = s.session;
+          break;
+        }
+      }
+      fetches.push_back(f);
+      // Resolved by the next update, also when it failed at once.
+      wake();
+    }
+
+    bool listen(const QString& host, int port, QString* error)
+    {
+      if (server) {
+        if (error)
+          *error = QStringLiteral("already listening on port %1").arg(server->localPort());
+        return false;
+      }
+      // The server's own thread retries a busy address for ever; a probe tells the caller now.
+      {
+        Bastion::TCPServerSocket probe;
+        const int result = probe.open(host.toUtf8().constData(), port, 1);
+        if (result != 0) {
+          if (error)
+            *error = QStringLiteral("cannot listen on %1:%2: %3")
+                       .arg(host)
+                       .arg(port)
+                       .arg(QString::fromLocal8Bit(std::strerror(result)));
+          return false;
+        }
+      }
+      server.reset(new PeerServer(factory, options.maxConnections));
+      server->run(host, port);
+      const Clock::time_point end = Clock::now() + std::chrono::milliseconds(BindWaitMs);
+      while (server->localPort() == 0 && Clock::now() < end)
+        server->waitEnd(5);
+      if (server->localPort() == 0) {
+        server.reset();
+        if (error)
+          *error = QStringLiteral("cannot listen on %1:%2: the address was taken meanwhile").arg(host).arg(port);
+        return false;
+      }
+      return true;
+    }
+
+    void connectTo(const QString& host, int port)
+    {
+      stopClient();
+      client = factory.create(nullptr, false, host + ':' + QString::number(port));
+      client->connectToHost(host, port);
+    }
+
+    void stopClient()
+    {
+      if (!client)
+        return;
+      // Joined before it is let go: the connection's own thread may hold a reference for a moment,
+      // and must not be the one that drops the last.
+      client->shutdown();
+      client.reset();
+    }
+
+    void stopConnections()
+    {
+      server.reset();
+      stopClient();
+    }
+
+    /// The sessions the connection callback has been told about and not yet told the end of: the
+    /// count changes with the callbacks, at updates.
+    int liveSessionCount(bool initializedOnly) const
+    {
+      int count = 0;
+      for (const Session& s : sessions) {
+        if (!s.reported)
+          continue;
+        const std::shared_ptr<BundleController> controller = s.session->controller();
+        if (!initializedOnly || (controller && controller->peerInitialized()))
+          ++count;
+      }
+      return count;
+    }
+
+    // Constant after construction.
+    RemoteNode& node;
+    const PeerOptions options;
+    const std::shared_ptr<TrafficMeter> traffic;
+    /// Declared before the connections, which use it, so that it goes after them.
+    const std::unique_ptr<AssetBase> assets;
+    const PeerConnectionFactory factory;
+    long changeListener = -1;
+    long eventListener = -1;
+
+    // Application thread only.
+    std::unique_ptr<PeerServer> server;
+    std::shared_ptr<ConnectionThread> client;
+    std::vector<Session> sessions;
+    std::vector<Fetch> fetches;
+    long sessionNumber = 0;
+    ConnectionCallback connectionCallback;
+    RetryCallback retryCallback;
+    FetchProgressCallback progressCallback;
+
+    // The wake-up of `waitAndUpdate`; `woken` is set without the mutex when already set.
+    std::atomic<bool> woken{false};
+    Bastion::Mutex wakeMutex;
+    Bastion::Condition wakeCondition;
+
+    // What the connection threads hand over.
+    Bastion::Mutex inboxMutex;
+    std::vector<std::shared_ptr<PeerSession>> startedSessions BASTION_GUARDED_BY(inboxMutex);
+    std::vector<FileEvent> fileEvents BASTION_GUARDED_BY(inboxMutex);
+    bool retryPending BASTION_GUARDED_BY(inboxMutex) = false;
+    double retrySecondsLeft BASTION_GUARDED_BY(inboxMutex) = 0;
+  };
+
+  Peer::Peer(RemoteNode& node, const PeerOptions& options) : d(new D(node, options)) {}
+
+  Peer::~Peer() = default;
+
+  void Peer::connectTo(const QString& host, int port)
+  {
+    d->connectTo(host, port);
+  }
+
+  bool Peer::listen(const QString& host, int port, QString* error)
+  {
+    return d->listen(host, port, error);
+  }
+
+  int Peer::listeningPort() const
+  {
+    return d->server ? d->server->localPort() : 0;
+  }
+
+  void Peer::stop()
+  {
+    d->stopConnections();
+  }
+
+  void Peer::update()
+  {
+    d->update();
+  }
+
+  void Peer::waitAndUpdate(int maxWaitMs)
+  {
+    // Reports the tree's pending additions now, so that a waiting change wakes the wait at once.
+    d->node.processPendingAdditions();
+    d->waitForWork(d->waitLimit(maxWaitMs));
+    d->update();
+  }
+
+  void Peer::wake()
+  {
+    d->wake();
+  }
+
+  int Peer::sessionCount() const
+  {
+    return d->liveSessionCount(false);
+  }
+
+  int Peer::initializedSessionCount() const
+  {
+    return d->liveSessionCount(true);
+  }
+
+  uint64_t Peer::txBytes() const
+  {
+    return d->traffic->txBytes();
+  }
+
+  uint64_t Peer::rxBytes() const
+  {
+    return d->traffic->rxBytes();
+  }
+
+  void Peer::setConnectionCallback(const ConnectionCallback& callback)
+  {
+    d->connectionCallback = callback;
+  }
+
+  void Peer::setRetryCallback(const RetryCallback& callback)
+  {
+    d->retryCallback = callback;
+  }
+
+  void Peer::fetch(const QString& path, int timeoutMs, const FetchCallback& callback)
+  {
+    d->fetch(path, timeoutMs, callback);
+  }
+
+  void Peer::setFetchProgressCallback(const FetchProgressCallback& callback)
+  {
+    d->progressCallback = callback;
+  }
+
+  bool Peer::waitForFileList(int timeoutMs)
+  {
+    return d->assets && d->assets->waitForFileList(timeoutMs);
+  }
+}
