@@ -117,11 +117,12 @@ namespace Plexa
     Bastion::SymbolRegistry& registry = m_node.symbolRegistry();
     std::vector<uint32_t> symbols;
     AttributeCache& cache = m_node.attributeCache();
+    NodeWatcher& watcher = m_node.nodeWatcher();
     walkAttributesWithPath(m_node, [&](Carafe::Attribute&, const QByteArray& path) {
-      // An attribute the watcher has not described yet (added since its last update) has no
-      // symbol or no cache entry; the watcher reports its addition at its next update.
+      // An attribute added since the watcher's last update is still pending there (its sync
+      // flags are not applied yet); the watcher reports its addition at its next update.
       const uint32_t symbol = registry.lookup(path);
-      if (symbol != 0 && cache.find(symbol))
+      if (symbol != 0 && cache.find(symbol) && !watcher.isPendingUpdate(symbol))
         symbols.push_back(symbol);
     });
     for (uint32_t symbol : symbols)

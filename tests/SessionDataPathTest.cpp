@@ -1,0 +1,311 @@
+// Two sessions wired to each other in one process: each send pass of one side is the bundle list
+// the other side processes. Real trees on both sides, every registered type, and the byte stream
+// checked for what the receivers rely on.
+
+#include "bastion/BinaryData.hpp"
+#include "bastion/LogCapture.hpp"
+#include "carafe/AttributeT.hpp"
+#include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/remote/AttributeWalk.hpp"
+#include "plexa/remote/RemoteNode.hpp"
+#include "plexa/session/Core.hpp"
+#include "plexa/session/SessionFormat.hpp"
+#include "plexa/types/TypeRegistry.hpp"
+#include "plexa/types/TypeSamplesTest.hpp"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <set>
+
+using namespace Plexa;
+
+namespace
+{
+  using Int = Carafe::AttributeT<int>;
+  using Float = Carafe::AttributeT<float>;
+
+  /// Path -> (type id, value bytes) of every attribute under `node`.
+  std::map<QByteArray, std::pair<uint32_t, QByteArray>> snapshot(RemoteNode& node)
+  {
+    TypeRegistry types;
+    std::map<QByteArray, std::pair<uint32_t, QByteArray>> values;
+    walkAttributesWithPath(node, [&](Carafe::Attribute& attribute, const QByteArray& path) {
+      uint32_t typeId = 0, size = 0;
+      QByteArray bytes;
+      BundleWriterCore writer(bytes);
+      if (Serializer serializer = types.createSerializer(&attribute, typeId, size))
+        serializer(writer);
+      values[path] = {typeId, bytes};
+    });
+    return values;
+  }
+
+  /// A new attribute of `typeId` holding the sample value of its type.
+  Carafe::Attribute* sampleAttribute(const TypeRegistry& types, uint32_t typeId)
+  {
+    Carafe::Attribute* attribute = types.createAttribute(typeId);
+    const auto samples = TypeSamples::sampleValues();
+    const auto sample = samples.find(typeId);
+    const VariantSerializer write = types.createVariantSerializer(typeId);
+    if (sample != samples.end() && write) {
+      QByteArray bytes;
+      BundleWriterCore writer(bytes);
+      write(writer, sample->second);
+      BundleReaderCore reader(bytes, 0);
+      types.createDeserializer(typeId, attribute)(reader);
+    }
+    return attribute;
+  }
+
+  template <typename A>
+  A* at(Carafe::Node& root, const QByteArray& path)
+  {
+    Carafe::Node* node = &root;
+    const QList<QByteArray> parts = path.split('/');
+    for (int i = 0; i + 1 < parts.size() && node; ++i)
+      node = dynamic_cast<Carafe::Node*>(node->attribute(parts[i]));
+    return node ? dynamic_cast<A*>(node->attribute(parts.last())) : nullptr;
+  }
+
+  BundleControllerParams params(bool createMissing, bool dropStale = false)
+  {
+    BundleControllerParams p;
+    p.createMissingAttributes = createMissing;
+    p.dropStaleValues = dropStale;
+    // Outgoing work is driven by the test, pass by pass.
+    p.enabled = false;
+    return p;
+  }
+
+  struct LinkedSessions
+  {
+    void start(const BundleControllerParams& pa, const BundleControllerParams& pb)
+    {
+      ca = std::make_unique<Core>(a, pa);
+      cb = std::make_unique<Core>(b, pb);
+      ca->ensureIsInitialized();
+      cb->ensureIsInitialized();
+    }
+    /// Both send passes first, then each side processes the other's: changes made on both sides
+    /// before the call cross each other on the way.
+    bool exchange()
+    {
+      a.update();
+      const std::vector<Bundle> la = ca->collect();
+      b.update();
+      const std::vector<Bundle> lb = cb->collect();
+      aToB.insert(aToB.end(), la.begin(), la.end());
+      bToA.insert(bToA.end(), lb.begin(), lb.end());
+      cb->process(la);
+      ca->process(lb);
+      return !la.empty() || !lb.empty();
+    }
+    /// Exchanges until neither side has anything to send; false if that takes over 10 passes
+    /// (something is echoing).
+    bool settle()
+    {
+      for (int i = 0; i < 10; ++i)
+        if (!exchange())
+          return true;
+      return false;
+    }
+
+    RemoteNode a{nullptr, "a"};
+    RemoteNode b{nullptr, "b"};
+    std::unique_ptr<Core> ca;
+    std::unique_ptr<Core> cb;
+    std::vector<Bundle> aToB;
+    std::vector<Bundle> bToA;
+  };
+
+  /// Reads the session bundles of `stream` as the receivers do and checks that every symbol a
+  /// record uses was defined before, and that no symbol is defined twice. Returns the problems.
+  std::vector<std::string> symbolProblems(const std::vector<Bundle>& stream, const Core& sender)
+  {
+    const auto& types = sender.outgoingTypes();
+    const uint32_t symbolType = types.at(ModuleNames::SymbolRegistry);
+    const uint32_t newType = types.at(ModuleNames::AttributeNew);
+    const uint32_t updateType = types.at(ModuleNames::AttributeUpdate);
+    const uint32_t removeType = types.at(ModuleNames::AttributeRemove);
+    const uint32_t eventType = types.at(ModuleNames::OneWayEvent);
+    std::set<uint32_t> defined;
+    std::map<uint32_t, uint32_t> sizes;
+    std::vector<std::string> problems;
+    auto use = [&](uint32_t symbol, const char* what) {
+      if (!defined.count(symbol))
+        problems.push_back(std::string(what) + " uses undefined symbol " + std::to_string(symbol));
+    };
+    auto skip = [](BundleReaderCore& r, uint32_t size) { r.readBounded(size ? size : r.readValue<uint32_t>()); };
+    for (const Bundle& bundle : stream) {
+      const uint32_t type = bundle.header().messageType;
+      BundleReaderCore r(bundle.data());
+      while (type != HandshakeMessageType && !r.atEnd()) {
+        const uint32_t symbol = r.readValue<uint32_t>();
+        if (type == symbolType) {
+          if (!defined.insert(symbol).second)
+            problems.push_back("symbol " + std::to_string(symbol) + " defined twice");
+          skip(r, 0);
+        } else if (type == newType) {
+          use(symbol, "AttributeNew");
+          r.readValue<uint32_t>();
+          sizes[symbol] = r.readValue<uint32_t>();
+          if (r.readValue<uint32_t>() & 1)
+            skip(r, sizes[symbol]);
+        } else if (type == updateType) {
+          use(symbol, "AttributeUpdate");
+          skip(r, sizes[symbol]);
+        } else if (type == removeType) {
+          use(symbol, "AttributeRemove");
+        } else if (type == eventType) {
+          use(symbol, "OneWayEvent");
+          skip(r, 0);
+        } else {
+          problems.push_back("unexpected message type " + std::to_string(type));
+          break;
+        }
+      }
+    }
+    return problems;
+  }
+}
+
+TEST(SessionDataPathTest, EveryRegisteredTypeCrossesBothWaysChangesAndGoesAway)
+{
+  LinkedSessions s;
+  const TypeRegistry types;
+  const std::vector<uint32_t> ids = types.registeredTypeIds();
+  auto* there = new Carafe::Node(&s.a, "there");
+  for (uint32_t id : ids)
+    there->addAttribute("t" + QByteArray::number(id), sampleAttribute(types, id));
+  s.start(params(true), params(true));
+  ASSERT_TRUE(s.settle());
+  auto snapA = snapshot(s.a);
+  EXPECT_EQ(snapA.size(), ids.size());
+  EXPECT_EQ(snapA, snapshot(s.b));
+  for (const auto& entry : snapA)
+    EXPECT_NE(entry.second.first, 0u) << entry.first.constData();
+
+  // The other way: attributes made on b appear on a.
+  auto* back = new Carafe::Node(&s.b, "back");
+  for (uint32_t id : ids)
+    back->addAttribute("t" + QByteArray::number(id), sampleAttribute(types, id));
+  ASSERT_TRUE(s.settle());
+  EXPECT_EQ(snapshot(s.a).size(), 2 * ids.size());
+  EXPECT_EQ(snapshot(s.a), snapshot(s.b));
+
+  // Changes on the side that did not create the attribute travel back.
+  at<Float>(s.b, "there/t3")->setValue(9.5f);
+  at<Int>(s.a, "back/t9")->setValue(-12);
+  ASSERT_TRUE(s.settle());
+  EXPECT_EQ(at<Float>(s.a, "there/t3")->value(), 9.5f);
+  EXPECT_EQ(at<Int>(s.b, "back/t9")->value(), -12);
+  EXPECT_EQ(snapshot(s.a), snapshot(s.b));
+
+  // Removals: what the peer created for them goes with them.
+  s.a.removeAttribute("there");
+  ASSERT_TRUE(s.settle());
+  s.b.removeAttribute("back");
+  ASSERT_TRUE(s.settle());
+  EXPECT_TRUE(snapshot(s.a).empty());
+  EXPECT_TRUE(snapshot(s.b).empty());
+
+  EXPECT_EQ(symbolProblems(s.aToB, *s.ca), std::vector<std::string>());
+  EXPECT_EQ(symbolProblems(s.bToA, *s.cb), std::vector<std::string>());
+}
+
+TEST(SessionDataPathTest, AppliedValuesAreNotEchoedAndStaleOnesAreDroppedOnlyWhenAsked)
+{
+  for (const bool dropStale : {false, true}) {
+    LinkedSessions s;
+    auto* xa = new Int();
+    auto* xb = new Int();
+    s.a.addAttribute("x", xa);
+    s.b.addAttribute("x", xb);
+    s.start(params(false, dropStale), params(false, dropStale));
+    ASSERT_TRUE(s.settle());
+    xa->setValue(5);
+    ASSERT_TRUE(s.exchange());
+    EXPECT_EQ(xb->value(), 5);
+    // Applying it on b sent nothing back.
+    const size_t before = s.bToA.size();
+    EXPECT_FALSE(s.exchange());
+    EXPECT_EQ(s.bToA.size(), before);
+
+    // Both change before either saw the other's value.
+    xa->setValue(1);
+    xb->setValue(2);
+    s.exchange();
+    if (dropStale) {
+      EXPECT_EQ(xa->value(), 1);
+      EXPECT_EQ(xb->value(), 2);
+    } else {
+      EXPECT_EQ(xa->value(), 2);
+      EXPECT_EQ(xb->value(), 1);
+    }
+    // A change made after seeing the peer's value is never stale.
+    xb->setValue(3);
+    ASSERT_TRUE(s.settle());
+    EXPECT_EQ(xa->value(), 3);
+  }
+}
+
+TEST(SessionDataPathTest, EventsSlicedEventsAndInitializedArriveAndIdAttributesStayHome)
+{
+  LinkedSessions s;
+  auto* n = new Carafe::Node(&s.a, "n");
+  n->addAttribute("id", new Int());
+  n->addAttribute("v", new Int());
+  s.a.addAttribute("id", new Int());
+  int initialized = 0;
+  std::vector<QByteArray> hello;
+  std::vector<QByteArray> big;
+  s.b.eventAddListener("initialized", [&](Bastion::BinaryData&) { ++initialized; });
+  s.b.eventAddListener("hello", [&](Bastion::BinaryData& d) { hello.push_back(d.toByteArray()); });
+  s.b.eventAddListener("big", [&](Bastion::BinaryData& d) { big.push_back(d.toByteArray()); });
+  s.start(params(true), params(true));
+  ASSERT_TRUE(s.settle());
+  EXPECT_EQ(initialized, 1);
+  EXPECT_EQ(s.ca->peerInitializedCount(), 1);
+  EXPECT_EQ(s.cb->peerInitializedCount(), 1);
+  EXPECT_NE(at<Int>(s.b, "n/v"), nullptr);
+  EXPECT_EQ(at<Int>(s.b, "n/id"), nullptr);
+  EXPECT_EQ(s.b.attribute("id"), nullptr);
+
+  Bastion::BinaryData small;
+  small.writeString("there");
+  const QByteArray smallBytes = small.toByteArray();
+  s.a.eventProcess("hello", small);
+  Bastion::BinaryData large;
+  QByteArray blob(20000, '\0');
+  for (int i = 0; i < blob.size(); ++i)
+    blob[i] = char(i * 31);
+  large.writeBlob(blob);
+  const QByteArray largeBytes = large.toByteArray();
+  s.a.eventProcessSlice("big", large, 1500);
+  ASSERT_TRUE(s.settle());
+  EXPECT_EQ(hello, std::vector<QByteArray>{smallBytes});
+  EXPECT_EQ(big, std::vector<QByteArray>{largeBytes});
+  EXPECT_EQ(initialized, 1);
+  EXPECT_EQ(symbolProblems(s.aToB, *s.ca), std::vector<std::string>());
+}
+
+TEST(SessionDataPathTest, WithoutCreationTheFarTreeKeepsOnlyWhatItHad)
+{
+  LinkedSessions s;
+  s.a.addAttribute("shared", new Int());
+  s.a.addAttribute("only-a", new Int());
+  auto* shared = new Int();
+  s.b.addAttribute("shared", shared);
+  s.start(params(false), params(false));
+  ASSERT_TRUE(s.settle());
+  EXPECT_EQ(s.b.attribute("only-a"), nullptr);
+  at<Int>(s.a, "only-a")->setValue(4);
+  at<Int>(s.a, "shared")->setValue(7);
+  Bastion::LogCapture log;
+  ASSERT_TRUE(s.settle());
+  EXPECT_EQ(shared->value(), 7);
+  EXPECT_EQ(s.b.attribute("only-a"), nullptr);
+  EXPECT_TRUE(log.texts().empty());
+}
