@@ -32,6 +32,9 @@ namespace Plexa
 
     /// How long `listen` waits for the server's thread to bind an address that a probe could bind.
     constexpr int BindWaitMs = 5000;
+    /// How long a client session holds back its own announcement when the peer sends no
+    /// "initialized" (a peer that never does would otherwise never hear from it).
+    constexpr int ClientHoldMs = 5000;
   }
 
   class Peer::D : public SessionHost
@@ -45,6 +48,9 @@ namespace Plexa
       bool reported = false;
       /// A flooding cap was hit and the connection asked to end.
       bool overLimit = false;
+      /// A client session sends nothing until the peer's present tree has been applied here.
+      bool holding = false;
+      Clock::time_point started;
     };
 
     struct Fetch
@@ -140,10 +146,16 @@ namespace Plexa
     {
       long long limit = maxWaitMs;
       const Clock::time_point now = Clock::now();
+      // Rounded up, so that the wait ends after the time, not just before it.
+      auto until = [now](Clock::time_point t) {
+        return std::max<long long>(0, std::chrono::duration_cast<std::chrono::milliseconds>(t - now).count() + 1);
+      };
+      for (const Session& s : sessions)
+        if (s.holding)
+          limit = std::min(limit, until(s.started + std::chrono::milliseconds(ClientHoldMs)));
       for (const Fetch& f : fetches)
         if (!f.booked)
-          limit = std::min<long long>(
-            limit, std::max<long long>(0, std::chrono::duration_cast<std::chrono::milliseconds>(f.deadline - now).count() + 1));
+          limit = std::min(limit, until(f.deadline));
       return int(limit);
     }
 
@@ -154,8 +166,11 @@ namespace Plexa
       endSessions(calls);
       BundleController::update();
       node.update();
+      releaseHeldSessions();
       checkLimits();
       checkFetchTimes(calls);
+      if (server)
+        server->releaseEnded();
       for (const std::function<void()>& call : calls)
         call();
       Carafe::Node::processAfterUpdate();
@@ -198,9 +213,19 @@ namespace Plexa
       params.oneWayEventHandler = [target, senderId](const QByteArray& name, Bastion::BinaryData& data) {
         target->handleRemoteEvent(name, data, senderId);
       };
+      // Both sides announce their whole tree at the start of a session, and announcements that
+      // cross would swap the values both sides hold. The accepting side's tree wins: a client
+      // session holds its outgoing work back until the peer's "initialized" has arrived, behind
+      // the peer's announcement. It then announces only what the peer did not have, and changes
+      // made here since.
+      const std::shared_ptr<ConnectionThread> connection = session->connection();
+      const bool holding = connection && !connection->isAccepted();
+      params.enabled = !holding;
       session->start(node, params);
       Session entry;
       entry.session = session;
+      entry.holding = holding;
+      entry.started = Clock::now();
       if (session->controller()) {
         entry.reported = true;
         if (connectionCallback)
@@ -228,6 +253,23 @@ namespace Plexa
           }
         }
         it = sessions.erase(it);
+      }
+    }
+
+    void releaseHeldSessions()
+    {
+      for (Session& s : sessions) {
+        if (!s.holding)
+          continue;
+        const std::shared_ptr<BundleController> controller = s.session->controller();
+        if (!controller)
+          continue;
+        if (controller->peerInitialized() || Clock::now() - s.started > std::chrono::milliseconds(ClientHoldMs)) {
+          s.holding = false;
+          controller->setEnabled(true);
+          // Takes effect at the next update, which should not wait.
+          wake();
+        }
       }
     }
 

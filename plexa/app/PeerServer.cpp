@@ -1,9 +1,13 @@
 #include "plexa/app/PeerServer.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "bastion/TCPSocket.hpp"
 #include "plexa/app/PeerConnectionFactory.hpp"
 #include "plexa/net/ConnectionThread.hpp"
+
+#include <algorithm>
+#include <iterator>
 
 namespace Plexa
 {
@@ -38,6 +42,23 @@ namespace Plexa
         return nullptr;
       }
     }
-    return m_factory.create(socket, true, address);
+    std::shared_ptr<ConnectionThread> connection = m_factory.create(socket, true, address);
+    Bastion::Guard guard(m_madeMutex);
+    m_made.push_back(connection);
+    return connection;
+  }
+
+  void PeerServer::releaseEnded()
+  {
+    std::vector<std::shared_ptr<ConnectionThread>> ended;
+    {
+      Bastion::Guard guard(m_madeMutex);
+      // Held by nobody else: its thread has ended and its retirement has let it go. No other
+      // reference can appear any more, so it goes here.
+      auto alone = std::partition(m_made.begin(), m_made.end(),
+                                  [](const std::shared_ptr<ConnectionThread>& c) { return c.use_count() > 1; });
+      ended.assign(std::make_move_iterator(alone), std::make_move_iterator(m_made.end()));
+      m_made.erase(alone, m_made.end());
+    }
   }
 }

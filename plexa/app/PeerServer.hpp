@@ -1,6 +1,11 @@
 #pragma once
 
+#include "bastion/Mutex.hpp"
+#include "bastion/ThreadSafety.hpp"
 #include "plexa/files/ServerBase.hpp"
+
+#include <memory>
+#include <vector>
 
 namespace Plexa
 {
@@ -16,6 +21,9 @@ namespace Plexa
     /// Stops accepting, then stops and joins every connection.
     ~PeerServer() override;
 
+    /// Lets go of the connections that have ended and been retired. Application thread.
+    void releaseEnded();
+
   protected:
     /// Server thread. A connection over the cap is closed at once, with a warning.
     std::shared_ptr<ConnectionThread> createConnection(Bastion::TCPSocket* socket) override;
@@ -23,5 +31,12 @@ namespace Plexa
   private:
     const PeerConnectionFactory& m_factory;
     const int m_maxConnections;
+
+    /// Every connection made and not yet released. Held so that the last reference to a connection
+    /// is dropped on the application thread (by `releaseEnded` or the destructor), never on the
+    /// background thread that retires it: a connection's Qt objects belong to the accept thread,
+    /// and their teardown must follow that thread's end in an order the thread checker can see.
+    Bastion::Mutex m_madeMutex;
+    std::vector<std::shared_ptr<ConnectionThread>> m_made BASTION_GUARDED_BY(m_madeMutex);
   };
 }

@@ -4,12 +4,23 @@
 // Header only; nothing of it goes into the library.
 
 #include "plexa/app/Peer.hpp"
+#include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/bundle/BundleWriterCore.hpp"
+#include "plexa/remote/AttributeWalk.hpp"
+#include "plexa/types/TypeRegistry.hpp"
+#include "plexa/types/TypeSamplesTest.hpp"
 
+#include "carafe/Node.hpp"
+
+#include <QByteArray>
+#include <QList>
 #include <QString>
 
 #include <chrono>
 #include <functional>
 #include <initializer_list>
+#include <map>
+#include <utility>
 #include <vector>
 
 namespace PlexaTest
@@ -41,4 +52,52 @@ namespace PlexaTest
     }
     std::vector<QString> events;
   };
+
+  /// What a tree holds, comparable between two trees: path -> (type id, encoded value).
+  using TreeState = std::map<QByteArray, std::pair<uint32_t, QByteArray>>;
+
+  inline TreeState treeState(Carafe::Node& root)
+  {
+    const Plexa::TypeRegistry types;
+    TreeState state;
+    Plexa::walkAttributesWithPath(root, [&](Carafe::Attribute& attribute, const QByteArray& path) {
+      uint32_t typeId = 0, size = 0;
+      QByteArray bytes;
+      Plexa::BundleWriterCore writer(bytes);
+      if (Plexa::Serializer serialize = types.createSerializer(&attribute, typeId, size))
+        serialize(writer);
+      state[path] = {typeId, bytes};
+    });
+    return state;
+  }
+
+  /// A new attribute of `typeId` holding the sample value of its type (the default value when the
+  /// type has no sample).
+  inline Carafe::Attribute* sampleAttribute(uint32_t typeId)
+  {
+    const Plexa::TypeRegistry types;
+    Carafe::Attribute* attribute = types.createAttribute(typeId);
+    const auto samples = Plexa::TypeSamples::sampleValues();
+    const auto sample = samples.find(typeId);
+    const Plexa::VariantSerializer write = types.createVariantSerializer(typeId);
+    if (attribute && sample != samples.end() && write) {
+      QByteArray bytes;
+      Plexa::BundleWriterCore writer(bytes);
+      write(writer, sample->second);
+      Plexa::BundleReaderCore reader(bytes, 0);
+      types.createDeserializer(typeId, attribute)(reader);
+    }
+    return attribute;
+  }
+
+  /// The attribute of class A at `path` (slash-separated) below `root`, or null.
+  template <typename A>
+  A* attributeAt(Carafe::Node& root, const QByteArray& path)
+  {
+    Carafe::Node* node = &root;
+    const QList<QByteArray> parts = path.split('/');
+    for (int i = 0; i + 1 < parts.size() && node; ++i)
+      node = dynamic_cast<Carafe::Node*>(node->attribute(parts[i]));
+    return node ? dynamic_cast<A*>(node->attribute(parts.last())) : nullptr;
+  }
 }
