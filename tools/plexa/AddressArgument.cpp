@@ -53,6 +53,13 @@ namespace Plexa
       return true;
     }
 
+    AddressArgument AddressArgument::withPort(int port) const
+    {
+      AddressArgument other = *this;
+      other.m_port = port;
+      return other;
+    }
+
     QString AddressArgument::toString() const
     {
       return (m_host.contains(':') ? "[" + m_host + "]" : m_host) + ":" + QString::number(m_port);

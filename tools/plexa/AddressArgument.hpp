@@ -21,6 +21,8 @@ namespace Plexa
 
       const QString& host() const { return m_host; }
       int port() const { return m_port; }
+      /// The same host with another port (the one a listening socket got for port 0).
+      AddressArgument withPort(int port) const;
       /// "host:port", with brackets around an IPv6 address.
       QString toString() const;
       /// True for addresses only this machine can reach: "localhost", 127.0.0.0/8 and ::1.

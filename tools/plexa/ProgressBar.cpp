@@ -70,7 +70,9 @@ namespace Plexa
     {
       const File f = file(path, now);
       m_files.remove(path);
-      const QString line = plainLine(path, f.done, f.total, now - f.start) + " - " + outcome;
+      const double elapsed = now - f.start;
+      const QString rate = elapsed > 0 && f.done > 0 ? ", " + formatBytes(int64_t(double(f.done) / elapsed)) + "/s" : QString();
+      const QString line = QString("%1: %2 in %3%4 - %5").arg(path, formatBytes(f.done), formatDuration(elapsed), rate, outcome);
       if (!m_terminal)
         return line + "\n";
       const QString text = clear() + line + "\n";

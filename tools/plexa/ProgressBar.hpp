@@ -25,7 +25,7 @@ namespace Plexa
       /// the last text (0.1 s on a terminal, 1 s per file otherwise). The first report of a path
       /// starts its clock.
       QString update(const QString& path, int64_t done, int64_t total, double now);
-      /// The last text of `path`, always a whole line: the final figures and `outcome`.
+      /// The last text of `path`, always a whole line: bytes, time taken, rate and `outcome`.
       QString finish(const QString& path, const QString& outcome, double now);
       /// Text that blanks a redrawn line, so that other output can follow; empty when none is
       /// showing.

@@ -51,7 +51,7 @@ TEST(ProgressBar, ReportsAreThrottledAndFinishedFilesGetALineOfTheirOwn)
   // Each file has its own pace.
   EXPECT_FALSE(plain.update("/b", 20, 100, 5.5).isEmpty());
   EXPECT_EQ(plain.update("/a", 30, 100, 6.0), "/a: 30 B / 100 B (30%), 30 B/s, 0:03 left\n");
-  EXPECT_EQ(plain.finish("/a", "verified", 7.0), "/a: 30 B / 100 B (30%), 15 B/s, 0:05 left - verified\n");
+  EXPECT_EQ(plain.finish("/a", "verified", 7.0), "/a: 30 B in 0:02, 15 B/s - verified\n");
   EXPECT_EQ(plain.clear(), "");
 
   ProgressBar terminal(true, 60);

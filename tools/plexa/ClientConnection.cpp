@@ -1,0 +1,84 @@
+#include "ClientConnection.hpp"
+
+#include "Console.hpp"
+#include "Interrupt.hpp"
+
+#include "plexa/app/Peer.hpp"
+
+#include <QElapsedTimer>
+
+#include <cmath>
+
+namespace Plexa
+{
+  namespace Cli
+  {
+    namespace
+    {
+      /// Longest wait between two looks at the interrupt flag and the clock.
+      constexpr int PollMs = 50;
+      /// The writes of an update are done when nothing more was written for this long.
+      constexpr int SettleMs = 100;
+    }
+
+    ClientConnection::ClientConnection(Peer& peer, const AddressArgument& address, Console& console)
+      : m_peer(peer), m_address(address), m_console(console)
+    {
+    }
+
+    ClientConnection::Outcome ClientConnection::connectAndMirror(double timeoutSeconds, QString* error)
+    {
+      QElapsedTimer clock;
+      clock.start();
+      m_peer.setRetryCallback([&](double secondsLeft) {
+        const double givingUp = timeoutSeconds - double(clock.elapsed()) / 1000.0;
+        m_console.status(QString("cannot reach %1 yet; next attempt in %2 s, giving up in %3 s")
+                           .arg(m_address.toString())
+                           .arg(int(std::ceil(secondsLeft)))
+                           .arg(int(std::ceil(qMax(0.0, givingUp)))));
+      });
+      m_peer.connectTo(m_address.host(), m_address.port());
+      Outcome outcome = Mirrored;
+      while (m_peer.initializedSessionCount() == 0) {
+        if (Interrupt::requested()) {
+          outcome = Interrupted;
+          break;
+        }
+        const qint64 left = qint64(timeoutSeconds * 1000.0) - clock.elapsed();
+        if (left <= 0) {
+          outcome = TimedOut;
+          if (error)
+            *error = m_peer.sessionCount() > 0
+                       ? QString("connected to %1, but its tree did not arrive within %2 s")
+                           .arg(m_address.toString())
+                           .arg(timeoutSeconds)
+                       : QString("could not connect to %1 within %2 s (is plexa serve running there, with the same "
+                                 "shared key?)")
+                           .arg(m_address.toString())
+                           .arg(timeoutSeconds);
+          break;
+        }
+        m_peer.waitAndUpdate(int(qMin<qint64>(left, PollMs)));
+      }
+      m_peer.setRetryCallback(Peer::RetryCallback());
+      return outcome;
+    }
+
+    void ClientConnection::finish(int maxMs)
+    {
+      QElapsedTimer clock;
+      clock.start();
+      QElapsedTimer settled;
+      settled.start();
+      uint64_t written = m_peer.txBytes();
+      while (clock.elapsed() < maxMs && settled.elapsed() < SettleMs) {
+        m_peer.waitAndUpdate(SettleMs / 4);
+        if (m_peer.txBytes() != written) {
+          written = m_peer.txBytes();
+          settled.restart();
+        }
+      }
+      m_peer.stop();
+    }
+  }
+}

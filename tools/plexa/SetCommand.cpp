@@ -1,0 +1,192 @@
+#include "SetCommand.hpp"
+
+#include "AddressArgument.hpp"
+#include "AttributeJson.hpp"
+#include "ClientConnection.hpp"
+#include "Console.hpp"
+#include "Interrupt.hpp"
+#include "MirrorNode.hpp"
+#include "SyncEvents.hpp"
+#include "TreePath.hpp"
+#include "ValueText.hpp"
+#include "WatchFormat.hpp"
+
+#include "plexa/app/Peer.hpp"
+
+#include <QElapsedTimer>
+#include <QRandomGenerator>
+
+#include <memory>
+
+namespace Plexa
+{
+  namespace Cli
+  {
+    namespace
+    {
+      constexpr int PollMs = 50;
+      /// A peer that is not plexa serve never answers the sync request: the values count as
+      /// delivered once they were written and the connection stayed quiet this long.
+      constexpr int QuietMs = 1000;
+
+      /// One assignment ready to apply: an existing attribute and its new value, or a new one.
+      struct Change
+      {
+        QByteArray path;
+        QString type;
+        QJsonValue value;
+        Carafe::Attribute* existing = nullptr;
+      };
+    }
+
+    QString SetCommand::summary() const
+    {
+      return "change values in a peer's tree";
+    }
+
+    QString SetCommand::arguments() const
+    {
+      return "HOST:PORT PATH[:TYPE]=VALUE...";
+    }
+
+    QString SetCommand::description() const
+    {
+      return "Mirrors the tree of the peer at HOST:PORT, sets the values, and exits once the peer has them.\n"
+             "An existing attribute keeps its type; a new one takes the TYPE given, or one inferred from the\n"
+             "value (true/false: bool, integer: int, other number: double, anything else: string).\n"
+             "VALUE is JSON; lists may leave out their brackets. Types:\n  " +
+             AttributeJson::typeNames().mid(0, 18).join(", ") + ",\n  " + AttributeJson::typeNames().mid(18).join(", ") +
+             ".\n"
+             "\n"
+             "Example: plexa set 127.0.0.1:5000 light/intensity=0.8 light/colour:color=1,0.5,0 name=Key";
+    }
+
+    void SetCommand::addOptions(QCommandLineParser& parser)
+    {
+      parser.addOption({"type", "Type of every value that does not give its own.", "TYPE"});
+      parser.addPositionalArgument("HOST:PORT", "Address of the peer.");
+      parser.addPositionalArgument("PATH[:TYPE]=VALUE", "Values to set.", "PATH[:TYPE]=VALUE...");
+    }
+
+    int SetCommand::run(const QCommandLineParser& parser)
+    {
+      const QStringList positional = parser.positionalArguments();
+      if (positional.size() < 2)
+        return fail(ExitUsage, "takes HOST:PORT and at least one PATH=VALUE (see plexa set --help)");
+      AddressArgument address;
+      QString error;
+      if (!AddressArgument::parse(positional.at(0), false, address, &error))
+        return fail(ExitUsage, error);
+      const QString defaultType = parser.value("type");
+      if (!defaultType.isEmpty() && !AttributeJson::isTypeName(defaultType))
+        return fail(ExitUsage, QString("unknown type '%1' (known types: %2)")
+                                 .arg(defaultType, AttributeJson::typeNames().join(", ")));
+      std::vector<Assignment> assignments;
+      for (const QString& argument : positional.mid(1)) {
+        Assignment a;
+        if (!ValueText::parseAssignment(argument, defaultType, a, &error))
+          return fail(ExitUsage, error);
+        assignments.push_back(a);
+      }
+
+      Interrupt interrupt;
+      MirrorNode mirror("tree");
+      Peer peer(mirror);
+      ClientConnection connection(peer, address, console);
+      switch (connection.connectAndMirror(timeoutSeconds(), &error)) {
+      case ClientConnection::Mirrored:
+        break;
+      case ClientConnection::TimedOut:
+        return fail(ExitFailure, error);
+      case ClientConnection::Interrupted:
+        return ExitInterrupted;
+      }
+
+      // Every value is checked against the mirrored tree before any is set: all or nothing.
+      std::vector<Change> changes;
+      for (const Assignment& a : assignments) {
+        Change change;
+        change.path = a.path;
+        const QString path = QString::fromUtf8(a.path);
+        bool blocked = false;
+        change.existing = TreePath::find(mirror, a.path, &blocked);
+        if (blocked)
+          return fail(ExitFailure, QString("%1: a value stands where a node would be needed").arg(path));
+        if (change.existing) {
+          if (dynamic_cast<Carafe::Node*>(change.existing))
+            return fail(ExitFailure, QString("%1 is a node, not a value").arg(path));
+          change.type = AttributeJson::typeName(*change.existing);
+          if (change.type.isEmpty())
+            return fail(ExitFailure, QString("%1 holds a kind of value that plexa cannot set").arg(path));
+          if (!a.type.isEmpty() && a.type != change.type)
+            return fail(ExitFailure, QString("%1 is a %2 on the peer, not a %3").arg(path, change.type, a.type));
+        } else {
+          change.type = a.type;
+        }
+        if (!ValueText::parseValue(a.text, change.type, change.value, &error))
+          return fail(ExitFailure, QString("%1: %2").arg(path, error));
+        if (change.type.isEmpty()) {
+          change.type = AttributeJson::inferType(change.value);
+          if (change.type.isEmpty())
+            return fail(ExitFailure, QString("%1 does not exist on the peer and the type of '%2' is not clear; give it "
+                                             "as %1:TYPE=VALUE")
+                                       .arg(path, a.text));
+        }
+        std::unique_ptr<Carafe::Attribute> probe(AttributeJson::create(change.type, change.value, &error));
+        if (!probe)
+          return fail(ExitFailure, QString("%1: not a %2 value: %3").arg(path, change.type, error));
+        changes.push_back(change);
+      }
+      for (const Change& change : changes) {
+        if (change.existing) {
+          AttributeJson::assign(*change.existing, change.value, nullptr);
+        } else if (!mirror.addDeepAttribute(change.path, AttributeJson::create(change.type, change.value, nullptr))) {
+          return fail(ExitFailure, QString("%1 could not be added to the tree").arg(QString::fromUtf8(change.path)));
+        }
+      }
+
+      // The values go out at the next update, then a sync request; plexa serve answers it once it
+      // applied everything before it.
+      const int32_t token = int32_t(QRandomGenerator::global()->generate() & 0x7fffffff);
+      bool confirmed = false;
+      mirror.eventAddListener(SyncEvents::Reply, [&](Bastion::BinaryData& data) {
+        int32_t got = 0;
+        confirmed = confirmed || (data.readInt32(got) && got == token);
+      });
+      Bastion::BinaryData request;
+      request.writeInt32(token);
+      mirror.eventProcess(SyncEvents::Request, request);
+
+      const uint64_t txBefore = peer.txBytes();
+      uint64_t txSeen = txBefore;
+      QElapsedTimer clock;
+      clock.start();
+      QElapsedTimer quiet;
+      quiet.start();
+      while (!confirmed) {
+        if (Interrupt::requested())
+          return ExitInterrupted;
+        if (peer.sessionCount() == 0)
+          return fail(ExitFailure, QString("the connection to %1 ended before the values were confirmed").arg(address.toString()));
+        if (peer.txBytes() != txSeen) {
+          txSeen = peer.txBytes();
+          quiet.restart();
+        }
+        if (txSeen != txBefore && quiet.elapsed() >= QuietMs)
+          break;
+        if (clock.elapsed() >= timeoutMs())
+          return fail(ExitFailure, QString("the values could not be sent to %1 within %2 s").arg(address.toString()).arg(timeoutSeconds()));
+        peer.waitAndUpdate(PollMs);
+      }
+      for (const Change& change : changes) {
+        const Carafe::Attribute* applied = TreePath::find(mirror, change.path);
+        const QJsonValue value = applied ? AttributeJson::value(*applied) : change.value;
+        console.out(QString("%1 (%2) = %3").arg(QString::fromUtf8(change.path), change.type, WatchFormat::compact(value)));
+      }
+      connection.finish();
+      if (!confirmed)
+        warn(QString("%1 did not confirm the values (not a plexa serve?); they were sent").arg(address.toString()));
+      return ExitOk;
+    }
+  }
+}
