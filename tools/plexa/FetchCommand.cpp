@@ -106,12 +106,13 @@ namespace Plexa
       if (!QDir().mkpath(into))
         return fail(ExitFailure, QString("cannot create the folder %1").arg(into));
       // Downloads land in a staging folder next to their place (same file system, so moving them
-      // is a rename); it goes with everything in it when the command ends, also on Ctrl-C.
+      // is a rename); it goes with everything in it when the command ends, also on Ctrl-C, which
+      // is caught from before the folder exists.
+      Interrupt interrupt;
       QTemporaryDir staging(into + "/.plexa-fetch-XXXXXX");
       if (!staging.isValid())
         return fail(ExitFailure, QString("cannot write into %1: %2").arg(into, staging.errorString()));
 
-      Interrupt interrupt;
       MirrorNode mirror("tree");
       PeerOptions options;
       options.fileRoot = staging.path();
@@ -124,7 +125,7 @@ namespace Plexa
       case ClientConnection::TimedOut:
         return fail(ExitFailure, error);
       case ClientConnection::Interrupted:
-        return ExitInterrupted;
+        return fail(ExitInterrupted, "interrupted; temporary files removed");
       }
 
       QElapsedTimer clock;
@@ -175,7 +176,7 @@ namespace Plexa
       while (pending > 0) {
         if (Interrupt::requested()) {
           show(progress.clear());
-          return fail(ExitInterrupted, "interrupted; partial downloads removed");
+          return fail(ExitInterrupted, "interrupted; temporary files removed");
         }
         peer.waitAndUpdate(PollMs);
       }

@@ -101,7 +101,7 @@ namespace Plexa
         out = items;
         return true;
       }
-      return fail(error, QString("'%1' is not a value (%2)").arg(text, parseError.errorString()));
+      return fail(error, QString("'%1' is not a %2 value (%3)").arg(text, type, parseError.errorString()));
     }
   }
 }

@@ -53,7 +53,7 @@ TEST(ValueText, BadAssignmentsSayWhatIsWrong)
     {"=1", "'=1' has no valid path before '=' (names separated by '/')"},
     {"a//b=1", "'a//b=1' has no valid path before '=' (names separated by '/')"},
     {"a/=1", "'a/=1' has no valid path before '=' (names separated by '/')"},
-    {"x:float=fast", "x: 'fast' is not a value (illegal value)"},
+    {"x:float=fast", "x: 'fast' is not a float value (illegal value)"},
     {"x:vec3f=1,2", "x: not a vec3f value: expected an array of 3 numbers"},
   };
   for (const auto& [argument, reason] : cases) {
@@ -96,5 +96,5 @@ TEST(ValueText, StringAndListTypesTakeTheTextTheirWay)
   QJsonValue value;
   QString error;
   EXPECT_FALSE(ValueText::parseValue("1,,2", "float[]", value, &error));
-  EXPECT_TRUE(error.startsWith("'1,,2' is not a value (")) << error.toStdString();
+  EXPECT_TRUE(error.startsWith("'1,,2' is not a float[] value (")) << error.toStdString();
 }

@@ -1,0 +1,332 @@
+// The plexa program itself, run as a child process on 127.0.0.1: serve, set, dump, watch and
+// fetch together, every error a person can make, Ctrl-C, and the demo.
+
+#include "bastion/TCPServerSocket.hpp"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <memory>
+
+namespace
+{
+  constexpr int WaitMs = 20000;
+
+  /// One run of the program, with HOME and the XDG folders in a temporary folder of the test (the
+  /// library keeps settings and file lists there).
+  class Plexa
+  {
+  public:
+    Plexa(const QTemporaryDir& home, const QStringList& arguments)
+    {
+      QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+      environment.insert("HOME", home.path());
+      environment.insert("XDG_CONFIG_HOME", home.path() + "/config");
+      environment.insert("XDG_DATA_HOME", home.path() + "/data");
+      environment.insert("XDG_CACHE_HOME", home.path() + "/cache");
+      environment.remove("PLEXA_SHARED_KEY");
+      environment.remove("BASTION_LOG_LEVEL");
+      m_process.setProcessEnvironment(environment);
+      m_process.start(PLEXA_PROGRAM, arguments);
+      m_process.waitForStarted(WaitMs);
+    }
+
+    ~Plexa()
+    {
+      if (m_process.state() != QProcess::NotRunning) {
+        m_process.kill();
+        m_process.waitForFinished(WaitMs);
+      }
+    }
+
+    /// Reads the output (or the error output) up to a line matching `pattern`, for at most `ms`;
+    /// its first capture, or the whole line. Empty when none came.
+    QString waitForLine(const QString& pattern, int ms = WaitMs, QProcess::ProcessChannel channel = QProcess::StandardOutput)
+    {
+      const QRegularExpression expression(pattern);
+      QString& text = channel == QProcess::StandardOutput ? m_out : m_err;
+      m_process.setReadChannel(channel);
+      QElapsedTimer clock;
+      clock.start();
+      for (;;) {
+        while (m_process.canReadLine()) {
+          const QString line = QString::fromUtf8(m_process.readLine()).trimmed();
+          text += line + "\n";
+          const QRegularExpressionMatch match = expression.match(line);
+          if (match.hasMatch())
+            return match.lastCapturedIndex() > 0 ? match.captured(1) : line;
+        }
+        if (clock.elapsed() > ms || !m_process.waitForReadyRead(int(qMax<qint64>(1, ms - clock.elapsed()))))
+          return QString();
+      }
+    }
+
+    void interrupt() { ::kill(pid_t(m_process.processId()), SIGINT); }
+
+    /// Waits for the exit; its status, or -1 when it did not end.
+    int finish(int ms = WaitMs)
+    {
+      if (!m_process.waitForFinished(ms))
+        return -1;
+      m_out += QString::fromUtf8(m_process.readAllStandardOutput());
+      m_err += QString::fromUtf8(m_process.readAllStandardError());
+      return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+    }
+
+    const QString& out() const { return m_out; }
+    const QString& err() const { return m_err; }
+
+  private:
+    QProcess m_process;
+    QString m_out;
+    QString m_err;
+  };
+
+  QString md5sum(const QString& fileName)
+  {
+    QProcess process;
+    process.start("md5sum", {fileName});
+    process.waitForFinished(WaitMs);
+    return QString::fromLatin1(process.readAllStandardOutput()).section(' ', 0, 0);
+  }
+
+  bool writeFile(const QString& name, const QByteArray& bytes)
+  {
+    QDir().mkpath(QFileInfo(name).absolutePath());
+    QFile file(name);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+  }
+
+  QByteArray randomBytes(int size)
+  {
+    QByteArray bytes(size, '\0');
+    QRandomGenerator generator(17);
+    for (int i = 0; i < size; ++i)
+      bytes[i] = char(generator.generate());
+    return bytes;
+  }
+
+  /// A port nothing listens on (bound, read back and closed again).
+  int closedPort()
+  {
+    Bastion::TCPServerSocket socket;
+    if (socket.open("127.0.0.1", 0, 1) != 0)
+      return 0;
+    const int port = socket.localPort();
+    socket.close();
+    return port;
+  }
+
+  class CliEndToEnd : public ::testing::Test
+  {
+  protected:
+    /// Starts `plexa serve` on a free port with `arguments`; its address.
+    QString serve(std::unique_ptr<Plexa>& server, QStringList arguments)
+    {
+      arguments.prepend("serve");
+      arguments << "--listen"
+                << "127.0.0.1:0";
+      server.reset(new Plexa(home, arguments));
+      const QString port = server->waitForLine("^listening on 127\\.0\\.0\\.1:(\\d+)$");
+      return port.isEmpty() ? QString() : "127.0.0.1:" + port;
+    }
+
+    /// Runs the program to its end.
+    std::unique_ptr<Plexa> run(const QStringList& arguments)
+    {
+      std::unique_ptr<Plexa> p(new Plexa(home, arguments));
+      status = p->finish();
+      return p;
+    }
+
+    QTemporaryDir home;
+    QTemporaryDir work;
+    int status = -1;
+  };
+}
+
+TEST_F(CliEndToEnd, ServeSetAndDumpAgreeAndWatchSeesTheChanges)
+{
+  const QString tree = work.filePath("scene.json");
+  ASSERT_TRUE(writeFile(tree, R"({"light": {"intensity": {"$type": "float", "value": 0.75}, "name": "key"}, "count": 3})"));
+  std::unique_ptr<Plexa> server;
+  const QString address = serve(server, {"--tree", tree});
+  ASSERT_FALSE(address.isEmpty()) << server->out().toStdString();
+
+  Plexa watcher(home, {"watch", address, "--json"});
+  ASSERT_FALSE(watcher.waitForLine("\"path\":\"light/name\"").isEmpty());
+
+  auto set = run({"set", address, "light/intensity=0.5", "light/colour:color=1,0.5,0", "note=hello world"});
+  EXPECT_EQ(status, 0) << set->err().toStdString();
+  EXPECT_EQ(set->out().toStdString(), "light/intensity (float) = 0.5\nlight/colour (color) = [1,0.5,0,1]\nnote (string) = \"hello world\"\n");
+  EXPECT_EQ(set->err().toStdString(), "");
+
+  auto dump = run({"dump", address, "--json"});
+  EXPECT_EQ(status, 0) << dump->err().toStdString();
+  EXPECT_EQ(QJsonDocument::fromJson(dump->out().toUtf8()).object(),
+            QJsonDocument::fromJson(R"({"light": {"intensity": {"$type": "float", "value": 0.5}, "name": "key",
+                                        "colour": {"$type": "color", "value": [1, 0.5, 0, 1]}},
+                                        "count": 3, "note": "hello world"})")
+              .object());
+  dump = run({"dump", address});
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(dump->out().contains("light/intensity (float) = 0.5\n")) << dump->out().toStdString();
+
+  // The watcher saw the change and the additions arrive, one JSON object per line.
+  const QString changed = watcher.waitForLine("\"path\":\"note\"");
+  ASSERT_FALSE(changed.isEmpty()) << watcher.out().toStdString();
+  const QJsonObject note = QJsonDocument::fromJson(changed.toUtf8()).object();
+  EXPECT_EQ(note.value("kind"), "added");
+  EXPECT_EQ(note.value("value"), "hello world");
+  EXPECT_TRUE(watcher.out().contains(R"("kind":"changed","path":"light/intensity")")) << watcher.out().toStdString();
+
+  // A value the existing attribute cannot take changes nothing.
+  auto wrong = run({"set", address, "light/intensity=bright"});
+  EXPECT_EQ(status, 1);
+  EXPECT_EQ(wrong->err().toStdString(), "plexa set: light/intensity: 'bright' is not a float value (illegal number)\n");
+  wrong = run({"set", address, "light/intensity:int=1"});
+  EXPECT_EQ(status, 1);
+  EXPECT_EQ(wrong->err().toStdString(), "plexa set: light/intensity is a float on the peer, not a int\n");
+
+  // Ctrl-C ends watch and serve cleanly.
+  watcher.interrupt();
+  EXPECT_EQ(watcher.finish(), 0);
+  server->interrupt();
+  EXPECT_EQ(server->finish(), 0);
+  EXPECT_TRUE(server->out().endsWith("stopping\n")) << server->out().toStdString();
+}
+
+TEST_F(CliEndToEnd, FetchedFilesHaveTheChecksumsOfTheOriginals)
+{
+  const QString share = work.filePath("share");
+  const QString into = work.filePath("into");
+  ASSERT_TRUE(writeFile(share + "/big.bin", randomBytes(1500000)));
+  ASSERT_TRUE(writeFile(share + "/deep/er/small.txt", "hello\n"));
+  ASSERT_TRUE(writeFile(share + "/empty", QByteArray()));
+  std::unique_ptr<Plexa> server;
+  const QString address = serve(server, {"--share", share});
+  ASSERT_FALSE(address.isEmpty()) << server->err().toStdString();
+
+  auto fetch = run({"fetch", address, "/big.bin", "deep/er/small.txt", "/empty", "--into", into});
+  EXPECT_EQ(status, 0) << fetch->err().toStdString();
+  for (const QString path : {"/big.bin", "/deep/er/small.txt", "/empty"}) {
+    const QString original = md5sum(share + path);
+    ASSERT_EQ(original.size(), 32);
+    EXPECT_EQ(md5sum(into + path), original) << path.toStdString();
+    EXPECT_TRUE(fetch->out().contains(QString("%1: ").arg(path))) << fetch->out().toStdString();
+    EXPECT_TRUE(fetch->out().contains(QString("verified, md5 %1, saved as %2").arg(original, into + path)));
+  }
+  // Nothing of the staging folder is left.
+  EXPECT_EQ(QDir(into).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), (QStringList{"big.bin", "deep", "empty"}));
+}
+
+TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
+{
+  auto p = run({"dump", "localhost"});
+  EXPECT_EQ(status, 2);
+  EXPECT_EQ(p->err().toStdString(), "plexa dump: malformed address 'localhost': missing ':PORT' (expected HOST:PORT, e.g. 127.0.0.1:5000)\n");
+  p = run({"watch", "127.0.0.1:99999"});
+  EXPECT_EQ(status, 2);
+  EXPECT_TRUE(p->err().startsWith("plexa watch: malformed address '127.0.0.1:99999': port '99999'")) << p->err().toStdString();
+  p = run({"frobnicate"});
+  EXPECT_EQ(status, 2);
+  EXPECT_EQ(p->err().toStdString(), "plexa: unknown command 'frobnicate' (commands: demo, serve, watch, set, dump, fetch; see plexa --help)\n");
+  p = run({"set", "127.0.0.1:1", "x:flaot=1"});
+  EXPECT_EQ(status, 2);
+  EXPECT_TRUE(p->err().startsWith("plexa set: unknown type 'flaot' in 'x:flaot=1'")) << p->err().toStdString();
+  p = run({"dump", "127.0.0.1:1", "--timeout", "soon"});
+  EXPECT_EQ(status, 2);
+  EXPECT_EQ(p->err().toStdString(), "plexa dump: --timeout takes a number of seconds above 0, not 'soon'\n");
+
+  // A bad tree: where in the file, and nothing is served.
+  const QString bad = work.filePath("bad.json");
+  ASSERT_TRUE(writeFile(bad, "{\n  \"a\": 1,\n  \"b\": ?\n}\n"));
+  p = run({"serve", "--tree", bad, "--listen", "127.0.0.1:0"});
+  EXPECT_EQ(status, 1);
+  EXPECT_TRUE(p->err().startsWith("plexa serve: " + bad + ":3:8: ")) << p->err().toStdString();
+  EXPECT_EQ(p->err().count('\n'), 1);
+  EXPECT_EQ(p->out().toStdString(), "");
+
+  // A port in use: said at once, no retrying unless asked.
+  std::unique_ptr<Plexa> server;
+  const QString address = serve(server, {"--share", work.path()});
+  ASSERT_FALSE(address.isEmpty());
+  p = run({"serve", "--listen", address});
+  EXPECT_EQ(status, 1);
+  EXPECT_TRUE(p->err().startsWith(QString("plexa serve: cannot listen on %1: Address already in use").arg(address)))
+    << p->err().toStdString();
+  EXPECT_EQ(p->err().count('\n'), 1);
+
+  // A file the peer does not have: it never answers, so the fetch gives up after the timeout.
+  p = run({"fetch", address, "/missing.txt", "--timeout", "1", "--into", work.filePath("into")});
+  EXPECT_EQ(status, 1);
+  EXPECT_TRUE(p->err().endsWith("plexa fetch: /missing.txt: the peer did not answer within 1 s; it does not have this "
+                                "file (or shares no folder)\n"))
+    << p->err().toStdString();
+
+  // An unreachable peer: the countdown to the next attempt, then the end after the timeout.
+  const int port = closedPort();
+  ASSERT_NE(port, 0);
+  QElapsedTimer clock;
+  clock.start();
+  p = run({"dump", QString("127.0.0.1:%1").arg(port), "--timeout", "2.5"});
+  EXPECT_EQ(status, 1);
+  EXPECT_GE(clock.elapsed(), 2400);
+  EXPECT_TRUE(p->err().contains(QString("cannot reach 127.0.0.1:%1 yet; next attempt in ").arg(port))) << p->err().toStdString();
+  EXPECT_TRUE(p->err().endsWith(QString("plexa dump: could not connect to 127.0.0.1:%1 within 2.5 s (is plexa serve "
+                                        "running there, with the same shared key?)\n")
+                                  .arg(port)))
+    << p->err().toStdString();
+}
+
+TEST_F(CliEndToEnd, CtrlCEndsCommandsAndRemovesTemporaryFiles)
+{
+  std::unique_ptr<Plexa> server;
+  const QString address = serve(server, {"--share", work.path()});
+  ASSERT_FALSE(address.isEmpty());
+
+  // A fetch waiting for an answer that does not come: its staging folder is there until Ctrl-C.
+  const QString into = work.filePath("into");
+  Plexa fetch(home, {"fetch", address, "/missing.bin", "--timeout", "60", "--into", into});
+  QElapsedTimer clock;
+  clock.start();
+  // The folder appears once the fetch runs; polled with a deadline, as it prints nothing.
+  while (QDir(into).entryList(QDir::Hidden | QDir::Dirs | QDir::NoDotAndDotDot).isEmpty() && clock.elapsed() < WaitMs)
+    fetch.waitForLine("^$", 20);
+  ASSERT_EQ(QDir(into).entryList(QDir::Hidden | QDir::Dirs | QDir::NoDotAndDotDot).size(), 1);
+  fetch.interrupt();
+  EXPECT_EQ(fetch.finish(), 130);
+  EXPECT_EQ(fetch.err().toStdString(), "plexa fetch: interrupted; temporary files removed\n");
+  EXPECT_TRUE(QDir(into).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).isEmpty());
+
+  // A client still trying to connect, once it shows its countdown.
+  Plexa dump(home, {"dump", QString("127.0.0.1:%1").arg(closedPort()), "--timeout", "60"});
+  ASSERT_FALSE(dump.waitForLine("^cannot reach", WaitMs, QProcess::StandardError).isEmpty());
+  dump.interrupt();
+  EXPECT_EQ(dump.finish(5000), 130);
+
+  server->interrupt();
+  EXPECT_EQ(server->finish(), 0);
+}
+
+TEST_F(CliEndToEnd, TheDemoPasses)
+{
+  auto demo = run({"demo", "--seconds", "1"});
+  EXPECT_EQ(status, 0) << demo->out().toStdString() << demo->err().toStdString();
+  EXPECT_TRUE(demo->out().contains(QRegularExpression("trees identical +yes"))) << demo->out().toStdString();
+  EXPECT_TRUE(demo->out().contains(QRegularExpression("files verified +3 of 3")));
+  EXPECT_TRUE(demo->out().contains(QRegularExpression("sliced event +\\d+ bytes in \\d+ slices, intact")));
+  EXPECT_TRUE(demo->out().contains(QRegularExpression("median round trip +\\d+\\.\\d+ ms")));
+}
