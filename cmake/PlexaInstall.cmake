@@ -32,5 +32,8 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/PlexaConfigVersion.cmake
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/PlexaConfig.cmake ${CMAKE_BINARY_DIR}/PlexaConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Plexa)
+# The .pc file finds its prefix relative to itself, so a staged install (--prefix) works too.
+file(RELATIVE_PATH PLEXA_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" PLEXA_PC_TO_PREFIX "${PLEXA_PC_TO_PREFIX}")
 configure_file(${CMAKE_SOURCE_DIR}/cmake/plexa.pc.in ${CMAKE_BINARY_DIR}/plexa.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/plexa.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
