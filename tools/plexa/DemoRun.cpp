@@ -318,10 +318,10 @@ namespace Plexa
       {
         say("client", QString("fetches %1 files from the server's shared folder").arg(sharedFiles.size()));
         report.files = int(sharedFiles.size());
-        int pending = report.files;
+        pendingFetches = report.files;
         for (const SharedFile& file : sharedFiles) {
-          client->fetch(file.path, timeoutMs, [this, &pending, file](const QString& path, FetchResult result) {
-            --pending;
+          client->fetch(file.path, timeoutMs, [this, file](const QString& path, FetchResult result) {
+            --pendingFetches;
             QFile got(inboxDir + path);
             const bool read = result == FetchResult::Verified && got.open(QIODevice::ReadOnly);
             const bool same = read && md5(got.readAll()) == file.md5;
@@ -331,7 +331,7 @@ namespace Plexa
                                : QString("could not fetch %1 intact").arg(path));
           });
         }
-        pump([&] { return pending == 0; }, timeoutMs * 2);
+        pump([&] { return pendingFetches == 0; }, timeoutMs * 2);
         return !interrupted;
       }
 
@@ -372,6 +372,8 @@ namespace Plexa
       bool clientAdded = false;
       bool snapshotSent = false;
       bool snapshotIntact = false;
+      /// Fetches not ended yet (a member: a fetch may end after `fetchFiles` gave up on it).
+      int pendingFetches = 0;
       QByteArray snapshot;
       bool interrupted = false;
     };

@@ -1,15 +1,10 @@
 #include "DumpCommand.hpp"
 
-#include "AddressArgument.hpp"
 #include "AttributeJson.hpp"
-#include "ClientConnection.hpp"
 #include "Console.hpp"
-#include "Interrupt.hpp"
 #include "MirrorNode.hpp"
 #include "TreeJson.hpp"
 #include "WatchFormat.hpp"
-
-#include "plexa/app/Peer.hpp"
 
 namespace Plexa
 {
@@ -62,33 +57,18 @@ namespace Plexa
       parser.addPositionalArgument("HOST:PORT", "Address of the peer.");
     }
 
-    int DumpCommand::run(const QCommandLineParser& parser)
+    int DumpCommand::prepare(const QCommandLineParser& parser, const QStringList&)
     {
-      const QStringList positional = parser.positionalArguments();
-      if (positional.size() != 1)
-        return fail(ExitUsage, "takes one HOST:PORT (see plexa dump --help)");
-      AddressArgument address;
-      QString error;
-      if (!AddressArgument::parse(positional.at(0), false, address, &error))
-        return fail(ExitUsage, error);
+      m_json = parser.isSet("json");
+      return ExitOk;
+    }
 
-      Interrupt interrupt;
-      MirrorNode mirror("tree");
-      Peer peer(mirror);
-      ClientConnection connection(peer, address, console);
-      switch (connection.connectAndMirror(timeoutSeconds(), &error)) {
-      case ClientConnection::Mirrored:
-        break;
-      case ClientConnection::TimedOut:
-        return fail(ExitFailure, error);
-      case ClientConnection::Interrupted:
-        return ExitInterrupted;
-      }
-      if (parser.isSet("json"))
+    int DumpCommand::connected(MirrorNode& mirror, Peer&)
+    {
+      if (m_json)
         console.outBytes(TreeJson::saveText(mirror));
       else
         listAttributes(mirror, QString(), console);
-      connection.finish();
       return ExitOk;
     }
   }

@@ -1,22 +1,29 @@
 #pragma once
 
-#include "Command.hpp"
+#include "ClientCommand.hpp"
 
 namespace Plexa
 {
   namespace Cli
   {
-    class DumpCommand : public Command
+    /// `plexa dump HOST:PORT [--json]`: the peer's tree once, as lines or as a tree file.
+    class DumpCommand : public ClientCommand
     {
     public:
-      using Command::Command;
+      using ClientCommand::ClientCommand;
 
       QString name() const override { return "dump"; }
       QString summary() const override;
       QString arguments() const override;
       QString description() const override;
       void addOptions(QCommandLineParser& parser) override;
-      int run(const QCommandLineParser& parser) override;
+
+    protected:
+      int prepare(const QCommandLineParser& parser, const QStringList& arguments) override;
+      int connected(MirrorNode& mirror, Peer& peer) override;
+
+    private:
+      bool m_json = false;
     };
   }
 }

@@ -1,10 +1,7 @@
 #include "FetchCommand.hpp"
 
-#include "AddressArgument.hpp"
-#include "ClientConnection.hpp"
 #include "Console.hpp"
 #include "Interrupt.hpp"
-#include "MirrorNode.hpp"
 #include "ProgressBar.hpp"
 
 #include "plexa/app/Peer.hpp"
@@ -16,7 +13,6 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
-#include <map>
 
 namespace Plexa
 {
@@ -83,105 +79,108 @@ namespace Plexa
                                    "/remote/path...");
     }
 
-    int FetchCommand::run(const QCommandLineParser& parser)
+    int FetchCommand::prepare(const QCommandLineParser& parser, const QStringList& arguments)
     {
-      const QStringList positional = parser.positionalArguments();
-      if (positional.size() < 2)
-        return fail(ExitUsage, "takes HOST:PORT and at least one /remote/path (see plexa fetch --help)");
-      AddressArgument address;
-      QString error;
-      if (!AddressArgument::parse(positional.at(0), false, address, &error))
-        return fail(ExitUsage, error);
-      QStringList paths;
-      for (QString path : positional.mid(1)) {
-        if (!path.startsWith('/'))
-          path.prepend('/');
+      m_paths.clear();
+      for (const QString& argument : arguments) {
+        const QString path = argument.startsWith('/') ? argument : "/" + argument;
         const QStringList parts = path.mid(1).split('/');
         if (parts.contains(QString()) || parts.contains("..") || parts.contains("."))
-          return fail(ExitUsage, QString("'%1' is not a path inside the peer's shared folder").arg(positional.at(paths.size() + 1)));
-        if (!paths.contains(path))
-          paths << path;
+          return fail(ExitUsage, QString("'%1' is not a path inside the peer's shared folder").arg(argument));
+        if (!m_paths.contains(path))
+          m_paths << path;
       }
-      const QString into = QDir::cleanPath(QFileInfo(parser.value("into")).absoluteFilePath());
-      if (!QDir().mkpath(into))
-        return fail(ExitFailure, QString("cannot create the folder %1").arg(into));
+      m_into = QDir::cleanPath(QFileInfo(parser.value("into")).absoluteFilePath());
+      if (!QDir().mkpath(m_into))
+        return fail(ExitFailure, QString("cannot create the folder %1").arg(m_into));
+      return ExitOk;
+    }
+
+    int FetchCommand::setUp(PeerOptions& options)
+    {
       // Downloads land in a staging folder next to their place (same file system, so moving them
-      // is a rename); it goes with everything in it when the command ends, also on Ctrl-C, which
-      // is caught from before the folder exists.
-      Interrupt interrupt;
-      QTemporaryDir staging(into + "/.plexa-fetch-XXXXXX");
-      if (!staging.isValid())
-        return fail(ExitFailure, QString("cannot write into %1: %2").arg(into, staging.errorString()));
+      // is a rename); it goes with everything in it when the command ends, also on Ctrl-C.
+      m_staging.reset(new QTemporaryDir(m_into + "/.plexa-fetch-XXXXXX"));
+      if (!m_staging->isValid())
+        return fail(ExitFailure, QString("cannot write into %1: %2").arg(m_into, m_staging->errorString()));
+      options.fileRoot = m_staging->path();
+      return ExitOk;
+    }
 
-      MirrorNode mirror("tree");
-      PeerOptions options;
-      options.fileRoot = staging.path();
-      Peer peer(mirror, options);
-      peer.waitForFileList(timeoutMs());
-      ClientConnection connection(peer, address, console);
-      switch (connection.connectAndMirror(timeoutSeconds(), &error)) {
-      case ClientConnection::Mirrored:
+    int FetchCommand::interruptedWhileConnecting()
+    {
+      return fail(ExitInterrupted, "interrupted; temporary files removed");
+    }
+
+    void FetchCommand::done(MirrorNode&)
+    {
+      m_staging.reset();
+    }
+
+    double FetchCommand::now() const
+    {
+      return double(m_clock.nsecsElapsed()) / 1e9;
+    }
+
+    void FetchCommand::show(const QString& text)
+    {
+      if (text.endsWith('\n'))
+        console.outBytes(text.toUtf8());
+      else if (!text.isEmpty())
+        console.outInPlace(text);
+    }
+
+    void FetchCommand::fetched(const QString& path, FetchResult result)
+    {
+      --m_pending;
+      QString why;
+      switch (result) {
+      case FetchResult::Verified: {
+        const QString target = m_into + path;
+        if (moveIntoPlace(m_staging->path() + path, target, why)) {
+          ++m_verified;
+          show(m_progress->finish(path, QString("verified, md5 %1, saved as %2").arg(md5Of(target), target), now()));
+          return;
+        }
+        show(m_progress->finish(path, "verified, but not saved", now()));
         break;
-      case ClientConnection::TimedOut:
-        return fail(ExitFailure, error);
-      case ClientConnection::Interrupted:
-        return fail(ExitInterrupted, "interrupted; temporary files removed");
       }
+      case FetchResult::Failed:
+        why = "the download failed (checksum mismatch, or the connection ended)";
+        show(m_progress->finish(path, "failed", now()));
+        break;
+      case FetchResult::TimedOut:
+        why = QString("the peer did not answer within %1 s; it does not have this file (or shares no folder)")
+                .arg(timeoutSeconds());
+        show(m_progress->clear());
+        break;
+      }
+      fail(ExitFailure, QString("%1: %2").arg(path, why));
+    }
 
-      QElapsedTimer clock;
-      clock.start();
-      const auto now = [&clock] { return double(clock.nsecsElapsed()) / 1e9; };
-      ProgressBar progress(console.outIsTerminal(), console.columns());
-      const auto show = [&](const QString& text) {
-        if (text.endsWith('\n'))
-          console.outBytes(text.toUtf8());
-        else if (!text.isEmpty())
-          console.outInPlace(text);
-      };
-      peer.setFetchProgressCallback([&](const QString& path, int64_t done, int64_t total) {
-        show(progress.update(path, done, total, now()));
+    int FetchCommand::connected(MirrorNode&, Peer& peer)
+    {
+      // The callbacks use members only: a fetch still running when the command stops early may
+      // call back until the peer is gone, and the command outlives the peer.
+      m_clock.start();
+      m_progress.reset(new ProgressBar(console.outIsTerminal(), console.columns()));
+      m_pending = int(m_paths.size());
+      m_verified = 0;
+      peer.setFetchProgressCallback([this](const QString& path, int64_t done, int64_t total) {
+        show(m_progress->update(path, done, total, now()));
       });
-
-      int pending = int(paths.size());
-      int verified = 0;
-      for (const QString& path : paths) {
-        progress.update(path, 0, 0, now());
-        peer.fetch(path, timeoutMs(), [&](const QString& got, FetchResult result) {
-          --pending;
-          QString why;
-          switch (result) {
-          case FetchResult::Verified: {
-            const QString target = into + got;
-            if (moveIntoPlace(staging.path() + got, target, why)) {
-              ++verified;
-              show(progress.finish(got, QString("verified, md5 %1, saved as %2").arg(md5Of(target), target), now()));
-              return;
-            }
-            show(progress.finish(got, "verified, but not saved", now()));
-            break;
-          }
-          case FetchResult::Failed:
-            why = "the download failed (checksum mismatch, or the connection ended)";
-            show(progress.finish(got, "failed", now()));
-            break;
-          case FetchResult::TimedOut:
-            why = QString("the peer did not answer within %1 s; it does not have this file (or shares no folder)")
-                    .arg(timeoutSeconds());
-            show(progress.clear());
-            break;
-          }
-          fail(ExitFailure, QString("%1: %2").arg(got, why));
-        });
+      for (const QString& path : m_paths) {
+        m_progress->update(path, 0, 0, now());
+        peer.fetch(path, timeoutMs(), [this](const QString& got, FetchResult result) { fetched(got, result); });
       }
-      while (pending > 0) {
+      while (m_pending > 0) {
         if (Interrupt::requested()) {
-          show(progress.clear());
+          show(m_progress->clear());
           return fail(ExitInterrupted, "interrupted; temporary files removed");
         }
         peer.waitAndUpdate(PollMs);
       }
-      connection.finish();
-      return verified == paths.size() ? ExitOk : ExitFailure;
+      return m_verified == m_paths.size() ? ExitOk : ExitFailure;
     }
   }
 }

@@ -1,8 +1,6 @@
 #include "SetCommand.hpp"
 
-#include "AddressArgument.hpp"
 #include "AttributeJson.hpp"
-#include "ClientConnection.hpp"
 #include "Console.hpp"
 #include "Interrupt.hpp"
 #include "MirrorNode.hpp"
@@ -68,43 +66,29 @@ namespace Plexa
       parser.addPositionalArgument("PATH[:TYPE]=VALUE", "Values to set.", "PATH[:TYPE]=VALUE...");
     }
 
-    int SetCommand::run(const QCommandLineParser& parser)
+    int SetCommand::prepare(const QCommandLineParser& parser, const QStringList& arguments)
     {
-      const QStringList positional = parser.positionalArguments();
-      if (positional.size() < 2)
-        return fail(ExitUsage, "takes HOST:PORT and at least one PATH=VALUE (see plexa set --help)");
-      AddressArgument address;
-      QString error;
-      if (!AddressArgument::parse(positional.at(0), false, address, &error))
-        return fail(ExitUsage, error);
       const QString defaultType = parser.value("type");
       if (!defaultType.isEmpty() && !AttributeJson::isTypeName(defaultType))
         return fail(ExitUsage, QString("unknown type '%1' (known types: %2)")
                                  .arg(defaultType, AttributeJson::typeNames().join(", ")));
-      std::vector<Assignment> assignments;
-      for (const QString& argument : positional.mid(1)) {
+      m_assignments.clear();
+      for (const QString& argument : arguments) {
         Assignment a;
+        QString error;
         if (!ValueText::parseAssignment(argument, defaultType, a, &error))
           return fail(ExitUsage, error);
-        assignments.push_back(a);
+        m_assignments.push_back(a);
       }
+      return ExitOk;
+    }
 
-      Interrupt interrupt;
-      MirrorNode mirror("tree");
-      Peer peer(mirror);
-      ClientConnection connection(peer, address, console);
-      switch (connection.connectAndMirror(timeoutSeconds(), &error)) {
-      case ClientConnection::Mirrored:
-        break;
-      case ClientConnection::TimedOut:
-        return fail(ExitFailure, error);
-      case ClientConnection::Interrupted:
-        return ExitInterrupted;
-      }
-
+    int SetCommand::connected(MirrorNode& mirror, Peer& peer)
+    {
       // Every value is checked against the mirrored tree before any is set: all or nothing.
+      QString error;
       std::vector<Change> changes;
-      for (const Assignment& a : assignments) {
+      for (const Assignment& a : m_assignments) {
         Change change;
         change.path = a.path;
         const QString path = QString::fromUtf8(a.path);
@@ -145,11 +129,26 @@ namespace Plexa
         }
       }
 
+      const bool confirmed = waitUntilApplied(mirror, peer, error);
+      if (!error.isEmpty())
+        return fail(Interrupt::requested() ? ExitInterrupted : ExitFailure, error);
+      for (const Change& change : changes) {
+        const Carafe::Attribute* applied = TreePath::find(mirror, change.path);
+        const QJsonValue value = applied ? AttributeJson::value(*applied) : change.value;
+        console.out(QString("%1 (%2) = %3").arg(QString::fromUtf8(change.path), change.type, WatchFormat::compact(value)));
+      }
+      if (!confirmed)
+        warn(QString("%1 did not confirm the values (not a plexa serve?); they were sent").arg(address().toString()));
+      return ExitOk;
+    }
+
+    bool SetCommand::waitUntilApplied(MirrorNode& mirror, Peer& peer, QString& error)
+    {
       // The values go out at the next update, then a sync request; plexa serve answers it once it
       // applied everything before it.
       const int32_t token = int32_t(QRandomGenerator::global()->generate() & 0x7fffffff);
       bool confirmed = false;
-      mirror.eventAddListener(SyncEvents::Reply, [&](Bastion::BinaryData& data) {
+      const long listener = mirror.eventAddListener(SyncEvents::Reply, [&](Bastion::BinaryData& data) {
         int32_t got = 0;
         confirmed = confirmed || (data.readInt32(got) && got == token);
       });
@@ -164,29 +163,28 @@ namespace Plexa
       QElapsedTimer quiet;
       quiet.start();
       while (!confirmed) {
-        if (Interrupt::requested())
-          return ExitInterrupted;
-        if (peer.sessionCount() == 0)
-          return fail(ExitFailure, QString("the connection to %1 ended before the values were confirmed").arg(address.toString()));
+        if (Interrupt::requested()) {
+          error = "interrupted; the values may or may not have reached the peer";
+          break;
+        }
+        if (peer.sessionCount() == 0) {
+          error = QString("the connection to %1 ended before the values were confirmed").arg(address().toString());
+          break;
+        }
         if (peer.txBytes() != txSeen) {
           txSeen = peer.txBytes();
           quiet.restart();
         }
         if (txSeen != txBefore && quiet.elapsed() >= QuietMs)
           break;
-        if (clock.elapsed() >= timeoutMs())
-          return fail(ExitFailure, QString("the values could not be sent to %1 within %2 s").arg(address.toString()).arg(timeoutSeconds()));
+        if (clock.elapsed() >= timeoutMs()) {
+          error = QString("the values could not be sent to %1 within %2 s").arg(address().toString()).arg(timeoutSeconds());
+          break;
+        }
         peer.waitAndUpdate(PollMs);
       }
-      for (const Change& change : changes) {
-        const Carafe::Attribute* applied = TreePath::find(mirror, change.path);
-        const QJsonValue value = applied ? AttributeJson::value(*applied) : change.value;
-        console.out(QString("%1 (%2) = %3").arg(QString::fromUtf8(change.path), change.type, WatchFormat::compact(value)));
-      }
-      connection.finish();
-      if (!confirmed)
-        warn(QString("%1 did not confirm the values (not a plexa serve?); they were sent").arg(address.toString()));
-      return ExitOk;
+      mirror.eventRemoveListener(listener);
+      return confirmed;
     }
   }
 }

@@ -1,22 +1,41 @@
 #pragma once
 
-#include "Command.hpp"
+#include "ClientCommand.hpp"
+
+#include "ValueText.hpp"
+
+#include <vector>
 
 namespace Plexa
 {
   namespace Cli
   {
-    class SetCommand : public Command
+    /// `plexa set HOST:PORT PATH[:TYPE]=VALUE...`: checks every value against the mirrored tree,
+    /// sets them all, and waits until the peer confirms (or, a peer that does not answer, until
+    /// they were written).
+    class SetCommand : public ClientCommand
     {
     public:
-      using Command::Command;
+      using ClientCommand::ClientCommand;
 
       QString name() const override { return "set"; }
       QString summary() const override;
       QString arguments() const override;
       QString description() const override;
       void addOptions(QCommandLineParser& parser) override;
-      int run(const QCommandLineParser& parser) override;
+
+    protected:
+      int minArguments() const override { return 1; }
+      int maxArguments() const override { return -1; }
+      int prepare(const QCommandLineParser& parser, const QStringList& arguments) override;
+      int connected(MirrorNode& mirror, Peer& peer) override;
+
+    private:
+      /// Drives the peer until the values are applied (true: confirmed) or sent (false); sets
+      /// `error` when neither happened.
+      bool waitUntilApplied(MirrorNode& mirror, Peer& peer, QString& error);
+
+      std::vector<Assignment> m_assignments;
     };
   }
 }

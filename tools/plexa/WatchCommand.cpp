@@ -1,12 +1,9 @@
 #include "WatchCommand.hpp"
 
-#include "AddressArgument.hpp"
-#include "ClientConnection.hpp"
 #include "Console.hpp"
 #include "Interrupt.hpp"
 #include "MirrorNode.hpp"
 #include "SyncEvents.hpp"
-#include "WatchFormat.hpp"
 
 #include "plexa/app/Peer.hpp"
 
@@ -63,73 +60,64 @@ namespace Plexa
       parser.addPositionalArgument("HOST:PORT", "Address of the peer.");
     }
 
-    int WatchCommand::run(const QCommandLineParser& parser)
+    int WatchCommand::prepare(const QCommandLineParser& parser, const QStringList&)
     {
-      const QStringList positional = parser.positionalArguments();
-      if (positional.size() != 1)
-        return fail(ExitUsage, "takes one HOST:PORT (see plexa watch --help)");
-      AddressArgument address;
-      QString error;
-      if (!AddressArgument::parse(positional.at(0), false, address, &error))
-        return fail(ExitUsage, error);
-      const bool json = parser.isSet("json");
+      m_json = parser.isSet("json");
+      return ExitOk;
+    }
 
-      Interrupt interrupt;
-      // Declared before the mirror, which reports its contents as removed when it goes: by then
-      // `silent` is set and nothing more is printed.
-      bool silent = false;
-      const auto print = [&](const WatchEvent& event) {
-        const QDateTime now = QDateTime::currentDateTime();
-        if (silent)
-          return;
-        if (json)
-          console.outBytes(WatchFormat::jsonLine(event, now));
-        else
-          console.out(WatchFormat::readable(event, now));
-      };
-      MirrorNode mirror("tree");
-      struct Silence
-      {
-        bool& silent;
-        ~Silence() { silent = true; }
-      } silenceAtEnd{silent};
-      mirror.addAttributeChangeListener([&](const NodeWatcher::Event& e) {
+    void WatchCommand::print(const WatchEvent& event)
+    {
+      const QDateTime now = QDateTime::currentDateTime();
+      if (m_json)
+        console.outBytes(WatchFormat::jsonLine(event, now));
+      else
+        console.out(WatchFormat::readable(event, now));
+    }
+
+    void WatchCommand::beforeConnecting(MirrorNode& mirror, Peer& peer)
+    {
+      m_listener = mirror.addAttributeChangeListener([this, &mirror](const NodeWatcher::Event& e) {
         QByteArray path;
         mirror.symbolRegistry().lookup(e.symbol, path);
         print(WatchFormat::attributeEvent(kindOf(e.type), QString::fromUtf8(path), mirror.attributeCache().find(e.symbol)));
       });
-      mirror.setRemoteEventCallback([&](const QByteArray& name, const Bastion::BinaryData& data) {
+      mirror.setRemoteEventCallback([this](const QByteArray& name, const Bastion::BinaryData& data) {
         // The answers plexa serve gives plexa set reach every session; they are no news here.
         if (name != SyncEvents::Reply && name != SyncEvents::Request)
           print(WatchFormat::remoteEvent(name, data));
       });
-
-      Peer peer(mirror);
-      peer.setConnectionCallback([&](const QString&, bool connected) {
+      peer.setConnectionCallback([this](const QString&, bool connected) {
         WatchEvent event;
         event.kind = connected ? WatchEvent::Connected : WatchEvent::Disconnected;
-        event.name = address.toString();
+        event.name = address().toString();
         print(event);
       });
-      ClientConnection connection(peer, address, console);
-      switch (connection.connectAndMirror(timeoutSeconds(), &error)) {
-      case ClientConnection::Mirrored:
-        break;
-      case ClientConnection::TimedOut:
-        return fail(ExitFailure, error);
-      case ClientConnection::Interrupted:
-        return ExitOk;
-      }
-      peer.setRetryCallback([&](double secondsLeft) {
+    }
+
+    int WatchCommand::connected(MirrorNode&, Peer& peer)
+    {
+      peer.setRetryCallback([this](double secondsLeft) {
         console.status(QString("connection to %1 lost; next attempt in %2 s")
-                         .arg(address.toString())
+                         .arg(address().toString())
                          .arg(int(std::ceil(secondsLeft))));
       });
       // Until Ctrl-C, or until nobody reads the output any more.
       while (!Interrupt::requested() && !console.outputBroken())
         peer.waitAndUpdate(PollMs);
-      connection.finish();
       return ExitOk;
+    }
+
+    int WatchCommand::interruptedWhileConnecting()
+    {
+      return ExitOk;
+    }
+
+    void WatchCommand::done(MirrorNode& mirror)
+    {
+      // The mirror reports its contents as removed when it goes: that is no news from the peer.
+      mirror.removeAttributeChangeListener(m_listener);
+      mirror.setRemoteEventCallback(MirrorNode::RemoteEventCallback());
     }
   }
 }

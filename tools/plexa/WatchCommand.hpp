@@ -1,22 +1,38 @@
 #pragma once
 
-#include "Command.hpp"
+#include "ClientCommand.hpp"
+
+#include "WatchFormat.hpp"
 
 namespace Plexa
 {
   namespace Cli
   {
-    class WatchCommand : public Command
+    /// `plexa watch HOST:PORT [--json]`: every addition, change, removal and event of the peer's
+    /// tree as it arrives, until Ctrl-C or until nobody reads the output.
+    class WatchCommand : public ClientCommand
     {
     public:
-      using Command::Command;
+      using ClientCommand::ClientCommand;
 
       QString name() const override { return "watch"; }
       QString summary() const override;
       QString arguments() const override;
       QString description() const override;
       void addOptions(QCommandLineParser& parser) override;
-      int run(const QCommandLineParser& parser) override;
+
+    protected:
+      int prepare(const QCommandLineParser& parser, const QStringList& arguments) override;
+      void beforeConnecting(MirrorNode& mirror, Peer& peer) override;
+      int interruptedWhileConnecting() override;
+      void done(MirrorNode& mirror) override;
+      int connected(MirrorNode& mirror, Peer& peer) override;
+
+    private:
+      void print(const WatchEvent& event);
+
+      bool m_json = false;
+      long m_listener = -1;
     };
   }
 }

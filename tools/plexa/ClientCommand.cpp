@@ -1,0 +1,73 @@
+#include "ClientCommand.hpp"
+
+#include "ClientConnection.hpp"
+#include "Interrupt.hpp"
+#include "MirrorNode.hpp"
+
+namespace Plexa
+{
+  namespace Cli
+  {
+    int ClientCommand::prepare(const QCommandLineParser&, const QStringList&)
+    {
+      return ExitOk;
+    }
+
+    int ClientCommand::setUp(PeerOptions&)
+    {
+      return ExitOk;
+    }
+
+    void ClientCommand::beforeConnecting(MirrorNode&, Peer&) {}
+
+    int ClientCommand::interruptedWhileConnecting()
+    {
+      return ExitInterrupted;
+    }
+
+    void ClientCommand::done(MirrorNode&) {}
+
+    int ClientCommand::run(const QCommandLineParser& parser)
+    {
+      const QStringList positional = parser.positionalArguments();
+      const int count = int(positional.size()) - 1;
+      if (count < minArguments() || (maxArguments() >= 0 && count > maxArguments()))
+        return fail(ExitUsage, QString("takes %1 (see plexa %2 --help)").arg(arguments(), name()));
+      QString error;
+      if (!AddressArgument::parse(positional.at(0), false, m_address, &error))
+        return fail(ExitUsage, error);
+      int status = prepare(parser, positional.mid(1));
+      if (status != ExitOk)
+        return status;
+
+      Interrupt interrupt;
+      PeerOptions options;
+      status = setUp(options);
+      if (status != ExitOk)
+        return status;
+      MirrorNode mirror("tree");
+      {
+        Peer peer(mirror, options);
+        // The file list of this side's (empty or staging) root: quick, and needed before fetching.
+        if (!options.fileRoot.isEmpty())
+          peer.waitForFileList(timeoutMs());
+        beforeConnecting(mirror, peer);
+        ClientConnection connection(peer, m_address, console);
+        switch (connection.connectAndMirror(timeoutSeconds(), &error)) {
+        case ClientConnection::Mirrored:
+          status = connected(mirror, peer);
+          connection.finish();
+          break;
+        case ClientConnection::TimedOut:
+          status = fail(ExitFailure, error);
+          break;
+        case ClientConnection::Interrupted:
+          status = interruptedWhileConnecting();
+          break;
+        }
+      }
+      done(mirror);
+      return status;
+    }
+  }
+}
