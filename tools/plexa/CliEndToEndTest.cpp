@@ -29,7 +29,7 @@ namespace
   class Plexa
   {
   public:
-    Plexa(const QTemporaryDir& home, const QStringList& arguments)
+    Plexa(const QTemporaryDir& home, const QStringList& arguments, const QString& sharedKey = QString())
     {
       QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
       environment.insert("HOME", home.path());
@@ -37,6 +37,8 @@ namespace
       environment.insert("XDG_DATA_HOME", home.path() + "/data");
       environment.insert("XDG_CACHE_HOME", home.path() + "/cache");
       environment.remove("PLEXA_SHARED_KEY");
+      if (!sharedKey.isEmpty())
+        environment.insert("PLEXA_SHARED_KEY", sharedKey);
       environment.remove("BASTION_LOG_LEVEL");
       m_process.setProcessEnvironment(environment);
       m_process.start(PLEXA_PROGRAM, arguments);
@@ -133,12 +135,12 @@ namespace
   {
   protected:
     /// Starts `plexa serve` on a free port with `arguments`; its address.
-    QString serve(std::unique_ptr<Plexa>& server, QStringList arguments)
+    QString serve(std::unique_ptr<Plexa>& server, QStringList arguments, const QString& sharedKey = QString())
     {
       arguments.prepend("serve");
       arguments << "--listen"
                 << "127.0.0.1:0";
-      server.reset(new Plexa(home, arguments));
+      server.reset(new Plexa(home, arguments, sharedKey));
       const QString port = server->waitForLine("^listening on 127\\.0\\.0\\.1:(\\d+)$");
       return port.isEmpty() ? QString() : "127.0.0.1:" + port;
     }
@@ -289,6 +291,21 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
                                         "running there, with the same shared key?)\n")
                                   .arg(port)))
     << p->err().toStdString();
+}
+
+TEST_F(CliEndToEnd, ADeploymentKeyMustBeTheSameOnBothEnds)
+{
+  std::unique_ptr<Plexa> server;
+  const QString address = serve(server, {}, "deployment key");
+  ASSERT_FALSE(address.isEmpty());
+  auto dump = run({"dump", address, "--timeout", "1.5"});
+  EXPECT_EQ(status, 1);
+  EXPECT_TRUE(dump->err().endsWith(QString("plexa dump: could not connect to %1 within 1.5 s (is plexa serve running "
+                                           "there, with the same shared key?)\n")
+                                     .arg(address)))
+    << dump->err().toStdString();
+  dump = run({"dump", address, "--key", "deployment key"});
+  EXPECT_EQ(status, 0) << dump->err().toStdString();
 }
 
 TEST_F(CliEndToEnd, CtrlCEndsCommandsAndRemovesTemporaryFiles)

@@ -22,7 +22,7 @@ namespace Plexa
     };
 
     /// One subcommand of `plexa`. `CommandLine` adds the options every command shares (--help,
-    /// --timeout, --verbose), then the command's own, parses, and calls `run`.
+    /// --timeout, --verbose, --key), then the command's own, parses, and calls `run`.
     class Command
     {
     public:

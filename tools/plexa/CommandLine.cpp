@@ -9,6 +9,7 @@
 #include "WatchCommand.hpp"
 
 #include "bastion/Log.hpp"
+#include "plexa/net/SharedKey.hpp"
 
 namespace Plexa
 {
@@ -92,9 +93,14 @@ namespace Plexa
         QString("Seconds to wait for a connection or an answer before giving up (default %1).").arg(DefaultTimeoutSeconds),
         "SECONDS", QString::number(DefaultTimeoutSeconds));
       const QCommandLineOption verbose({"v", "verbose"}, "Show the library's log lines down to info level.");
+      const QCommandLineOption key("key",
+                                   "Shared key of the connection handshake, when a deployment changed it; both ends "
+                                   "need the same (default: $PLEXA_SHARED_KEY, else the built-in one).",
+                                   "KEY");
       parser.addOption(help);
       parser.addOption(timeout);
       parser.addOption(verbose);
+      parser.addOption(key);
       command->addOptions(parser);
       QStringList rest = arguments.mid(2);
       rest.prepend(arguments.value(0));
@@ -114,6 +120,9 @@ namespace Plexa
         return ExitUsage;
       }
       command->setTimeoutSeconds(seconds);
+      const QByteArray sharedKey = parser.isSet(key) ? parser.value(key).toUtf8() : qgetenv("PLEXA_SHARED_KEY");
+      if (!sharedKey.isEmpty())
+        SharedKey::set(sharedKey);
       // The library's own lines: warnings and errors unless asked for more, or BASTION_LOG_LEVEL.
       if (parser.isSet(verbose))
         Bastion::setLogLevel(Bastion::LogLevel::Info);

@@ -6,6 +6,7 @@ namespace Plexa
 {
   namespace Cli
   {
+    /// `plexa demo [--seconds S]`: a `DemoRun` with its summary; the first thing a newcomer runs.
     class DemoCommand : public Command
     {
     public:

@@ -8,7 +8,6 @@
 #include "TreeJson.hpp"
 
 #include "plexa/app/Peer.hpp"
-#include "plexa/net/SharedKey.hpp"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -50,9 +49,6 @@ namespace Plexa
         {"share", "Folder whose files peers may fetch.", "DIR"},
         {"max-connections", QString("Live connections at most (default %1).").arg(DefaultMaxConnections), "N",
          QString::number(DefaultMaxConnections)},
-        {"key", "Shared key of the handshake, when a deployment changed it (default: $PLEXA_SHARED_KEY, else "
-                "the built-in one).",
-         "KEY"},
         {"retry", QString("When the address is taken, try again every %1 s (until --timeout if given).").arg(ListenRetrySeconds)},
       });
     }
@@ -68,10 +64,6 @@ namespace Plexa
       if (!numberOk || maxConnections < 1)
         return fail(ExitUsage, QString("--max-connections takes a number of at least 1, not '%1'")
                                  .arg(parser.value("max-connections")));
-      const QByteArray key = parser.isSet("key") ? parser.value("key").toUtf8() : qgetenv("PLEXA_SHARED_KEY");
-      if (!key.isEmpty())
-        SharedKey::set(key);
-
       MirrorNode tree("tree");
       if (parser.isSet("tree") && !TreeJson::loadFile(parser.value("tree"), tree, &error))
         return fail(ExitFailure, error);
