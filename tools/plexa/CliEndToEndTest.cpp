@@ -293,6 +293,20 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
     << p->err().toStdString();
 }
 
+TEST_F(CliEndToEnd, WithRetryServeWaitsForATakenPort)
+{
+  std::unique_ptr<Plexa> first;
+  const QString address = serve(first, {});
+  ASSERT_FALSE(address.isEmpty());
+  Plexa second(home, {"serve", "--listen", address, "--retry"});
+  ASSERT_FALSE(second.waitForLine("Address already in use; trying again in 3 s", WaitMs, QProcess::StandardError).isEmpty());
+  first->interrupt();
+  EXPECT_EQ(first->finish(), 0);
+  EXPECT_EQ(second.waitForLine("^listening on (.*)$"), address) << second.err().toStdString();
+  second.interrupt();
+  EXPECT_EQ(second.finish(), 0);
+}
+
 TEST_F(CliEndToEnd, ADeploymentKeyMustBeTheSameOnBothEnds)
 {
   std::unique_ptr<Plexa> server;
