@@ -10,6 +10,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMap>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
@@ -29,7 +30,8 @@ namespace
   class Plexa
   {
   public:
-    Plexa(const QTemporaryDir& home, const QStringList& arguments, const QString& sharedKey = QString())
+    /// `environment` adds to (or replaces in) the test's environment.
+    Plexa(const QTemporaryDir& home, const QStringList& arguments, const QMap<QString, QString>& extra = {})
     {
       QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
       environment.insert("HOME", home.path());
@@ -37,8 +39,8 @@ namespace
       environment.insert("XDG_DATA_HOME", home.path() + "/data");
       environment.insert("XDG_CACHE_HOME", home.path() + "/cache");
       environment.remove("PLEXA_SHARED_KEY");
-      if (!sharedKey.isEmpty())
-        environment.insert("PLEXA_SHARED_KEY", sharedKey);
+      for (auto it = extra.begin(); it != extra.end(); ++it)
+        environment.insert(it.key(), it.value());
       environment.remove("BASTION_LOG_LEVEL");
       m_process.setProcessEnvironment(environment);
       m_process.start(PLEXA_PROGRAM, arguments);
@@ -135,12 +137,12 @@ namespace
   {
   protected:
     /// Starts `plexa serve` on a free port with `arguments`; its address.
-    QString serve(std::unique_ptr<Plexa>& server, QStringList arguments, const QString& sharedKey = QString())
+    QString serve(std::unique_ptr<Plexa>& server, QStringList arguments, const QMap<QString, QString>& environment = {})
     {
       arguments.prepend("serve");
       arguments << "--listen"
                 << "127.0.0.1:0";
-      server.reset(new Plexa(home, arguments, sharedKey));
+      server.reset(new Plexa(home, arguments, environment));
       const QString port = server->waitForLine("^listening on 127\\.0\\.0\\.1:(\\d+)$");
       return port.isEmpty() ? QString() : "127.0.0.1:" + port;
     }
@@ -310,7 +312,7 @@ TEST_F(CliEndToEnd, WithRetryServeWaitsForATakenPort)
 TEST_F(CliEndToEnd, ADeploymentKeyMustBeTheSameOnBothEnds)
 {
   std::unique_ptr<Plexa> server;
-  const QString address = serve(server, {}, "deployment key");
+  const QString address = serve(server, {}, {{"PLEXA_SHARED_KEY", "deployment key"}});
   ASSERT_FALSE(address.isEmpty());
   auto dump = run({"dump", address, "--timeout", "1.5"});
   EXPECT_EQ(status, 1);
@@ -350,6 +352,19 @@ TEST_F(CliEndToEnd, CtrlCEndsCommandsAndRemovesTemporaryFiles)
 
   server->interrupt();
   EXPECT_EQ(server->finish(), 0);
+}
+
+TEST_F(CliEndToEnd, CtrlCEndsTheDemoAndRemovesItsFolder)
+{
+  const QString temporary = work.filePath("tmp");
+  ASSERT_TRUE(QDir().mkpath(temporary));
+  Plexa demo(home, {"demo", "--seconds", "30"}, {{"TMPDIR", temporary}});
+  ASSERT_FALSE(demo.waitForLine("animates the scene").isEmpty()) << demo.err().toStdString();
+  EXPECT_EQ(QDir(temporary).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).size(), 1);
+  demo.interrupt();
+  EXPECT_EQ(demo.finish(), 130);
+  EXPECT_EQ(demo.err().toStdString(), "plexa demo: interrupted; temporary files removed\n");
+  EXPECT_TRUE(QDir(temporary).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).isEmpty());
 }
 
 TEST_F(CliEndToEnd, TheDemoPasses)
