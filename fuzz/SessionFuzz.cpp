@@ -10,6 +10,9 @@
 // how many bundles make one list (0: all in one). The rest is cut into bundles: a 16-byte header,
 // then as much of its payload size as there are bytes left. Every list goes through
 // `scheduleProcess` and one `BundleController::update()`, which is also when the session sends.
+// Before each list the session's own tree changes too, as an application's would while the peer
+// talks: "a" gets a new value, and every third list "n/b" is removed and added again. So the
+// session's sends, stale values and re-added attributes meet whatever the peer said about them.
 // Nothing may crash, leak, hang or throw out of the controller.
 
 #include "bastion/BinaryData.hpp"
@@ -104,6 +107,24 @@ namespace
       }
       controller = Plexa::BundleController::create(root, params);
     }
+
+    /// The application's own changes before list `index`. "n/b" may be the peer's by then (it
+    /// can be created by the receiver after a local removal): it goes all the same. The node
+    /// may refuse the new attribute, which is then dropped here.
+    void changeLocally(size_t index)
+    {
+      if (auto* a = dynamic_cast<Carafe::AttributeT<float>*>(root.attribute("a")))
+        a->setValue(float(index) + 0.5f);
+      if (index % 3 != 2)
+        return;
+      auto* n = dynamic_cast<Carafe::Node*>(root.attribute("n"));
+      if (!n)
+        return;
+      n->removeAttribute("b");
+      auto* b = new Carafe::AttributeT<int>(int(index));
+      if (!n->addAttribute("b", b))
+        delete b;
+    }
   };
 
   std::vector<Plexa::Bundle> cut(const uint8_t* data, size_t size)
@@ -162,7 +183,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     peerOptions.createMissing = true;
     Side peer(peerOptions);
 
-    deliver(session, lists);
+    for (size_t i = 0; i < lists.size(); ++i) {
+      session.changeLocally(i);
+      deliver(session, {lists[i]});
+    }
     // One more pass sends what the last list caused.
     Plexa::BundleController::update();
     deliver(peer, session.out->take());
