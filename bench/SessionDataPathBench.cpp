@@ -103,7 +103,22 @@ namespace
     return echoed;
   }
 
-  /// The attribute `index` on `side`'s tree ("g<group>/v<n>"), or null.
+  /// Puts `Groups` nodes "g<n>" of `PerGroup` floats "v<n>" under `root`; the attributes in order.
+  std::vector<Float*> fillTree(Carafe::Node& root)
+  {
+    std::vector<Float*> attributes;
+    for (int g = 0; g < Groups; ++g) {
+      auto* group = new Carafe::Node(&root, "g" + QByteArray::number(g));
+      for (int i = 0; i < PerGroup; ++i) {
+        auto* attribute = new Float;
+        group->addAttribute("v" + QByteArray::number(i), attribute);
+        attributes.push_back(attribute);
+      }
+    }
+    return attributes;
+  }
+
+  /// The attribute `index` of a tree that `fillTree` made ("g<group>/v<n>"), or null.
   Float* floatAt(Plexa::RemoteNode& node, int index)
   {
     auto* group = dynamic_cast<Carafe::Node*>(node.attribute("g" + QByteArray::number(index / PerGroup)));
@@ -217,15 +232,7 @@ int main(int argc, char** argv)
 
   Side a("a");
   Side b("b");
-  std::vector<Float*> onA;
-  for (int g = 0; g < Groups; ++g) {
-    auto* group = new Carafe::Node(&a.node, "g" + QByteArray::number(g));
-    for (int i = 0; i < PerGroup; ++i) {
-      auto* attribute = new Float;
-      group->addAttribute("v" + QByteArray::number(i), attribute);
-      onA.push_back(attribute);
-    }
-  }
+  const std::vector<Float*> onA = fillTree(a.node);
 
   // The session starts: A announces its tree, B creates it; both hear the other's "initialized".
   // A few exchanges settle the handshake; the first carries the whole tree.
@@ -286,15 +293,7 @@ int main(int argc, char** argv)
 
   // A plain tree of the same shape nobody watches: the cost of the set itself.
   Carafe::Node plain;
-  std::vector<Float*> onPlain;
-  for (int g = 0; g < Groups; ++g) {
-    auto* group = new Carafe::Node(&plain, "g" + QByteArray::number(g));
-    for (int i = 0; i < PerGroup; ++i) {
-      auto* attribute = new Float;
-      group->addAttribute("v" + QByteArray::number(i), attribute);
-      onPlain.push_back(attribute);
-    }
-  }
+  const std::vector<Float*> onPlain = fillTree(plain);
   double bare = 0;
   for (int r = 1; r <= rounds; ++r) {
     const double t0 = cpuSeconds();
