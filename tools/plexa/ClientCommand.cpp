@@ -2,6 +2,7 @@
 
 #include "ClientConnection.hpp"
 #include "Interrupt.hpp"
+#include "LogSilence.hpp"
 #include "MirrorNode.hpp"
 
 namespace Plexa
@@ -65,6 +66,9 @@ namespace Plexa
           status = interruptedWhileConnecting();
           break;
         }
+        // The peer closes its connection as it goes.
+        LogSilence quiet;
+        peer.stop();
       }
       done(mirror);
       return status;

@@ -5,6 +5,7 @@
 #include "DemoReport.hpp"
 #include "DemoScene.hpp"
 #include "Interrupt.hpp"
+#include "LogSilence.hpp"
 #include "MirrorNode.hpp"
 #include "ProgressBar.hpp"
 #include "TreeJson.hpp"
@@ -386,6 +387,7 @@ namespace Plexa
     DemoRun::~DemoRun()
     {
       // The peers go before the trees and the folder they use.
+      LogSilence quiet;
       d->client.reset();
       d->server.reset();
     }

@@ -3,6 +3,7 @@
 #include "AddressArgument.hpp"
 #include "Console.hpp"
 #include "Interrupt.hpp"
+#include "LogSilence.hpp"
 #include "MirrorNode.hpp"
 #include "SyncEvents.hpp"
 #include "TreeJson.hpp"
@@ -126,6 +127,8 @@ namespace Plexa
       while (!Interrupt::requested())
         peer.waitAndUpdate(PollMs);
       console.out("stopping");
+      LogSilence quiet;
+      peer.stop();
       return ExitOk;
     }
   }
