@@ -290,7 +290,7 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
   EXPECT_GE(clock.elapsed(), 2400);
   EXPECT_TRUE(p->err().contains(QString("cannot reach 127.0.0.1:%1 yet; next attempt in ").arg(port))) << p->err().toStdString();
   EXPECT_TRUE(p->err().endsWith(QString("plexa dump: could not connect to 127.0.0.1:%1 within 2.5 s (is plexa serve "
-                                        "running there, with the same shared key?)\n")
+                                        "running there, with the same shared key and room for another connection?)\n")
                                   .arg(port)))
     << p->err().toStdString();
 }
@@ -309,6 +309,24 @@ TEST_F(CliEndToEnd, WithRetryServeWaitsForATakenPort)
   EXPECT_EQ(second.finish(), 0);
 }
 
+TEST_F(CliEndToEnd, ConnectionsBeyondTheCapAreTurnedAway)
+{
+  std::unique_ptr<Plexa> server;
+  const QString address = serve(server, {"--max-connections", "1"});
+  ASSERT_FALSE(address.isEmpty());
+  Plexa watcher(home, {"watch", address});
+  ASSERT_FALSE(watcher.waitForLine("connected").isEmpty());
+  auto dump = run({"dump", address, "--timeout", "1.5"});
+  EXPECT_EQ(status, 1);
+  EXPECT_TRUE(dump->err().endsWith("room for another connection?)\n")) << dump->err().toStdString();
+  EXPECT_FALSE(server->waitForLine("^warning: PeerServer::createConnection # 1 connections already", WaitMs,
+                                   QProcess::StandardError)
+                 .isEmpty());
+  watcher.interrupt();
+  EXPECT_EQ(watcher.finish(), 0);
+  EXPECT_TRUE(server->waitForLine("^disconnected .* \\(0 connected\\)$").size()) << server->out().toStdString();
+}
+
 TEST_F(CliEndToEnd, ADeploymentKeyMustBeTheSameOnBothEnds)
 {
   std::unique_ptr<Plexa> server;
@@ -317,7 +335,7 @@ TEST_F(CliEndToEnd, ADeploymentKeyMustBeTheSameOnBothEnds)
   auto dump = run({"dump", address, "--timeout", "1.5"});
   EXPECT_EQ(status, 1);
   EXPECT_TRUE(dump->err().endsWith(QString("plexa dump: could not connect to %1 within 1.5 s (is plexa serve running "
-                                           "there, with the same shared key?)\n")
+                                           "there, with the same shared key and room for another connection?)\n")
                                      .arg(address)))
     << dump->err().toStdString();
   dump = run({"dump", address, "--key", "deployment key"});

@@ -53,7 +53,7 @@ namespace Plexa
                            .arg(m_address.toString())
                            .arg(timeoutSeconds)
                        : QString("could not connect to %1 within %2 s (is plexa serve running there, with the same "
-                                 "shared key?)")
+                                 "shared key and room for another connection?)")
                            .arg(m_address.toString())
                            .arg(timeoutSeconds);
           break;
