@@ -33,8 +33,8 @@ namespace Plexa
     /// How long `listen` waits for the server's thread to bind an address that a probe could bind.
     constexpr int BindWaitMs = 5000;
     /// How long a client session holds back its own announcement when the peer sends no
-    /// "initialized" (a peer that never does would otherwise never hear from it).
-    constexpr int ClientHoldMs = 5000;
+    /// "initialized": a peer that never does would otherwise never hear from it.
+    constexpr int ClientHoldMs = 2000;
   }
 
   class Peer::D : public SessionHost
@@ -166,7 +166,11 @@ namespace Plexa
       endSessions(calls);
       BundleController::update();
       node.update();
-      releaseHeldSessions();
+      if (releaseHeldSessions()) {
+        // What the released sessions queued while they held (their echo of the peer's
+        // announcement among it) leaves now, before the application changes the tree again.
+        BundleController::update();
+      }
       checkLimits();
       checkFetchTimes(calls);
       if (server)
@@ -256,8 +260,10 @@ namespace Plexa
       }
     }
 
-    void releaseHeldSessions()
+    /// Enables the client sessions that have seen the peer's tree; true when there were some.
+    bool releaseHeldSessions()
     {
+      bool released = false;
       for (Session& s : sessions) {
         if (!s.holding)
           continue;
@@ -267,10 +273,10 @@ namespace Plexa
         if (controller->peerInitialized() || Clock::now() - s.started > std::chrono::milliseconds(ClientHoldMs)) {
           s.holding = false;
           controller->setEnabled(true);
-          // Takes effect at the next update, which should not wait.
-          wake();
+          released = true;
         }
       }
+      return released;
     }
 
     void checkLimits()
