@@ -170,10 +170,39 @@ namespace Plexa
     {
       size_t operator()(const ObjectPath& k) const
       {
-        return std::hash<const void*>()(k.object) ^ (size_t(k.symbol) * 0x9E3779B97F4A7C15ull);
+        // Heap addresses share their low bits; multiply them up before the symbol goes in.
+        const uint64_t h = (uint64_t(reinterpret_cast<uintptr_t>(k.object)) >> 4) * 0x9E3779B97F4A7C15ull ^ k.symbol;
+        return size_t(h ^ (h >> 29));
       }
     };
-    std::unordered_map<ObjectPath, std::vector<Installed>, ObjectPathHash> m_installed;
+    /// The listeners of one (object, path): one for an attribute, three at most for a node, so
+    /// they are kept inline and a tree of many attributes costs no allocation per entry here.
+    class InstalledList
+    {
+    public:
+      void push_back(const Installed& entry)
+      {
+        if (m_count < Inline)
+          m_inline[m_count++] = entry;
+        else
+          m_more.push_back(entry);
+      }
+      template <typename F>
+      void forEach(F&& f) const
+      {
+        for (size_t i = 0; i < m_count; ++i)
+          f(m_inline[i]);
+        for (const Installed& entry : m_more)
+          f(entry);
+      }
+
+    private:
+      static constexpr size_t Inline = 3;
+      Installed m_inline[Inline];
+      size_t m_count = 0;
+      std::vector<Installed> m_more;
+    };
+    std::unordered_map<ObjectPath, InstalledList, ObjectPathHash> m_installed;
 
     mutable std::mutex m_aliasMutex;
     // Guarded by m_aliasMutex.
@@ -329,14 +358,14 @@ namespace Plexa
     auto it = m_installed.find({object, symbol});
     if (it == m_installed.end())
       return;
-    const std::vector<Installed> installed = std::move(it->second);
+    const InstalledList installed = std::move(it->second);
     m_installed.erase(it);
-    for (const Installed& entry : installed) {
+    installed.forEach([object](const Installed& entry) {
       if (entry.nodeEvent)
         static_cast<Carafe::Node*>(object)->eventRemoveListener(entry.id);
       else
         object->removeListener(entry.id);
-    }
+    });
   }
 
   void NodeWatcher::D::somethingAdded(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol,
