@@ -141,7 +141,7 @@ namespace Plexa
       woken.store(false);
     }
 
-    /// Milliseconds until the earliest fetch time limit, or `maxWaitMs` if that is sooner.
+    /// `maxWaitMs`, or less when a fetch's time limit or a held session's hold ends sooner.
     int waitLimit(int maxWaitMs) const
     {
       long long limit = maxWaitMs;

@@ -116,7 +116,8 @@ namespace Plexa
     /// Asks the peer of the first live session for the file at `path` (relative to its file root,
     /// beginning with '/'); it is stored at the same path below this side's file root once its MD5
     /// matched. `callback` runs once, with Verified, Failed (MD5 mismatch, connection lost) or
-    /// TimedOut (the peer never answered within `timeoutMs`: it does not have the file).
+    /// TimedOut (the peer never answered within `timeoutMs`: it does not have the file). A fetch
+    /// still running when the Peer is destroyed gets no call.
     void fetch(const QString& path, int timeoutMs, const FetchCallback& callback);
     /// Progress of running fetches, after every few parts and at the end.
     void setFetchProgressCallback(const FetchProgressCallback& callback);

@@ -105,7 +105,8 @@ TEST(PeerTest, AConnectionOverTheCapIsClosedAndGetsInOnceThereIsRoom)
   RemoteNode firstNode(nullptr, "scene"), secondNode(nullptr, "scene");
   Peer first(firstNode), second(secondNode);
   first.connectTo("127.0.0.1", server.listeningPort());
-  ASSERT_TRUE(pumpUntil({&server, &first, &second}, [&] { return first.sessionCount() == 1; }));
+  ASSERT_TRUE(pumpUntil({&server, &first, &second},
+                        [&] { return first.sessionCount() == 1 && server.sessionCount() == 1; }));
   second.connectTo("127.0.0.1", server.listeningPort());
   ASSERT_TRUE(pumpUntil({&server, &first, &second},
                         [&] { return log.countContaining("PeerServer::createConnection # 1 connections already, closing "

@@ -22,19 +22,20 @@ namespace Plexa
 
   uint64_t TrafficMeter::txBytes() const
   {
-    Bastion::Guard guard(m_mutex);
-    uint64_t total = m_retiredTx;
-    for (const ConnectionThread* connection : m_live)
-      total += connection->txBytes();
-    return total;
+    return total(&TrafficMeter::m_retiredTx, &ConnectionThread::txBytes);
   }
 
   uint64_t TrafficMeter::rxBytes() const
   {
+    return total(&TrafficMeter::m_retiredRx, &ConnectionThread::rxBytes);
+  }
+
+  uint64_t TrafficMeter::total(uint64_t TrafficMeter::*retired, uint64_t (ConnectionThread::*count)() const) const
+  {
     Bastion::Guard guard(m_mutex);
-    uint64_t total = m_retiredRx;
+    uint64_t sum = this->*retired;
     for (const ConnectionThread* connection : m_live)
-      total += connection->rxBytes();
-    return total;
+      sum += (connection->*count)();
+    return sum;
   }
 }

@@ -25,6 +25,9 @@ namespace Plexa
     uint64_t rxBytes() const;
 
   private:
+    /// The retired count plus `count` of every live connection.
+    uint64_t total(uint64_t TrafficMeter::*retired, uint64_t (ConnectionThread::*count)() const) const;
+
     mutable Bastion::Mutex m_mutex;
     std::set<const ConnectionThread*> m_live BASTION_GUARDED_BY(m_mutex);
     uint64_t m_retiredTx BASTION_GUARDED_BY(m_mutex) = 0;
