@@ -3,6 +3,7 @@
 #include "bastion/Log.hpp"
 
 #include <limits>
+#include <mutex>
 
 #if defined(__SANITIZE_THREAD__)
 #define BASTION_SYMBOLS_TSAN 1
@@ -21,9 +22,9 @@ namespace Bastion
   namespace
   {
     // QReadWriteLock lives in the uninstrumented Qt library and synchronises through atomics that
-    // ThreadSanitizer cannot see, so every hash access would be reported as a race. These guards
-    // tell it about the ordering the lock provides: taking the lock acquires, releasing it (read
-    // or write) releases. Without ThreadSanitizer they are plain QReadLocker/QWriteLocker.
+    // ThreadSanitizer cannot see. The write guard tells it about the ordering the lock provides
+    // (taking it acquires, releasing it releases), so callers that hold `lock()` for reading are
+    // seen as ordered with the changes. Without ThreadSanitizer it is a plain QWriteLocker.
     void annotateAcquire(const QReadWriteLock* lock)
     {
 #ifdef BASTION_SYMBOLS_TSAN
@@ -41,26 +42,6 @@ namespace Bastion
       (void)lock;
 #endif
     }
-
-    class ReadGuard
-    {
-    public:
-      explicit ReadGuard(QReadWriteLock& lock) : m_lock(lock)
-      {
-        m_lock.lockForRead();
-        annotateAcquire(&m_lock);
-      }
-      ~ReadGuard()
-      {
-        annotateRelease(&m_lock);
-        m_lock.unlock();
-      }
-      ReadGuard(const ReadGuard&) = delete;
-      ReadGuard& operator=(const ReadGuard&) = delete;
-
-    private:
-      QReadWriteLock& m_lock;
-    };
 
     class WriteGuard
     {
@@ -90,12 +71,13 @@ namespace Bastion
   uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name)
   {
     {
-      ReadGuard read(m_lock);
+      std::shared_lock<std::shared_mutex> read(m_tables);
       auto it = m_byName.constFind(name);
       if (it != m_byName.constEnd())
         return it.value();
     }
     WriteGuard write(m_lock);
+    std::unique_lock<std::shared_mutex> tables(m_tables);
     // Another thread may have defined the name between the two locks.
     auto it = m_byName.constFind(name);
     if (it != m_byName.constEnd())
@@ -127,13 +109,13 @@ namespace Bastion
 
   uint32_t SymbolRegistry::lookup(const QByteArray& name) const
   {
-    ReadGuard read(m_lock);
+    std::shared_lock<std::shared_mutex> read(m_tables);
     return m_byName.value(name, 0);
   }
 
   bool SymbolRegistry::lookup(uint32_t symbol, QByteArray& name) const
   {
-    ReadGuard read(m_lock);
+    std::shared_lock<std::shared_mutex> read(m_tables);
     auto it = m_bySymbol.constFind(symbol);
     if (it == m_bySymbol.constEnd())
       return false;
@@ -148,6 +130,7 @@ namespace Bastion
       return;
     }
     WriteGuard write(m_lock);
+    std::unique_lock<std::shared_mutex> tables(m_tables);
     auto oldSymbol = m_byName.constFind(name);
     if (oldSymbol != m_byName.constEnd() && oldSymbol.value() != symbol)
       m_bySymbol.remove(oldSymbol.value());
@@ -162,7 +145,7 @@ namespace Bastion
 
   int SymbolRegistry::count() const
   {
-    ReadGuard read(m_lock);
+    std::shared_lock<std::shared_mutex> read(m_tables);
     return m_byName.size();
   }
 }

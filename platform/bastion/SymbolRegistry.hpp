@@ -5,6 +5,7 @@
 #include <QReadWriteLock>
 
 #include <cstdint>
+#include <shared_mutex>
 
 namespace Bastion
 {
@@ -14,10 +15,12 @@ namespace Bastion
   /// numbers a peer binds with `define` never collide with those made here later. The empty name
   /// is a valid name.
   ///
-  /// Thread-safe: every call takes `lock()` itself, for reading in the lookups and for writing in
-  /// `lookupOrDefine`/`define`. The lock is recursive, so a caller may hold the read lock across
-  /// several lookups; while holding it for reading, call only the lookups (`lookupOrDefine` and
-  /// `define` would wait for a write lock that cannot come).
+  /// Thread-safe. `lookupOrDefine` (when it defines) and `define` take `lock()` for writing, so a
+  /// caller holding it for reading sees no binding change across several lookups; while holding
+  /// it, call only the lookups (`lookupOrDefine` and `define` would wait for a write lock that
+  /// cannot come). The lookups themselves only take a light internal reader lock: they run for
+  /// every attribute of every bundle, and the recursive lock's per-thread bookkeeping would cost
+  /// more than the lookup.
   class SymbolRegistry
   {
   public:
@@ -46,8 +49,10 @@ namespace Bastion
   private:
     uint32_t nextFreeSymbol() const;
 
+    /// Held for writing, after m_lock, by every change.
     mutable QReadWriteLock m_lock{QReadWriteLock::Recursive};
-    // Guarded by m_lock.
+    mutable std::shared_mutex m_tables;
+    // Guarded by m_tables (read: m_tables shared; write: m_lock and m_tables exclusive).
     QHash<QByteArray, uint32_t> m_byName;
     QHash<uint32_t, QByteArray> m_bySymbol;
     uint32_t m_highest = 0;

@@ -5,9 +5,11 @@
 #include "carafe/Attribute.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <mutex>
 #include <typeinfo>
+#include <vector>
 
 namespace Plexa
 {
@@ -47,17 +49,28 @@ namespace Plexa
     return createLocked(path);
   }
 
-  PlexaSessionAttribute* AttributeStorage::createForPeer(const QByteArray& path)
+  PlexaSessionAttribute* AttributeStorage::bindForPeer(uint32_t readSymbol, const QByteArray& path)
   {
     std::unique_lock<std::shared_mutex> lock(m_lock);
-    if (m_maxRecords > 0 && int(m_byPath.size()) >= m_maxRecords && m_byPath.find(path) == m_byPath.end()) {
-      if (!m_limitExceeded)
-        Bastion::error("AttributeStorage::createForPeer # Session attribute limit of %d reached; refusing new paths",
-                       m_maxRecords);
-      m_limitExceeded = true;
-      return nullptr;
+    const auto bound = m_byReadSymbol.find(readSymbol);
+    if (bound != m_byReadSymbol.end())
+      return bound->second;
+    PlexaSessionAttribute* record = nullptr;
+    const auto known = m_byPath.find(path);
+    if (known != m_byPath.end()) {
+      record = known->second.get();
+    } else {
+      if (m_maxRecords > 0 && int(m_byPath.size()) >= m_maxRecords) {
+        if (!m_limitExceeded)
+          Bastion::error("AttributeStorage::bindForPeer # Session attribute limit of %d reached; refusing new paths",
+                         m_maxRecords);
+        m_limitExceeded = true;
+        return nullptr;
+      }
+      record = createLocked(path);
     }
-    return createLocked(path);
+    m_byReadSymbol.emplace(readSymbol, record);
+    return record;
   }
 
   PlexaSessionAttribute* AttributeStorage::createLocked(const QByteArray& path)
@@ -101,7 +114,13 @@ namespace Plexa
   {
     std::shared_lock<std::shared_mutex> lock(m_lock);
     AttributeCache& cache = m_node.attributeCache();
-    for (const auto& entry : m_byPath) {
+    std::vector<std::pair<QByteArray, const PlexaSessionAttribute*>> sorted;
+    sorted.reserve(m_byPath.size());
+    for (const auto& entry : m_byPath)
+      sorted.emplace_back(entry.first, entry.second.get());
+    // QByteArray's operator< compares byte-wise.
+    std::sort(sorted.begin(), sorted.end());
+    for (const auto& entry : sorted) {
       const QByteArray& path = entry.first;
       if (path.startsWith(SchemaPrefix))
         continue;
@@ -119,7 +138,9 @@ namespace Plexa
       // The schema entries of this path: "schema/<path>/<key>" with a key free of '/'. They sort
       // together, right behind the prefix.
       const QByteArray prefix = SchemaPrefix + path + '/';
-      for (auto it = m_byPath.lower_bound(prefix); it != m_byPath.end() && it->first.startsWith(prefix); ++it) {
+      auto it = std::lower_bound(sorted.begin(), sorted.end(), prefix,
+                                 [](const auto& entry, const QByteArray& key) { return entry.first < key; });
+      for (; it != sorted.end() && it->first.startsWith(prefix); ++it) {
         const QByteArray key = it->first.mid(prefix.size());
         if (key.isEmpty() || key.contains('/'))
           continue;

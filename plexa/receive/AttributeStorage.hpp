@@ -3,9 +3,9 @@
 #include "plexa/receive/PlexaSessionAttribute.hpp"
 
 #include <QByteArray>
+#include <QHash>
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <shared_mutex>
 #include <unordered_map>
@@ -40,18 +40,20 @@ namespace Plexa
     /// there if new). Callers ask only after `findByPath` failed; should the path have a record
     /// after all, that record is returned rather than replaced, since the indexes point to it.
     PlexaSessionAttribute* createForPath(const QByteArray& path);
-    /// As `createForPath`, for a path the peer introduced: refused (null, one error logged per
-    /// session) once the storage holds `maxRecords` records, so a peer cannot grow the session
-    /// without bound by announcing ever new paths.
-    PlexaSessionAttribute* createForPeer(const QByteArray& path);
+    /// The record the peer's announcement of `path` under `readSymbol` refers to, bound to
+    /// `readSymbol`: the one the symbol is bound to already, else the path's, else a new one. A
+    /// new record is refused (null, one error logged per session) once the storage holds
+    /// `maxRecords` records, so a peer cannot grow the session without bound by announcing ever
+    /// new paths. One lock for the whole step: it runs for every attribute the peer announces.
+    PlexaSessionAttribute* bindForPeer(uint32_t readSymbol, const QByteArray& path);
 
     /// Binds the peer's symbol to `attribute`. A symbol already bound to another record logs an
     /// error and keeps the first binding.
     void indexByReadSymbol(uint32_t readSymbol, PlexaSessionAttribute* attribute);
 
-    /// Cap on the records `createForPeer` makes room for; 0 (the default) means none.
+    /// Cap on the records `bindForPeer` makes room for; 0 (the default) means none.
     void setMaxRecords(int maxRecords);
-    /// True once `createForPeer` refused a path because of the cap.
+    /// True once `bindForPeer` refused a path because of the cap.
     bool limitExceeded() const;
     int recordCount() const;
 
@@ -67,8 +69,13 @@ namespace Plexa
     // Guarded by m_lock.
     std::unordered_map<uint32_t, PlexaSessionAttribute*> m_byReadSymbol;
     std::unordered_map<uint32_t, PlexaSessionAttribute*> m_bySymbol;
-    /// Owns the records; QByteArray compares byte-wise, which orders the dump.
-    std::map<QByteArray, std::unique_ptr<PlexaSessionAttribute>> m_byPath;
+    struct PathHash
+    {
+      size_t operator()(const QByteArray& path) const { return qHash(path); }
+    };
+    /// Owns the records. Unordered: the dump, the one reader that needs the byte-wise order,
+    /// sorts the paths itself.
+    std::unordered_map<QByteArray, std::unique_ptr<PlexaSessionAttribute>, PathHash> m_byPath;
     int m_maxRecords = 0;
     bool m_limitExceeded = false;
   };

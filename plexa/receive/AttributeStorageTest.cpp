@@ -59,11 +59,18 @@ TEST(AttributeStorageTest, RecordsKeepTheirSymbolsAndTheFirstReadSymbolBinding)
   EXPECT_EQ(storage.findByReadSymbol(7), ab);
   EXPECT_EQ(storage.findByReadSymbol(8), nullptr);
 
+  // The peer's symbols: the bound record first, then the path's, then a new one.
+  EXPECT_EQ(storage.bindForPeer(7, "c"), ab);
+  EXPECT_EQ(storage.bindForPeer(9, "c"), c);
+  EXPECT_EQ(storage.findByReadSymbol(9), c);
   // The cap applies to paths the peer introduces.
   storage.setMaxRecords(3);
-  EXPECT_NE(storage.createForPeer("d"), nullptr);
-  EXPECT_EQ(storage.createForPeer("e"), nullptr);
-  EXPECT_EQ(storage.createForPeer("d"), storage.findByPath("d"));
+  PlexaSessionAttribute* d = storage.bindForPeer(10, "d");
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(d, storage.findByPath("d"));
+  EXPECT_EQ(storage.bindForPeer(11, "e"), nullptr);
+  EXPECT_EQ(storage.findByReadSymbol(11), nullptr);
+  EXPECT_EQ(storage.bindForPeer(12, "d"), d);
   EXPECT_TRUE(storage.limitExceeded());
 }
 

@@ -59,18 +59,14 @@ namespace Plexa
         continue;
       }
 
-      PlexaSessionAttribute* session = m_storage.findByReadSymbol(symbol);
-      if (!session)
-        session = m_storage.findByPath(path);
-      if (!session)
-        session = m_storage.createForPeer(path);
+      // The record the symbol is bound to, else the path's, else a new one; bound to the symbol.
+      PlexaSessionAttribute* session = m_storage.bindForPeer(symbol, path);
       if (!session) {
         // Over the session's record cap (logged by the storage).
         if (hasValue)
           PlexaSessionAttribute::skipValue(reader, size);
         continue;
       }
-      m_storage.indexByReadSymbol(symbol, session);
       session->readSymbol = symbol;
       session->removedByPeer = false;
       session->peerTypeId = typeId;

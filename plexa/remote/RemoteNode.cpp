@@ -44,6 +44,7 @@ namespace Plexa
     eventAddOut("initialized");
     eventAddOut("destroyed");
     setSyncFlags(QRegExp("(^|/)id$", Qt::CaseSensitive, QRegExp::RegExp), SyncFlags::None);
+    m_syncFlagSettings.back().idRule = true;
     m_watcher = std::make_unique<NodeWatcher>(m_registry, m_cache);
     m_watcher->addListener([this](const NodeWatcher::Event& e) { handleAttributeChange(e); });
     m_watcher->startWatching(*this, true);
@@ -188,8 +189,13 @@ namespace Plexa
     switch (event.type) {
     case NodeWatcher::AttributeAdded:
       if (!m_pendingListeners.empty() || !m_syncFlagSettings.empty()) {
-        checkForPendingListeners(event.symbol);
-        checkForSyncFlags(event.symbol);
+        // One lookup and one conversion of the path for all the patterns.
+        QByteArray path;
+        if (m_registry.lookup(event.symbol, path)) {
+          const QString text = QString::fromUtf8(path);
+          checkForPendingListeners(event.symbol, text);
+          checkForSyncFlags(event.symbol, path, text);
+        }
       }
       queueNotify(event.symbol);
       break;
@@ -250,13 +256,10 @@ namespace Plexa
     });
   }
 
-  void RemoteNode::checkForPendingListeners(uint32_t symbol)
+  void RemoteNode::checkForPendingListeners(uint32_t symbol, const QString& path)
   {
-    QByteArray path;
-    if (!m_registry.lookup(symbol, path))
-      return;
     for (const PendingAttributeListener& listener : m_pendingListeners) {
-      if (matches(listener.pattern, path))
+      if (listener.pattern.indexIn(path) >= 0)
         addAttributeListener(symbol, listener);
     }
   }
@@ -289,12 +292,23 @@ namespace Plexa
   void RemoteNode::checkForSyncFlags(uint32_t symbol)
   {
     QByteArray path;
-    if (!m_registry.lookup(symbol, path))
-      return;
+    if (m_registry.lookup(symbol, path))
+      checkForSyncFlags(symbol, path, QString::fromUtf8(path));
+  }
+
+  void RemoteNode::checkForSyncFlags(uint32_t symbol, const QByteArray& path, const QString& text)
+  {
     for (const SyncFlagSetting& setting : m_syncFlagSettings) {
-      if (matches(setting.pattern, path))
+      if (matches(setting, path, text))
         m_syncFlags.setFlags(symbol, setting.flag);
     }
+  }
+
+  bool RemoteNode::matches(const SyncFlagSetting& setting, const QByteArray& path, const QString& text)
+  {
+    if (setting.idRule)
+      return path == "id" || path.endsWith("/id");
+    return setting.pattern.indexIn(text) >= 0;
   }
 
   bool RemoteNode::addDeepAttribute(const QByteArray& path, Carafe::Attribute* attribute)

@@ -62,6 +62,9 @@ namespace Plexa
     {
       QRegExp pattern;
       SyncFlags::Flag flag;
+      /// The built-in rule for attributes named id: matched by name, without the expression, as
+      /// it is checked for every attribute added.
+      bool idRule = false;
     };
 
     using SlicedEvent = SliceAssembler::SlicedEvent;
@@ -139,11 +142,13 @@ namespace Plexa
     void handleSlice(long senderId, Bastion::BinaryData& data);
 
     void handleAttributeChange(const NodeWatcher::Event& event);
-    void checkForPendingListeners(uint32_t symbol);
+    void checkForPendingListeners(uint32_t symbol, const QString& path);
+    void checkForSyncFlags(uint32_t symbol, const QByteArray& path, const QString& text);
     void addAttributeListener(uint32_t symbol, const PendingAttributeListener& listener);
     void queueNotify(uint32_t symbol);
     void runListeners(uint32_t symbol);
     bool matches(const QRegExp& pattern, const QByteArray& path) const;
+    static bool matches(const SyncFlagSetting& setting, const QByteArray& path, const QString& text);
 
     SliceAssembler m_slices;
 

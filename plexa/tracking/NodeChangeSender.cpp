@@ -8,6 +8,8 @@
 #include "plexa/session/SessionFormat.hpp"
 #include "plexa/types/TypeRegistry.hpp"
 
+#include <algorithm>
+
 namespace Plexa
 {
   NodeChangeSender::NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types)
@@ -132,14 +134,21 @@ namespace Plexa
   void NodeChangeSender::ignoreOne(const NodeWatcher::Event& event)
   {
     std::lock_guard<std::mutex> lock(m_changeMutex);
-    if (!m_ignored.insert(event).second)
+    if (std::find(m_ignored.begin(), m_ignored.end(), event) != m_ignored.end())
       Bastion::warning("NodeChangeSender::ignoreOne # Called for an already ignored symbol");
+    else
+      m_ignored.push_back(event);
   }
 
   bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event& event)
   {
     std::lock_guard<std::mutex> lock(m_changeMutex);
-    return m_ignored.erase(event) == 1;
+    const auto it = std::find(m_ignored.begin(), m_ignored.end(), event);
+    if (it == m_ignored.end())
+      return false;
+    *it = m_ignored.back();
+    m_ignored.pop_back();
+    return true;
   }
 
   std::vector<RemoteNode::Event> NodeChangeSender::getEvents()
@@ -200,13 +209,15 @@ namespace Plexa
   {
     m_writer.open(BundleSender::messageType(), output);
     for (const ChangeData& change : changes) {
+      // Announced symbols first: most changes of a pass concern attributes the peer knows, and
+      // records are never deleted during a session, so an announced one still has its record.
+      if (m_announced.count(change.symbol))
+        continue;
       if (!m_storage.findBySymbol(change.symbol)) {
         Bastion::error("NodeChangeSender::sendChanges # Missing PlexaSessionAttribute when sending an attribute event. "
                        "Will ignore");
         continue;
       }
-      if (m_announced.count(change.symbol))
-        continue;
       const QByteArray path = pathOf(change.symbol);
       if (path.isEmpty()) {
         Bastion::error("NodeChangeSender # found an AttributeChange that points to an unknown symbol");

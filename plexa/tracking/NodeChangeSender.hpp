@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <mutex>
-#include <set>
 #include <unordered_set>
 #include <vector>
 
@@ -110,7 +109,9 @@ namespace Plexa
     std::mutex m_changeMutex;
     std::vector<NodeWatcher::Event> m_queue;
     /// Events the receivers are applying from the peer, not to be sent back.
-    std::set<NodeWatcher::Event> m_ignored;
+    /// At most a handful at a time (each applied value brackets one), so a plain vector: no
+    /// allocation per applied value.
+    std::vector<NodeWatcher::Event> m_ignored;
 
     // ---- Guarded by m_eventMutex ----
     std::mutex m_eventMutex;
