@@ -309,3 +309,44 @@ TEST(SessionDataPathTest, WithoutCreationTheFarTreeKeepsOnlyWhatItHad)
   EXPECT_EQ(s.b.attribute("only-a"), nullptr);
   EXPECT_TRUE(log.texts().empty());
 }
+
+TEST(SessionDataPathTest, ARemovalThatCrossesTheFarSidesAnnouncementStaysRemoved)
+{
+  LinkedSessions s;
+  s.start(params(true), params(true));
+  ASSERT_TRUE(s.settle());
+  auto* o = new Carafe::Node(&s.a, "o");
+  o->addAttribute("x", new Int());
+  ASSERT_TRUE(s.exchange());
+  ASSERT_NE(at<Int>(s.b, "o/x"), nullptr);
+  // b announces the attribute it just made while a removes it: the two cross on the way.
+  o->removeAttribute("x");
+  ASSERT_TRUE(s.settle());
+  EXPECT_EQ(at<Int>(s.a, "o/x"), nullptr);
+  EXPECT_EQ(at<Int>(s.b, "o/x"), nullptr);
+  // Added again later, it comes back on both sides.
+  o->addAttribute("x", new Int());
+  ASSERT_TRUE(s.settle());
+  EXPECT_NE(at<Int>(s.b, "o/x"), nullptr);
+}
+
+TEST(SessionDataPathTest, WhatAnEarlierSessionCreatedGoesWhenItsOwnerRemovesItLater)
+{
+  LinkedSessions s;
+  auto* kept = new Int();
+  s.b.addAttribute("mine", kept);   // b's own, announced by a as well
+  s.a.addAttribute("mine", new Int());
+  s.a.addAttribute("x", new Int());
+  s.start(params(true), params(true));
+  ASSERT_TRUE(s.settle());
+  ASSERT_NE(s.b.attribute("x"), nullptr);
+
+  // A new session over the same trees, as after a reconnect.
+  s.start(params(true), params(true));
+  ASSERT_TRUE(s.settle());
+  s.a.removeAttribute("x");
+  s.a.removeAttribute("mine");
+  ASSERT_TRUE(s.settle());
+  EXPECT_EQ(s.b.attribute("x"), nullptr);
+  EXPECT_EQ(s.b.attribute("mine"), kept);
+}

@@ -94,10 +94,14 @@ namespace Plexa
       }
 
       Carafe::Attribute* attribute = node->attribute(name);
-      session->existedLocally = attribute != nullptr;
+      // An attribute an earlier session created for the peer is still the peer's.
+      session->existedLocally = attribute != nullptr && !m_node.isCreatedByPeer(attribute);
       if (!attribute) {
+        // Written before the peer had seen this side remove the attribute (typically its echo of
+        // our own announcement): the removal is on its way and wins, so nothing is created.
+        const bool removedHere = session->removedSequence != 0 && acknowledged < session->removedSequence;
         std::unique_ptr<Carafe::Attribute> created;
-        if (m_createMissingAttributes && mayCreate())
+        if (m_createMissingAttributes && !removedHere && mayCreate())
           created.reset(m_types.createAttribute(typeId));
         if (created) {
           session->deserializer = createDeserializer(*session, created.get());
@@ -116,6 +120,7 @@ namespace Plexa
           if (node->addAttribute(name, raw)) {
             created.release();
             ++m_created;
+            m_node.markCreatedByPeer(raw);
             m_node.processPendingAdditions();
           } else {
             // The deserializer captured the attribute that is about to go.

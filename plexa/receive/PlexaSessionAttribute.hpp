@@ -51,6 +51,9 @@ namespace Plexa
     uint32_t size = 0;
     /// Sequence of the last bundle in which this side sent the attribute; 0 after a removal.
     uint32_t lastSentSequence = 0;
+    /// Sequence of the bundle in which this side sent its removal; 0 once announced again. An
+    /// announcement the peer wrote before it had seen that bundle does not bring it back.
+    uint32_t removedSequence = 0;
 
     /// The local attribute was there when the peer announced it (false: the receiver created it,
     /// so the peer's removal deletes it again).

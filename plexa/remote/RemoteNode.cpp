@@ -203,6 +203,11 @@ namespace Plexa
       queueNotify(event.symbol);
       break;
     case NodeWatcher::AttributeRemoved: {
+      // The cache still holds the attribute while its removal is reported.
+      if (!m_createdByPeer.empty()) {
+        if (Carafe::Attribute* attribute = m_cache.find(event.symbol))
+          m_createdByPeer.erase(attribute);
+      }
       std::lock_guard<std::mutex> lock(m_updateMutex);
       if (m_notifySet.erase(event.symbol) != 0)
         m_notifyList.erase(std::find(m_notifyList.begin(), m_notifyList.end(), event.symbol));

@@ -131,6 +131,12 @@ namespace Plexa
     SyncFlags& syncFlags() { return m_syncFlags; }
     NodeWatcher& nodeWatcher() { return *m_watcher; }
 
+    /// Marks an attribute that a session created because the peer announced it. The mark lasts
+    /// as long as the attribute stays in the tree, across sessions: the peer's removal then
+    /// deletes it in a later session too, instead of leaving a copy behind. Application thread.
+    void markCreatedByPeer(Carafe::Attribute* attribute) { m_createdByPeer.insert(attribute); }
+    bool isCreatedByPeer(Carafe::Attribute* attribute) const { return m_createdByPeer.count(attribute) != 0; }
+
     /// Cap on the bytes held by the peer's unfinished sliced events (default 256 MiB).
     void setMaxSlicedEventBytes(int64_t bytes) { m_slices.setMaxBytes(bytes); }
     int64_t slicedEventBytes() const { return m_slices.heldBytes(); }
@@ -165,6 +171,8 @@ namespace Plexa
     std::vector<PendingAttributeListener> m_pendingListeners;
     std::vector<SyncFlagSetting> m_syncFlagSettings;
     std::unordered_map<uint32_t, std::map<unsigned long, AttributeCallback>> m_attributeListeners;
+    /// Attributes in the tree that sessions created for the peer; forgotten when they leave it.
+    std::unordered_set<Carafe::Attribute*> m_createdByPeer;
     unsigned long m_nextAttributeListenerKey = 0;
 
     std::shared_mutex m_eventListenerLock;

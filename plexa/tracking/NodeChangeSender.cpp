@@ -325,6 +325,7 @@ namespace Plexa
     if (hasValue)
       session.serializer(w);
     session.reAdded = false;
+    session.removedSequence = 0;
     session.lastSentSequence = output.sequence();
   }
 
@@ -343,10 +344,11 @@ namespace Plexa
     session.serializer(w);
   }
 
-  void NodeChangeSender::sendRemoved(PlexaSessionAttribute& session, BundleOutput&)
+  void NodeChangeSender::sendRemoved(PlexaSessionAttribute& session, BundleOutput& output)
   {
     m_writer.core().writeValue(session.symbol);
     session.lastSentSequence = 0;
+    session.removedSequence = output.sequence();
   }
 
   void NodeChangeSender::sendEvents(const std::vector<RemoteNode::Event>& events, BundleOutput& output)
