@@ -42,23 +42,6 @@ namespace
     return values;
   }
 
-  /// A new attribute of `typeId` holding the sample value of its type.
-  Carafe::Attribute* sampleAttribute(const TypeRegistry& types, uint32_t typeId)
-  {
-    Carafe::Attribute* attribute = types.createAttribute(typeId);
-    const auto samples = TypeSamples::sampleValues();
-    const auto sample = samples.find(typeId);
-    const VariantSerializer write = types.createVariantSerializer(typeId);
-    if (sample != samples.end() && write) {
-      QByteArray bytes;
-      BundleWriterCore writer(bytes);
-      write(writer, sample->second);
-      BundleReaderCore reader(bytes, 0);
-      types.createDeserializer(typeId, attribute)(reader);
-    }
-    return attribute;
-  }
-
   template <typename A>
   A* at(Carafe::Node& root, const QByteArray& path)
   {
@@ -178,7 +161,7 @@ TEST(SessionDataPathTest, EveryRegisteredTypeCrossesBothWaysChangesAndGoesAway)
   const std::vector<uint32_t> ids = types.registeredTypeIds();
   auto* there = new Carafe::Node(&s.a, "there");
   for (uint32_t id : ids)
-    there->addAttribute("t" + QByteArray::number(id), sampleAttribute(types, id));
+    there->addAttribute("t" + QByteArray::number(id), TypeSamples::sampleAttribute(id));
   s.start(params(true), params(true));
   ASSERT_TRUE(s.settle());
   auto snapA = snapshot(s.a);
@@ -190,7 +173,7 @@ TEST(SessionDataPathTest, EveryRegisteredTypeCrossesBothWaysChangesAndGoesAway)
   // The other way: attributes made on b appear on a.
   auto* back = new Carafe::Node(&s.b, "back");
   for (uint32_t id : ids)
-    back->addAttribute("t" + QByteArray::number(id), sampleAttribute(types, id));
+    back->addAttribute("t" + QByteArray::number(id), TypeSamples::sampleAttribute(id));
   ASSERT_TRUE(s.settle());
   EXPECT_EQ(snapshot(s.a).size(), 2 * ids.size());
   EXPECT_EQ(snapshot(s.a), snapshot(s.b));

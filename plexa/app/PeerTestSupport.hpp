@@ -71,24 +71,7 @@ namespace PlexaTest
     return state;
   }
 
-  /// A new attribute of `typeId` holding the sample value of its type (the default value when the
-  /// type has no sample).
-  inline Carafe::Attribute* sampleAttribute(uint32_t typeId)
-  {
-    const Plexa::TypeRegistry types;
-    Carafe::Attribute* attribute = types.createAttribute(typeId);
-    const auto samples = Plexa::TypeSamples::sampleValues();
-    const auto sample = samples.find(typeId);
-    const Plexa::VariantSerializer write = types.createVariantSerializer(typeId);
-    if (attribute && sample != samples.end() && write) {
-      QByteArray bytes;
-      Plexa::BundleWriterCore writer(bytes);
-      write(writer, sample->second);
-      Plexa::BundleReaderCore reader(bytes, 0);
-      types.createDeserializer(typeId, attribute)(reader);
-    }
-    return attribute;
-  }
+  inline Carafe::Attribute* sampleAttribute(uint32_t typeId) { return Plexa::TypeSamples::sampleAttribute(typeId); }
 
   /// The attribute of class A at `path` (slash-separated) below `root`, or null.
   template <typename A>

@@ -10,6 +10,7 @@
 
 using namespace Plexa;
 using SessionTest::BundleBytes;
+using SessionTest::bitsOf;
 
 namespace
 {
@@ -19,12 +20,6 @@ namespace
   constexpr uint32_t UpdateType = 12;
   constexpr uint32_t RemoveType = 13;
 
-  uint32_t bitsOf(float f)
-  {
-    uint32_t bits;
-    std::memcpy(&bits, &f, 4);
-    return bits;
-  }
 }
 
 TEST(AttributeRemoveReceiverTest, CreatedAttributesGoLocalOnesStayAndBothReadLaterUpdatesPast)

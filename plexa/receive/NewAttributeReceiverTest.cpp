@@ -12,6 +12,7 @@
 
 using namespace Plexa;
 using SessionTest::BundleBytes;
+using SessionTest::bitsOf;
 
 namespace
 {
@@ -22,12 +23,6 @@ namespace
   constexpr uint32_t StringId = 35;
   constexpr uint32_t NewType = 11;
 
-  uint32_t bitsOf(float f)
-  {
-    uint32_t bits;
-    std::memcpy(&bits, &f, 4);
-    return bits;
-  }
 
   /// One AttributeNew record of a float with a value.
   BundleBytes& floatRecord(BundleBytes& b, uint32_t symbol, float value)

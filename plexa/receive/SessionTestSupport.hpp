@@ -22,6 +22,7 @@
 #include <QByteArray>
 
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <map>
 
@@ -29,6 +30,14 @@ namespace Plexa
 {
   namespace SessionTest
   {
+    /// The bits of a float, as a record word.
+    inline uint32_t bitsOf(float f)
+    {
+      uint32_t bits;
+      std::memcpy(&bits, &f, 4);
+      return bits;
+    }
+
     /// Builds one bundle: the header, then whatever is appended; `bundle()` fills in the size.
     class BundleBytes
     {

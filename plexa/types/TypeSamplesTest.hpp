@@ -3,7 +3,10 @@
 // Test helper (not installed): one non-default value per registered type id, as the QVariant its
 // variant serializer takes. Tests, the fuzz target's seeds and the benchmark use it.
 
+#include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/bundle/BundleWriterCore.hpp"
 #include "plexa/types/MetaTypes.hpp"
+#include "plexa/types/TypeRegistry.hpp"
 
 #include <QStringList>
 #include <QVariant>
@@ -75,6 +78,25 @@ namespace Plexa
         {51, QVariant(QStringLiteral("assets/logo.png"))},
         {52, QVariant::fromValue(Quiver::Sizei(1920, 1080))},
       };
+    }
+
+    /// A new attribute of `typeId` holding the sample value of its type (the default value when
+    /// the type has no sample); null for an unregistered id.
+    inline Carafe::Attribute* sampleAttribute(uint32_t typeId)
+    {
+      const TypeRegistry types;
+      Carafe::Attribute* attribute = types.createAttribute(typeId);
+      const auto samples = sampleValues();
+      const auto sample = samples.find(typeId);
+      const VariantSerializer write = types.createVariantSerializer(typeId);
+      if (attribute && sample != samples.end() && write) {
+        QByteArray bytes;
+        BundleWriterCore writer(bytes);
+        write(writer, sample->second);
+        BundleReaderCore reader(bytes, 0);
+        types.createDeserializer(typeId, attribute)(reader);
+      }
+      return attribute;
     }
   }
 }
