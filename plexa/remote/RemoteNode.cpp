@@ -189,10 +189,13 @@ namespace Plexa
     switch (event.type) {
     case NodeWatcher::AttributeAdded:
       if (!m_pendingListeners.empty() || !m_syncFlagSettings.empty()) {
-        // One lookup and one conversion of the path for all the patterns.
+        // One lookup and at most one conversion of the path for all the patterns; none when the
+        // built-in id rule is the only one.
         QByteArray path;
         if (m_registry.lookup(event.symbol, path)) {
-          const QString text = QString::fromUtf8(path);
+          const bool onlyIdRule = m_pendingListeners.empty() && m_syncFlagSettings.size() == 1 &&
+                                  m_syncFlagSettings.front().idRule;
+          const QString text = onlyIdRule ? QString() : QString::fromUtf8(path);
           checkForPendingListeners(event.symbol, text);
           checkForSyncFlags(event.symbol, path, text);
         }

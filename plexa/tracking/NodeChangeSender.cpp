@@ -138,16 +138,22 @@ namespace Plexa
       Bastion::warning("NodeChangeSender::ignoreOne # Called for an already ignored symbol");
     else
       m_ignored.push_back(event);
+    m_ignoredCount.store(m_ignored.size(), std::memory_order_release);
   }
 
   bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event& event)
   {
+    // Requests are made and used up on the update thread, so a count of 0 read here cannot miss
+    // a request that concerns this event.
+    if (m_ignoredCount.load(std::memory_order_acquire) == 0)
+      return false;
     std::lock_guard<std::mutex> lock(m_changeMutex);
     const auto it = std::find(m_ignored.begin(), m_ignored.end(), event);
     if (it == m_ignored.end())
       return false;
     *it = m_ignored.back();
     m_ignored.pop_back();
+    m_ignoredCount.store(m_ignored.size(), std::memory_order_release);
     return true;
   }
 

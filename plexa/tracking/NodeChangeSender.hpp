@@ -6,6 +6,7 @@
 #include "plexa/tracking/AttributeChangeCompressor.hpp"
 #include "plexa/tracking/NodeWatcher.hpp"
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <unordered_set>
@@ -112,6 +113,9 @@ namespace Plexa
     /// At most a handful at a time (each applied value brackets one), so a plain vector: no
     /// allocation per applied value.
     std::vector<NodeWatcher::Event> m_ignored;
+    /// Size of m_ignored, written under the mutex: every local change asks whether it is ignored,
+    /// and while nothing is, the answer needs no lock.
+    std::atomic<size_t> m_ignoredCount{0};
 
     // ---- Guarded by m_eventMutex ----
     std::mutex m_eventMutex;

@@ -484,8 +484,12 @@ namespace Plexa
       Bastion::error("NodeWatcher::processPendingAdded # Could not find attribute in cache");
       return;
     }
+    // Only nodes and aliases need their path (for their children's); a plain attribute, by far
+    // the most common addition, is described by its symbol alone.
     QByteArray path;
-    if (!m_registry.lookup(record.symbol, path))
+    const bool needsPath =
+      dynamic_cast<Carafe::AttributeAlias*>(attribute) != nullptr || dynamic_cast<Carafe::Node*>(attribute) != nullptr;
+    if (needsPath && !m_registry.lookup(record.symbol, path))
       path.clear();
     somethingAdded(attribute, path, record.symbol, record.send);
   }
