@@ -494,6 +494,10 @@ namespace
     Plexa::Peer peer(root);
     if (!peer.listen("127.0.0.1", 0))
       return {};
+    // A running application's tree is described by its update loop as it is built; do that here
+    // before the far side starts, as Qt Remote Objects' sources are complete before its replica
+    // starts, so the time measured is the mirroring alone.
+    peer.update();
     ChildProcess child(run.self, run.childArgs("plexa-snapshot", peer.listeningPort()));
     std::string line;
     if (!child.readLine(line, 60, [&] { plexaPump(peer); }))
