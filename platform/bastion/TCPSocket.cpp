@@ -308,6 +308,30 @@ namespace Bastion
     return done;
   }
 
+  int TCPSocket::writeSome(const void* buf, int size)
+  {
+    Descriptor fd = m_d->current();
+    if (!fd)
+      return -1;
+    const char* in = static_cast<const char*>(buf);
+    int done = 0;
+    while (done < size) {
+      const ssize_t n =
+        ::send(*fd, in + done, size_t(std::min(size - done, SendChunkSize)), MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n > 0) {
+        done += int(n);
+        m_txBytes.fetch_add(uint64_t(n), std::memory_order_relaxed);
+      } else if (n < 0 && errno == EINTR) {
+        continue;
+      } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        break;
+      } else {
+        return done > 0 ? done : -1;
+      }
+    }
+    return done;
+  }
+
   void TCPSocket::close()
   {
     Guard g(m_d->mutex);

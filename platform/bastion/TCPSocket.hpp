@@ -42,6 +42,9 @@ namespace Bastion
     /// Blocks until all `size` bytes were written; returns the count written (less = failure).
     /// Never raises SIGPIPE.
     int write(const void* buf, int size);
+    /// Writes what the socket takes without waiting: returns the count written (0 when the send
+    /// buffer is full), or -1 after an error or when the socket is closed. Never raises SIGPIPE.
+    int writeSome(const void* buf, int size);
 
     /// Shuts the connection down and releases the descriptor once no call is inside. Any thread,
     /// idempotent.

@@ -331,3 +331,39 @@ TEST(TCPServerSocket, PendingConnectionIsFalseOnTimeoutAndAfterClose)
   EXPECT_EQ(server.accept(), nullptr);
   server.close();
 }
+
+// writeSome never waits: it takes what fits, returns 0 once the peer stops reading and the
+// buffers are full, -1 after close, and the bytes it did write arrive intact and in order.
+TEST(TCPSocket, WriteSomeTakesWhatFitsWithoutBlocking)
+{
+  Pair p;
+  ASSERT_TRUE(p.accepted);
+  ASSERT_EQ(p.client.writeSome("hello", 5), 5);
+  char buf[5];
+  ASSERT_EQ(p.accepted->read(buf, 5), 5);
+  EXPECT_EQ(QByteArray(buf, 5), QByteArray("hello"));
+
+  // The peer does not read: the buffers fill, and writeSome comes back instead of blocking.
+  std::vector<char> big(1 << 20);
+  for (size_t i = 0; i < big.size(); ++i)
+    big[i] = char(i * 31 + 7);
+  int64_t total = 0;
+  int last = 1;
+  const auto until = Clock::now() + Deadline;
+  while (last != 0 && Clock::now() < until) {
+    last = p.client.writeSome(big.data() + total % int64_t(big.size()),
+                              int(big.size() - size_t(total % int64_t(big.size()))));
+    ASSERT_GE(last, 0);
+    total += last;
+  }
+  EXPECT_EQ(last, 0);
+  EXPECT_EQ(p.client.bytesSent(), uint64_t(total) + 5);
+  // Everything written arrives in order.
+  std::vector<char> got(static_cast<size_t>(total));
+  ASSERT_EQ(p.accepted->read(got.data(), int(total)), int(total));
+  for (int64_t i = 0; i < total; i += 4093)
+    ASSERT_EQ(got[size_t(i)], big[size_t(i % int64_t(big.size()))]) << i;
+
+  p.client.close();
+  EXPECT_EQ(p.client.writeSome("x", 1), -1);
+}

@@ -9,6 +9,7 @@
 #include "bastion/Log.hpp"
 #include "bastion/Mutex.hpp"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -404,7 +405,7 @@ namespace Plexa
     row.size = size;
     row.totalParts = parts;
     row.currentParts = 0;
-    row.hash = std::make_shared<QCryptographicHash>(QCryptographicHash::Md5);
+    row.hash = std::make_shared<RunningMd5>();
     row.stamp = owner;
     d->downloadList.insert(deepCopy(path), row);
     return true;
@@ -442,10 +443,16 @@ namespace Plexa
 
   void AssetBase::downloadListAddHashData(const QString& path, const QByteArray& data)
   {
+    // Hashed outside the download lock, which other connections need meanwhile.
+    if (const std::shared_ptr<RunningMd5> hash = downloadListHash(path))
+      hash->addData(data);
+  }
+
+  std::shared_ptr<RunningMd5> AssetBase::downloadListHash(const QString& path) const
+  {
     Bastion::Guard guard(d->downloadMutex);
-    auto it = d->downloadList.find(path);
-    if (it != d->downloadList.end())
-      it->hash->addData(data);
+    auto it = d->downloadList.constFind(path);
+    return it == d->downloadList.cend() ? nullptr : it->hash;
   }
 
   QString AssetBase::downloadListMD5(const QString& path) const
@@ -457,9 +464,8 @@ namespace Plexa
 
   QString AssetBase::downloadListPartMD5(const QString& path) const
   {
-    Bastion::Guard guard(d->downloadMutex);
-    auto it = d->downloadList.constFind(path);
-    return it == d->downloadList.cend() ? QString() : QString::fromLatin1(it->hash->result().toHex());
+    const std::shared_ptr<RunningMd5> hash = downloadListHash(path);
+    return hash ? QString::fromLatin1(hash->result().toHex()) : QString();
   }
 
   QDateTime AssetBase::downloadListStartTime(const QString& path) const

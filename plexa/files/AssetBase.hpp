@@ -1,9 +1,10 @@
 #pragma once
 
+#include "plexa/files/RunningMd5.hpp"
+
 #include "bastion/TimeStamp.hpp"
 
 #include <QByteArray>
-#include <QCryptographicHash>
 #include <QDateTime>
 #include <QList>
 #include <QMap>
@@ -41,7 +42,7 @@ namespace Plexa
       qint64 totalParts = 0;
       qint64 currentParts = 0;
       /// Download list only: MD5 of the bytes received so far (null in the file list).
-      std::shared_ptr<QCryptographicHash> hash;
+      std::shared_ptr<RunningMd5> hash;
       /// File list: when the row was made. Download list: the connected time of the connection
       /// that started the download, which owns it (see clearDownloadList).
       Bastion::TimeStamp stamp;
@@ -89,6 +90,9 @@ namespace Plexa
     void downloadListAddHashData(const QString& path, const QByteArray& data);
     /// The announced MD5 as 32 lower-case hexadecimal digits; empty if absent.
     QString downloadListMD5(const QString& path) const;
+    /// The running MD5 of the download of `path`, to be fed from another thread (see PartHasher);
+    /// null if `path` is not being downloaded.
+    std::shared_ptr<RunningMd5> downloadListHash(const QString& path) const;
     /// The MD5 of the bytes received so far, as 32 lower-case hexadecimal digits; empty if absent.
     QString downloadListPartMD5(const QString& path) const;
     /// When the download was entered; an invalid date-time if absent.

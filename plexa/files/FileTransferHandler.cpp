@@ -3,6 +3,7 @@
 #include "plexa/files/AssetBase.hpp"
 #include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/files/FileTransferFormat.hpp"
+#include "plexa/files/PartHasher.hpp"
 #include "plexa/files/RootDirectory.hpp"
 #include "plexa/net/WriterThread.hpp"
 
@@ -128,6 +129,9 @@ namespace Plexa
 
     // Constant after construction.
     long drainListener = -1;
+
+    // Fed by the connection thread only.
+    PartHasher hasher;
   };
 
   FileTransferHandler::FileTransferHandler(Bastion::TCPSocket* socket, bool accepted, AssetBase& assets)
@@ -339,7 +343,8 @@ namespace Plexa
       return;
     }
     d->assets.increasePartCount(path);
-    d->assets.downloadListAddHashData(path, bytes);
+    // Hashed on the hasher's thread while this one goes on reading; waited for before the check.
+    d->hasher.add(d->assets.downloadListHash(path), bytes);
 
     const qint64 current = d->assets.currentParts(path);
     const bool done = current == total || total == 0;
@@ -349,8 +354,10 @@ namespace Plexa
       transferProgress(sinceReport, path);
       sinceReport = 0;
     }
-    if (done)
+    if (done) {
+      d->hasher.waitIdle();
       finishDownload(path);
+    }
   }
 
   void FileTransferHandler::finishDownload(const QString& path)

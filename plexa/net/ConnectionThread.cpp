@@ -221,6 +221,12 @@ namespace Plexa
     return socket ? qMax(0, socket->write(data, size)) : 0;
   }
 
+  int ConnectionThread::writeSocketSome(const char* data, int size)
+  {
+    Bastion::TCPSocket* socket = m_socket.load();
+    return socket ? socket->writeSome(data, size) : -1;
+  }
+
   // ---- thread body ----
 
   void ConnectionThread::childLoop()

@@ -193,6 +193,8 @@ namespace Plexa
     bool beforeRead();
     /// Writes without logging, for the writer thread; the number of bytes written.
     int writeSocket(const char* data, int size);
+    /// Writes what the socket takes without waiting, for the writer; -1 after an error.
+    int writeSocketSome(const char* data, int size);
     void waitBeforeRetry(Bastion::TimeStamp start);
     void handOverPending();
     void lineLoop();

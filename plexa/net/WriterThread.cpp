@@ -57,10 +57,54 @@ namespace Plexa
     entry.parts = parts;
     entry.name = name;
     entry.size = sizeOf(parts);
+    Bastion::Mutex& writeMutex = m_connection->writeMutex();
+    {
+      Bastion::Guard guard(m_mutex);
+      // Only try the socket here when the entry would be next anyway; tryLock, because whoever
+      // holds the write mutex (a line of the connection thread, a task) may be waiting for us.
+      const bool direct = m_running && !m_writing && m_queue.empty() && m_tasks.empty() && entry.size > 0 &&
+                          entry.size <= NetFormat::WriteChunkBytes && writeMutex.tryLock();
+      if (!direct)
+      {
+        m_bufferedBytes += entry.size;
+        m_queue.push_back(std::move(entry));
+        m_condition.wakeAll();
+        return;
+      }
+      m_writing = true;
+    }
+    entry.sent = writeDirect(entry);
+    writeMutex.unlock();
+
     Bastion::Guard guard(m_mutex);
-    m_bufferedBytes += entry.size;
-    m_queue.push_back(std::move(entry));
-    m_condition.wakeAll();
+    m_writing = false;
+    if (entry.sent < entry.size)
+    {
+      // The socket took only part of it (or failed): the writer finishes it, ahead of anything
+      // queued meanwhile, and meets the error itself if there was one.
+      m_bufferedBytes += entry.size - entry.sent;
+      m_queue.push_front(std::move(entry));
+    }
+    if (!m_queue.empty() || !m_tasks.empty())
+      m_condition.wakeAll();
+  }
+
+  int64_t WriterThread::writeDirect(const Entry& entry)
+  {
+    int64_t sent = 0;
+    for (const QByteArray& part : entry.parts)
+    {
+      if (part.isEmpty())
+        continue;
+      const int written = m_connection->writeSocketSome(part.constData(), part.size());
+      if (written > 0)
+        sent += written;
+      if (written != part.size())
+        break;
+      // Each part is within one chunk here: one event per part, as the writer thread reports.
+      sendProgress(entry.name, part.size());
+    }
+    return sent;
   }
 
   void WriterThread::writeData(const QByteArray& data, const QByteArray& name)
@@ -76,7 +120,9 @@ namespace Plexa
       int64_t removed = 0;
       for (auto it = m_queue.begin(); it != m_queue.end();)
       {
-        if (it->name == name)
+        // An entry that a direct write began is on its way already: dropping its rest would cut a
+        // message in two.
+        if (it->name == name && it->sent == 0)
         {
           removed += it->size;
           it = m_queue.erase(it);
@@ -166,8 +212,39 @@ namespace Plexa
     return callbacks;
   }
 
+  void WriterThread::sendProgress(const QByteArray& name, int bytes)
+  {
+    Bastion::BinaryData progress;
+    progress.writeString(name);
+    progress.writeInt32(bytes);
+    eventSend("data-written", progress);
+  }
+
+  bool WriterThread::writeRest(const Entry& entry)
+  {
+    Bastion::Guard writeGuard(m_connection->writeMutex());
+    int64_t skip = entry.sent;
+    for (const QByteArray& part : entry.parts)
+    {
+      if (skip >= part.size())
+      {
+        skip -= part.size();
+        continue;
+      }
+      const int size = part.size() - int(skip);
+      if (m_connection->writeSocket(part.constData() + skip, size) != size)
+        return false;
+      skip = 0;
+      // A direct write only begins entries of one chunk: the part is the chunk.
+      sendProgress(entry.name, part.size());
+    }
+    return true;
+  }
+
   bool WriterThread::writeEntry(const Entry& entry)
   {
+    if (entry.sent > 0)
+      return writeRest(entry);
     // The whole entry goes out under the write mutex: a "plexa2" line and its bundles, or a file
     // part header and its bytes, must never have a pong line between them.
     Bastion::Guard writeGuard(m_connection->writeMutex());
@@ -184,10 +261,7 @@ namespace Plexa
           if (chunkStart + chunk > written)
             break;
           chunkStart += chunk;
-          Bastion::BinaryData progress;
-          progress.writeString(entry.name);
-          progress.writeInt32(chunk);
-          eventSend("data-written", progress);
+          sendProgress(entry.name, chunk);
         }
         if (written != piece)
           return false;
@@ -215,8 +289,12 @@ namespace Plexa
         ping.name = NetFormat::PingBufferName;
         ping.size = sizeOf(ping.parts);
         m_bufferedBytes += ping.size;
-        // Ahead of everything queued: behind megabytes of data it would arrive too late.
-        m_queue.push_front(std::move(ping));
+        // Ahead of everything queued (behind megabytes of data it would arrive too late), but
+        // behind the rest of an entry that is half written.
+        auto at = m_queue.begin();
+        if (at != m_queue.end() && at->sent > 0)
+          ++at;
+        m_queue.insert(at, std::move(ping));
         m_pingTime = now;
         m_pingReceivedBytes = m_connection->rxBytes();
         m_pingOutstanding = true;
@@ -240,7 +318,7 @@ namespace Plexa
     // size never goes negative as they drain.
     int64_t queued = 0;
     for (const Entry& entry : m_queue)
-      queued += entry.size;
+      queued += entry.size - entry.sent;
     m_bufferedBytes = queued;
     m_pingOutstanding = false;
     while (m_running)
@@ -272,11 +350,12 @@ namespace Plexa
         m_mutex.lock();
         continue;
       }
-      if (!m_queue.empty())
+      if (!m_queue.empty() && !m_writing)
       {
         Entry entry = std::move(m_queue.front());
         m_queue.pop_front();
-        std::vector<std::function<void()>> callbacks = subtractLocked(entry.size);
+        std::vector<std::function<void()>> callbacks = subtractLocked(entry.size - entry.sent);
+        m_writing = true;
         m_mutex.unlock();
         for (auto& callback : callbacks)
           callback();
@@ -287,6 +366,7 @@ namespace Plexa
           eventSend("error");
         }
         m_mutex.lock();
+        m_writing = false;
         continue;
       }
       if (!keepAliveLocked())
@@ -300,7 +380,7 @@ namespace Plexa
         m_mutex.lock();
         break;
       }
-      if (!m_queue.empty())
+      if (!m_queue.empty() && !m_writing)
         continue;
       m_condition.wait(m_mutex, NetFormat::WriterWakeMs);
     }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 using namespace PlexaTest;
 
@@ -179,4 +180,161 @@ TEST(WriterThread, PingTimeoutOnlyWhenPinging)
   EXPECT_TRUE(quiet.connection->isConnected());
   quiet.connection->queue("still here\n");
   EXPECT_EQ(quiet.client().readLine(), "still here");
+}
+
+namespace
+{
+  /// One test message: "<name> <seq> <len> <len letters>\n", split into a head and a body part so
+  /// that a message cut or interleaved anywhere fails the check on the reading side.
+  QList<QByteArray> message(const QByteArray& name, int seq, int length)
+  {
+    QByteArray body(length, Qt::Uninitialized);
+    for (int i = 0; i < length; ++i)
+      body[i] = char('a' + (seq + i) % 26);
+    body.append('\n');
+    return {name + ' ' + QByteArray::number(seq) + ' ' + QByteArray::number(length) + ' ', body};
+  }
+
+  bool checkMessage(const QByteArray& line, QByteArray& name, int& seq)
+  {
+    const QList<QByteArray> words = line.split(' ');
+    if (words.size() != 4)
+      return false;
+    bool seqOk = false, lengthOk = false;
+    name = words[0];
+    seq = words[1].toInt(&seqOk);
+    const int length = words[2].toInt(&lengthOk);
+    if (!seqOk || !lengthOk || words[3].size() != length)
+      return false;
+    for (int i = 0; i < length; ++i)
+      if (words[3][i] != char('a' + (seq + i) % 26))
+        return false;
+    return true;
+  }
+}
+
+// Several threads hand over small and large entries while the peer reads in bursts, so entries
+// are written directly, cut short by a full socket, queued behind one another and finished by the
+// writer thread, and meanwhile another thread keeps dropping its own entries: every message
+// arrives whole, each thread's in order, and the progress events add up to what each name sent.
+TEST(WriterThread, DirectAndQueuedWritesKeepEveryMessageWholeAndInOrder)
+{
+  Connected c(false);
+  Progress progress;
+  progress.attach(c.connection->writerThread());
+  ASSERT_TRUE(c.start());
+  Plexa::WriterThread* writer = c.connection->writerThread();
+
+  constexpr int Threads = 4, PerThread = 400;
+  std::atomic<bool> writing{true};
+  std::vector<int64_t> sentBytes(Threads, 0);
+  std::vector<std::thread> writers;
+  for (int t = 0; t < Threads; ++t) {
+    writers.emplace_back([&, t] {
+      const QByteArray name = "w" + QByteArray::number(t);
+      for (int seq = 0; seq < PerThread; ++seq) {
+        // Mostly below a chunk, every 16th well above it.
+        const int length = seq % 16 == 15 ? 40000 + seq : 1 + (seq * 997 + t * 131) % 9000;
+        const QList<QByteArray> parts = message(name, seq, length);
+        sentBytes[size_t(t)] += parts[0].size() + parts[1].size();
+        writer->writeData(parts, name);
+      }
+    });
+  }
+  std::thread dropper([&] {
+    for (int seq = 0; writing; ++seq) {
+      writer->writeData(message("junk", seq, 1 + seq % 3000), "junk");
+      if (seq % 3 == 0)
+        writer->removeFromBuffer("junk");
+    }
+  });
+
+  std::vector<int> next(Threads, 0);
+  int done = 0, lines = 0;
+  bool ok = true;
+  while (ok && done < Threads) {
+    const QByteArray line = c.client().readLine();
+    QByteArray name;
+    int seq = 0;
+    ok = checkMessage(line, name, seq);
+    EXPECT_TRUE(ok) << "cut or mixed message: " << line.left(80).constData();
+    if (ok && name != "junk") {
+      const int t = name.mid(1).toInt();
+      ASSERT_TRUE(t >= 0 && t < Threads);
+      EXPECT_EQ(seq, next[size_t(t)]) << name.constData();
+      next[size_t(t)] = seq + 1;
+      if (seq + 1 == PerThread)
+        ++done;
+    }
+    // Read in bursts, so the socket fills up now and then.
+    if (++lines % 300 == 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  writing = false;
+  for (std::thread& w : writers)
+    w.join();
+  dropper.join();
+  ASSERT_TRUE(ok);
+
+  // Every chunk of the named entries was reported, by whichever thread finished it.
+  const auto reported = [&] {
+    std::vector<int64_t> sums(Threads, 0);
+    for (const auto& chunk : progress.snapshot())
+      if (chunk.first.startsWith('w'))
+        sums[size_t(chunk.first.mid(1).toInt())] += chunk.second;
+    return sums;
+  };
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(WaitMs);
+  while (reported() != sentBytes && std::chrono::steady_clock::now() < until)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(reported(), sentBytes);
+}
+
+// While the writer is idle a small entry goes out on the caller's thread; once the peer stops
+// reading, the socket takes part of one, the writer thread finishes that one ahead of everything
+// queued after it, and the stream stays whole and in order.
+TEST(WriterThread, SmallEntryIsWrittenByTheCallerAndACutOneIsFinishedFirst)
+{
+  Connected c(false);
+  std::atomic<int> onCaller{0}, elsewhere{0};
+  const std::thread::id caller = std::this_thread::get_id();
+  Plexa::WriterThread* writer = c.connection->writerThread();
+  writer->eventAddListener("data-written", [&](Bastion::BinaryData&) {
+    ++(std::this_thread::get_id() == caller ? onCaller : elsewhere);
+  });
+  ASSERT_TRUE(c.start());
+
+  // Read at once, so the writer is idle for nearly each of them (the writer thread may still be
+  // leaving the handshake's or the last entry's write when the peer has the bytes already).
+  QByteArray name;
+  int seq = -1;
+  const int first = 20;
+  for (int i = 0; i < first; ++i) {
+    writer->writeData(message("m", i, 100), "m");
+    ASSERT_TRUE(checkMessage(c.client().readLine(), name, seq));
+    EXPECT_EQ(seq, i);
+  }
+  // Two parts, two events each; the events of a direct write come before writeData returns.
+  EXPECT_GE(onCaller.load(), first);
+
+  // The peer does not read: entries go out directly until one is cut short and the writer thread
+  // takes over with its rest; everything after it waits in the queue.
+  int sent = first;
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(WaitMs);
+  while (writer->bufferedDataSize() == 0 && elsewhere.load() == 0 && std::chrono::steady_clock::now() < until)
+    writer->writeData(message("m", sent, 9000 + sent % 5000), "m"), ++sent;
+  for (int i = 0; i < 40; ++i, ++sent)
+    writer->writeData(message("m", sent, 9000 + sent % 5000), "m");
+  EXPECT_GT(onCaller.load(), 2);
+
+  for (int expected = first; expected < sent; ++expected) {
+    ASSERT_TRUE(checkMessage(c.client().readLine(), name, seq)) << "message " << expected;
+    ASSERT_EQ(seq, expected);
+  }
+  ASSERT_TRUE(writer->waitForDrain(1, WaitMs));
+  const auto reportedAll = std::chrono::steady_clock::now() + std::chrono::milliseconds(WaitMs);
+  while (onCaller.load() + elsewhere.load() < 2 * sent && std::chrono::steady_clock::now() < reportedAll)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  EXPECT_EQ(onCaller.load() + elsewhere.load(), 2 * sent);
+  EXPECT_GT(elsewhere.load(), 0);
 }
