@@ -122,7 +122,11 @@ namespace Plexa
       // Cheap when already woken: the watcher calls this for every change of a busy tree.
       if (woken.exchange(true))
         return;
-      Bastion::Guard guard(wakeMutex);
+      // Passing through the mutex orders the flag before a waiter that checked it and is about to
+      // wait; waking after the unlock spares the waiter from blocking on the mutex straight away.
+      {
+        Bastion::Guard guard(wakeMutex);
+      }
       wakeCondition.wakeAll();
     }
 

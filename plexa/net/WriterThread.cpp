@@ -6,6 +6,7 @@
 #include "plexa/net/ConnectionThread.hpp"
 #include "plexa/net/NetFormat.hpp"
 
+#include <cstring>
 #include <exception>
 
 namespace Plexa
@@ -91,20 +92,13 @@ namespace Plexa
 
   int64_t WriterThread::writeDirect(const Entry& entry)
   {
-    int64_t sent = 0;
-    for (const QByteArray& part : entry.parts)
-    {
-      if (part.isEmpty())
-        continue;
-      const int written = m_connection->writeSocketSome(part.constData(), part.size());
-      if (written > 0)
-        sent += written;
-      if (written != part.size())
-        break;
-      // Each part is within one chunk here: one event per part, as the writer thread reports.
-      sendProgress(entry.name, part.size());
-    }
-    return sent;
+    // The entry is within one chunk: its parts go out in one socket call, as one packet.
+    char buffer[NetFormat::WriteChunkBytes];
+    const int size = gather(entry, 0, entry.parts.size(), buffer);
+    const int written = qMax(0, m_connection->writeSocketSome(buffer, size));
+    // One event per part written in full, as the writer thread reports parts within a chunk.
+    reportParts(entry, 0, entry.parts.size(), written);
+    return written;
   }
 
   void WriterThread::writeData(const QByteArray& data, const QByteArray& name)
@@ -241,6 +235,43 @@ namespace Plexa
     return true;
   }
 
+  int WriterThread::smallPartsEnd(const Entry& entry, int from)
+  {
+    int end = from;
+    int64_t total = 0;
+    while (end < entry.parts.size() && entry.parts[end].size() <= NetFormat::WriteChunkBytes &&
+           total + entry.parts[end].size() <= NetFormat::WriteGatherBytes)
+      total += entry.parts[end++].size();
+    return end;
+  }
+
+  int WriterThread::gather(const Entry& entry, int from, int end, char* out)
+  {
+    int size = 0;
+    for (int i = from; i < end; ++i)
+    {
+      std::memcpy(out + size, entry.parts[i].constData(), size_t(entry.parts[i].size()));
+      size += entry.parts[i].size();
+    }
+    return size;
+  }
+
+  bool WriterThread::reportParts(const Entry& entry, int from, int end, int64_t written)
+  {
+    int64_t covered = 0;
+    for (int i = from; i < end; ++i)
+    {
+      const int size = entry.parts[i].size();
+      if (size == 0)
+        continue;
+      if (covered + size > written)
+        return false;
+      covered += size;
+      sendProgress(entry.name, size);
+    }
+    return true;
+  }
+
   bool WriterThread::writeEntry(const Entry& entry)
   {
     if (entry.sent > 0)
@@ -248,8 +279,23 @@ namespace Plexa
     // The whole entry goes out under the write mutex: a "plexa2" line and its bundles, or a file
     // part header and its bytes, must never have a pong line between them.
     Bastion::Guard writeGuard(m_connection->writeMutex());
-    for (const QByteArray& part : entry.parts)
+    for (int i = 0; i < entry.parts.size();)
     {
+      // Runs of small parts (a line and its bundles) go out in one socket call: one call per part
+      // would cost a system call and a packet each, and the peer a wake-up for each packet.
+      const int end = smallPartsEnd(entry, i);
+      if (end - i > 1)
+      {
+        if (m_gather.empty())
+          m_gather.resize(size_t(NetFormat::WriteGatherBytes));
+        const int size = gather(entry, i, end, m_gather.data());
+        const int written = m_connection->writeSocket(m_gather.data(), size);
+        if (!reportParts(entry, i, end, written) || written != size)
+          return false;
+        i = end;
+        continue;
+      }
+      const QByteArray& part = entry.parts[i++];
       for (int offset = 0; offset < part.size();)
       {
         const int piece = qMin(NetFormat::WriteGatherBytes, part.size() - offset);

@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <vector>
 
 namespace Plexa
 {
@@ -109,6 +110,14 @@ namespace Plexa
     bool writeRest(const Entry& entry);
     /// Writes `entry` without waiting, the write mutex held; the bytes written.
     int64_t writeDirect(const Entry& entry);
+    /// The end of the run of parts from `from` on that are each within a chunk and together
+    /// within a gathered socket call.
+    static int smallPartsEnd(const Entry& entry, int from);
+    /// Copies parts [from, end) to `out`; their size.
+    static int gather(const Entry& entry, int from, int end, char* out);
+    /// Sends the progress of parts [from, end) of which `written` bytes went out: one event per
+    /// non-empty part written in full. False when not all of them were.
+    bool reportParts(const Entry& entry, int from, int end, int64_t written);
     void sendProgress(const QByteArray& name, int bytes);
     /// The keep-alive step; false when the peer timed out and the loop must end.
     bool keepAliveLocked() BASTION_REQUIRES(m_mutex);
@@ -133,6 +142,8 @@ namespace Plexa
     /// An entry is being written (by this thread or a direct writer): nobody else takes one.
     bool m_writing BASTION_GUARDED_BY(m_mutex) = false;
 
+    // Writer thread only: where runs of small parts are gathered for one socket call.
+    std::vector<char> m_gather;
     // Writer thread only: the ping in flight.
     bool m_pingOutstanding = false;
     Bastion::TimeStamp m_pingTime;
