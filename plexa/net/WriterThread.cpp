@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <exception>
+#include <iterator>
 
 namespace Plexa
 {
@@ -360,11 +361,15 @@ namespace Plexa
   void WriterThread::childLoop()
   {
     m_mutex.lock();
+    // The rest of a message that a direct write began belongs to the stream that ended with the
+    // last run: on a new connection it would arrive without its beginning.
+    for (auto it = m_queue.begin(); it != m_queue.end();)
+      it = it->sent > 0 ? m_queue.erase(it) : std::next(it);
     // Entries queued while the loop was stopped are still there: count them, so the buffered
     // size never goes negative as they drain.
     int64_t queued = 0;
     for (const Entry& entry : m_queue)
-      queued += entry.size - entry.sent;
+      queued += entry.size;
     m_bufferedBytes = queued;
     m_pingOutstanding = false;
     while (m_running)
