@@ -102,6 +102,47 @@ TEST_F(AssetBaseTest, RebuildHashesOnlyNewOrChangedFiles)
   EXPECT_EQ(store.fileList().keys(), list.keys());
 }
 
+// A rescan finds old rows by walking the list alongside the folders, falling back to a lookup when
+// the walk meets them in another order ("/a/x" is walked before "/a-b" but sorts after it) or a
+// row goes missing: the list it returns is still exactly the files present, with their rows.
+TEST_F(AssetBaseTest, RescanKeepsExactlyThePresentRowsWhateverTheWalkOrder)
+{
+  const QStringList paths{"/a-b", "/a/x", "/a/y", "/b", "/c/d/e", "/c/f", "/z"};
+  for (int i = 0; i < paths.size(); ++i)
+    ASSERT_TRUE(put(paths[i], "file " + QByteArray::number(i)));
+  AssetBase store(root());
+  ASSERT_TRUE(store.waitForFileList(10000));
+  ASSERT_EQ(store.fileList().keys(), paths);
+
+  RecordingProgress unchanged;
+  EXPECT_EQ(store.buildFileList(&unchanged).keys(), paths);
+  EXPECT_EQ(unchanged.hashed(), 0);
+
+  // Rows gone from the middle, the start and the end, nothing new: no hashing, the rest kept.
+  for (const char* gone : {"/a/y", "/a-b", "/z"})
+    ASSERT_TRUE(QFile::remove(file(gone)));
+  RecordingProgress removed;
+  const AssetBase::FileList list = store.buildFileList(&removed);
+  EXPECT_EQ(removed.hashed(), 0);
+  EXPECT_EQ(list.keys(), QStringList({"/a/x", "/b", "/c/d/e", "/c/f"}));
+  for (const QString& path : list.keys())
+    EXPECT_EQ(list.value(path).md5.toHex(), md5Hex("file " + QByteArray::number(paths.indexOf(path))).toLatin1())
+      << path.toUtf8().constData();
+  EXPECT_EQ(store.fileList().keys(), list.keys());
+  EXPECT_EQ(savedRows(store.rootPath()).keys(), list.keys());
+
+  // Now the walk meets the rows in order until one is missing, in the middle and at the end.
+  for (const char* gone : {"/b", "/c/f"}) {
+    ASSERT_TRUE(QFile::remove(file(gone)));
+    QStringList expected = store.fileList().keys();
+    expected.removeOne(gone);
+    RecordingProgress progress;
+    EXPECT_EQ(store.buildFileList(&progress).keys(), expected) << gone;
+    EXPECT_EQ(progress.hashed(), 0);
+    EXPECT_EQ(savedRows(store.rootPath()).keys(), expected);
+  }
+}
+
 TEST_F(AssetBaseTest, SavedListSurvivesRestartUnderCanonicalRoot)
 {
   ASSERT_TRUE(put("/a.txt", "alpha"));
