@@ -93,10 +93,12 @@ namespace Plexa
 
   int64_t WriterThread::writeDirect(const Entry& entry)
   {
-    // The entry is within one chunk: its parts go out in one socket call, as one packet.
+    // The entry is within one chunk: its parts go out in one socket call, as one packet. A single
+    // part needs no copy for that.
     char buffer[NetFormat::WriteChunkBytes];
-    const int size = gather(entry, 0, entry.parts.size(), buffer);
-    const int written = qMax(0, m_connection->writeSocketSome(buffer, size));
+    const bool single = entry.parts.size() == 1;
+    const int size = single ? entry.parts[0].size() : gather(entry, 0, entry.parts.size(), buffer);
+    const int written = qMax(0, m_connection->writeSocketSome(single ? entry.parts[0].constData() : buffer, size));
     // One event per part written in full, as the writer thread reports parts within a chunk.
     reportParts(entry, 0, entry.parts.size(), written);
     return written;
