@@ -7,6 +7,8 @@
 
 #include <QStringList>
 
+#include <utility>
+
 namespace Plexa
 {
   namespace
@@ -146,10 +148,13 @@ namespace Plexa
         return [a](BundleWriterCore& writer) { ValueCodec::writeGrid(writer, a->value()); };
       },
       [](GridAttribute* a) -> Deserializer {
-        // Filled in place on the received layer (no copy of a possibly large grid), then the
-        // listeners hear of it.
+        // Decoded aside first: a grid cut short, forged or too large to allocate throws and
+        // leaves the attribute as it was. Then moved onto the received layer (no copy of a
+        // possibly large grid) and the listeners hear of it.
         return [a](BundleReaderCore& reader) {
-          ValueCodec::readGrid(reader, a->grid(Received));
+          Bastion::MemGrid8u grid;
+          ValueCodec::readGrid(reader, grid);
+          a->grid(Received) = std::move(grid);
           a->notifyChanged();
         };
       });

@@ -202,6 +202,25 @@ TEST(TypeRegistry, ReceivedValuesLandOnTheReceivedLayer)
   EXPECT_EQ(asset.topLayer(), int(Carafe::Attribute::LayerReceived));
 }
 
+TEST(TypeRegistry, FailedGridDecodeLeavesTheGridAsItWas)
+{
+  TypeRegistry registry;
+  Carafe::AttributeGrid<unsigned char> grid;
+  Bastion::MemGrid8u g(3, 2);
+  grid.setValue(g);
+  int heard = 0;
+  grid.addListener([&] { ++heard; }, 2);
+  const Plexa::Deserializer deserializer = registry.createDeserializer(45, &grid);
+  // Cut short (10 bytes announced, 6 sent) and forged (a count too small for the width).
+  for (const QByteArray& wire : {bytes({10, 0, 0, 0, 3, 0, 0, 0, 1, 2}), bytes({3, 0, 0, 0})}) {
+    BundleReaderCore reader(wire, 0);
+    EXPECT_NE(thrownText([&] { deserializer(reader); }), "(nothing thrown)");
+    EXPECT_EQ(grid.value(), g);
+    EXPECT_EQ(grid.topLayer(), int(Carafe::Attribute::LayerApplication));
+  }
+  EXPECT_EQ(heard, 0);
+}
+
 TEST(TypeRegistry, WrongClassGetsNoDeserializerAndNoMessage)
 {
   TypeRegistry registry;
