@@ -59,7 +59,8 @@ namespace Plexa
     /// Builds the session if that has not happened yet. Update thread.
     void ensureIsInitialized();
     /// The registries of the paths this side sends and of the peer's symbols (initialising the
-    /// session first); null once the core has gone. Update thread.
+    /// session first); null once the core has gone, and the first from the node's "destroyed"
+    /// on. Update thread.
     Bastion::SymbolRegistry* symbolRegistrySend();
     Bastion::SymbolRegistry* symbolRegistryRecv();
 

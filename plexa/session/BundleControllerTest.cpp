@@ -238,6 +238,11 @@ TEST(BundleControllerTest, DestroyedNodeSkipsItsControllerAtOnceAndTheServicingR
   EXPECT_FALSE(laterTaskRan);
   EXPECT_EQ(link->passes.size(), passes);
   EXPECT_EQ(BundleController::controllerCount(), before + 1);
+  // Until the servicing the core is still there, but nothing it hands out may lead into the node.
+  EXPECT_EQ(controller->symbolRegistrySend(), nullptr);
+  EXPECT_NE(controller->symbolRegistryRecv(), nullptr);
+  if (const auto core = controller->core())
+    core->debugDump();
 
   Carafe::Node::processAfterUpdate();
   EXPECT_EQ(BundleController::controllerCount(), before);

@@ -22,6 +22,7 @@
 #include "plexa/types/TypeRegistry.hpp"
 
 #include <exception>
+#include <iterator>
 
 namespace Plexa
 {
@@ -117,10 +118,19 @@ namespace Plexa
       Bastion::Guard guard(m_taskMutex);
       tasks.swap(m_tasks);
     }
-    for (const Task& task : tasks) {
+    for (size_t i = 0; i < tasks.size(); ++i) {
       if (nodeDestroyed())
         return;
-      task(*this);
+      try {
+        tasks[i](*this);
+      } catch (...) {
+        // The tasks behind the failed one (received bundle lists among them) still run, at the
+        // next call and ahead of anything queued since, or the two trees drift apart for good.
+        Bastion::Guard guard(m_taskMutex);
+        m_tasks.insert(m_tasks.begin(), std::make_move_iterator(tasks.begin() + i + 1),
+                       std::make_move_iterator(tasks.end()));
+        throw;
+      }
     }
   }
 
@@ -167,7 +177,8 @@ namespace Plexa
   Bastion::SymbolRegistry* Core::symbolRegistrySend()
   {
     ensureIsInitialized();
-    return m_node ? &m_node->symbolRegistry() : nullptr;
+    // The registry is the node's and went with it.
+    return m_node && !nodeDestroyed() ? &m_node->symbolRegistry() : nullptr;
   }
 
   Bastion::SymbolRegistry* Core::symbolRegistryRecv()
@@ -179,7 +190,8 @@ namespace Plexa
   void Core::debugDump()
   {
     ensureIsInitialized();
-    if (m_storage)
+    // The store's dump looks the attributes up in the node.
+    if (m_storage && !nodeDestroyed())
       m_storage->debugDump();
   }
 

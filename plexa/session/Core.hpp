@@ -124,7 +124,9 @@ namespace Plexa
 
     /// Appends `task` to the queue under `taskMutex`. Any thread.
     void addTask(Task task);
-    /// Runs the tasks queued so far, in queue order. Tasks they queue run at the next call.
+    /// Runs the tasks queued so far, in queue order. Tasks they queue run at the next call. An
+    /// exception from a task leaves after the tasks behind it were put back at the head of the
+    /// queue, in order, for the next call.
     void runTasks();
 
     /// Handles one received list: initialises the session; for a non-empty list, first sends this
@@ -150,10 +152,12 @@ namespace Plexa
     bool limitExceeded() const;
 
     /// The registry numbering the paths this side sends (the remote node's) and the one holding
-    /// the peer's numbers. Both initialise the session first; null without a session.
+    /// the peer's numbers. Both initialise the session first; null without a session, and the
+    /// first also once the node is destroyed.
     Bastion::SymbolRegistry* symbolRegistrySend();
     Bastion::SymbolRegistry* symbolRegistryRecv();
-    /// Prints the session's attribute store to standard output (initialising first).
+    /// Prints the session's attribute store to standard output (initialising first); nothing
+    /// once the node is destroyed.
     void debugDump();
 
     /// The session's type registry; null for a core without a node.

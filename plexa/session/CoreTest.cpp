@@ -340,3 +340,26 @@ TEST(CoreTest, ThrowingReceiverStillAdvancesAcknowledged)
   EXPECT_THROW(core.dispatchBundle(Bundle(QByteArray(15, '\1'))), std::out_of_range);
   EXPECT_EQ(core.lastDispatched(), 9u);
 }
+
+TEST(CoreTest, TasksBehindAThrowingTaskRunAtTheNextCallInOrder)
+{
+  Core core;
+  std::vector<int> ran;
+  core.addTask([&](Core&) { ran.push_back(1); });
+  core.addTask([&](Core&) {
+    ran.push_back(2);
+    throw std::runtime_error("task failed");
+  });
+  core.addTask([&](Core& c) {
+    ran.push_back(3);
+    c.addTask([&](Core&) { ran.push_back(5); });
+  });
+  core.addTask([&](Core&) { ran.push_back(4); });
+  EXPECT_THROW(core.runTasks(), std::runtime_error);
+  EXPECT_EQ(ran, std::vector<int>({1, 2}));
+  core.addTask([&](Core&) { ran.push_back(6); });
+  core.runTasks();
+  EXPECT_EQ(ran, std::vector<int>({1, 2, 3, 4, 6}));
+  core.runTasks();
+  EXPECT_EQ(ran, std::vector<int>({1, 2, 3, 4, 6, 5}));
+}
