@@ -13,7 +13,8 @@
 // Before each list the session's own tree changes too, as an application's would while the peer
 // talks: "a" gets a new value, and every third list "n/b" is removed and added again. So the
 // session's sends, stale values and re-added attributes meet whatever the peer said about them.
-// Nothing may crash, leak, hang or throw out of the controller.
+// Nothing may crash, leak, hang or throw out of the controller. SessionFuzz.dict gives the fuzzer
+// the event names the remote node keeps for itself, which a peer's events may not use.
 
 #include "bastion/BinaryData.hpp"
 #include "bastion/Log.hpp"

@@ -15,6 +15,14 @@ namespace Plexa
     // Process-wide, so that slice ids of different remote nodes sharing one peer never collide.
     std::atomic<int> nextSliceId{0};
 
+    /// Events the node sends itself about its own life. Coming from the peer they would reach the
+    /// same listeners: the watcher would forget live attributes or watch some twice, and every
+    /// session on the node would stop as if the node had gone.
+    bool isReservedEventName(const QByteArray& name)
+    {
+      return name == "attribute-added" || name == "attribute-removed" || name == "destroyed";
+    }
+
     /// Restores the remembered remote event when the dispatch ends, also by an exception.
     class RemoteEventScope
     {
@@ -154,6 +162,11 @@ namespace Plexa
 
   void RemoteNode::dispatchRemoteEvent(const QByteArray& name, Bastion::BinaryData& data)
   {
+    if (isReservedEventName(name)) {
+      Bastion::warning("RemoteNode::handleRemoteEvent # Refused an event from the peer with the reserved name '%s'",
+                       name.constData());
+      return;
+    }
     RemoteEventScope scope(m_remoteName, m_remoteData, &name, &data);
     eventProcess(name, data);
   }

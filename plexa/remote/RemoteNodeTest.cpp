@@ -172,6 +172,46 @@ TEST(RemoteNodeTest, LargeEventsTravelInSlicesAndAreReassembledInAnyOrder)
   EXPECT_NE(nextId, sliceId);
 }
 
+TEST(RemoteNodeTest, PeerEventsWithTheNodesOwnNamesAreRefused)
+{
+  // Declared before the node: its own "destroyed" and removals at the end reach the listeners.
+  int heard = 0;
+  std::vector<NodeWatcher::Event> changes;
+  RemoteNode node(nullptr, "remote");
+  Float* speed = addFloat(node, "speed");
+  node.update();
+  const std::vector<QByteArray> reserved = {"attribute-added", "attribute-removed", "destroyed"};
+  for (const QByteArray& name : reserved)
+    node.eventAddListener(name, [&](BinaryData&) { ++heard; });
+  node.addAttributeChangeListener([&](const NodeWatcher::Event& e) { changes.push_back(e); });
+
+  Bastion::LogCapture log;
+  RemoteNode peer(nullptr, "peer");
+  Outbox out(peer);
+  for (const QByteArray& name : reserved) {
+    BinaryData plain;
+    plain.writeString("speed");
+    node.handleRemoteEvent(name, plain, 1);
+    BinaryData sliced(plain.toByteArray());
+    peer.eventProcessSlice(name, sliced, 2);
+  }
+  for (const Sent& sent : out.sent) {
+    BinaryData d(sent.bytes);
+    node.handleRemoteEvent(sent.name, d, 1);
+  }
+  EXPECT_EQ(heard, 0);
+  for (const QByteArray& name : reserved)
+    EXPECT_EQ(log.countContaining("RemoteNode::handleRemoteEvent # Refused an event from the peer with the reserved "
+                                  "name '" + name + "'"),
+              2);
+  EXPECT_EQ(node.pendingSlicedEvents(), 0);
+
+  // The watcher still follows the attribute.
+  speed->setValue(4.f);
+  ASSERT_EQ(changes.size(), 1u);
+  EXPECT_EQ(changes[0].type, NodeWatcher::AttributeChanged);
+}
+
 TEST(RemoteNodeTest, PathListenersRunOncePerUpdate)
 {
   RemoteNode node(nullptr, "remote");
