@@ -333,3 +333,29 @@ TEST(SessionDataPathTest, WhatAnEarlierSessionCreatedGoesWhenItsOwnerRemovesItLa
   EXPECT_EQ(s.b.attribute("x"), nullptr);
   EXPECT_EQ(s.b.attribute("mine"), kept);
 }
+
+TEST(SessionDataPathTest, AChangeQueuedWhileThePeerReplacesTheAttributeIsNotWrittenThroughTheOldOne)
+{
+  LinkedSessions s;
+  s.start(params(true), params(true));
+  s.a.addAttribute("x", new Int());
+  ASSERT_TRUE(s.settle());
+  auto* created = at<Int>(s.b, "x");
+  ASSERT_NE(created, nullptr);
+
+  // b changes the x it made for a; before b sends, a's removal and new x arrive.
+  created->setValue(5);
+  s.a.removeAttribute("x");
+  auto* again = new Int();
+  again->setValue(2);
+  s.a.addAttribute("x", again);
+  s.a.update();
+  s.cb->process(s.ca->collect());
+  const size_t from = s.bToA.size();
+  ASSERT_TRUE(s.settle());
+  const uint32_t updateType = s.cb->outgoingTypes().at(ModuleNames::AttributeUpdate);
+  for (size_t i = from; i < s.bToA.size(); ++i)
+    EXPECT_NE(s.bToA[i].header().messageType, updateType);
+  EXPECT_EQ(again->value(), 2);
+  EXPECT_EQ(at<Int>(s.b, "x")->value(), 2);
+}

@@ -28,10 +28,19 @@ namespace Plexa
         Bastion::error("AttributeRemoveHandler::handleBundle # Attribute %u already removed", symbol);
         continue;
       }
-      if (!session->existedLocally && attribute != &m_node) {
-        NodeChangeSender::IgnoreScope ignore(m_sender, {NodeWatcher::AttributeRemoved, session->symbol});
-        delete attribute;
+      // Only the very object created for the peer goes: the application, or another session's
+      // peer, may have put its own at the path since, and a late or repeated removal must not
+      // delete that one.
+      if (session->createdMark != 0 && attribute != &m_node &&
+          m_node.createdByPeerMark(attribute) == session->createdMark) {
+        {
+          NodeChangeSender::IgnoreScope ignore(m_sender, {NodeWatcher::AttributeRemoved, session->symbol});
+          delete attribute;
+        }
+        // The sender does not hear of this removal, so it cannot drop the serializer itself.
+        session->dropSerializer();
       }
+      session->createdMark = 0;
       session->peerTypeId = 0;
       session->receivedSequence = 0;
       session->deserializer = PlexaSessionAttribute::createDummyDeserializer(session->peerSize);

@@ -87,3 +87,48 @@ TEST(AttributeRemoveReceiverTest, ALocalRemovalOfAnUnpublishedAttributeDropsItsD
   EXPECT_TRUE(side.sender.changes().empty());
   EXPECT_TRUE(side.storage.findByReadSymbol(3)->reAdded);
 }
+
+TEST(AttributeRemoveReceiverTest, ThePeersRemovalDeletesOnlyTheObjectCreatedForIt)
+{
+  RemoteNode node(nullptr, "root");
+  SessionTest::SessionSide a(node);
+  SessionTest::SessionSide b(node);
+  for (SessionTest::SessionSide* side : {&a, &b}) {
+    side->added.setCreateMissingAttributes(true);
+    side->define(2, "x");
+  }
+  const Bundle announce = BundleBytes(NewType).words({2, FloatId, 4, 1, bitsOf(1.f)}).bundle();
+  const Bundle remove = BundleBytes(RemoveType).words({2}).bundle();
+
+  // The application replaces what a's peer created; the peer's removal leaves the new one.
+  a.feed(a.added, announce);
+  ASSERT_NE(node.attribute("x"), nullptr);
+  node.removeAttribute("x");
+  auto* mine = new Float();
+  node.addAttribute("x", mine);
+  node.update();
+  a.feed(a.removals, remove);
+  EXPECT_EQ(node.attribute("x"), mine);
+  node.removeAttribute("x");
+
+  // a's peer creates x again and removes it; b's peer then creates its own x. A removal from a
+  // sent again, or sent late after the application dropped a's x, leaves b's.
+  a.feed(a.added, announce);
+  a.feed(a.removals, remove);
+  ASSERT_EQ(node.attribute("x"), nullptr);
+  b.feed(b.added, announce);
+  Carafe::Attribute* bs = node.attribute("x");
+  ASSERT_NE(bs, nullptr);
+  a.feed(a.removals, remove);
+  EXPECT_EQ(node.attribute("x"), bs);
+  b.feed(b.removals, remove);
+  EXPECT_EQ(node.attribute("x"), nullptr);
+
+  a.feed(a.added, announce);
+  node.removeAttribute("x");
+  b.feed(b.added, announce);
+  bs = node.attribute("x");
+  ASSERT_NE(bs, nullptr);
+  a.feed(a.removals, remove);
+  EXPECT_EQ(node.attribute("x"), bs);
+}

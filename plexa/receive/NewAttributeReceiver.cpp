@@ -87,6 +87,7 @@ namespace Plexa
         if (m_createMissingAttributes)
           Bastion::error("NewAttributeReceiver::handleBundle # Failed to create target node at path %s",
                          path.constData());
+        session->createdMark = 0;
         if (apply)
           PlexaSessionAttribute::skipValue(reader, size);
         session->deserializer = PlexaSessionAttribute::createDummyDeserializer(size);
@@ -95,7 +96,8 @@ namespace Plexa
 
       Carafe::Attribute* attribute = node->attribute(name);
       // An attribute an earlier session created for the peer is still the peer's.
-      session->existedLocally = attribute != nullptr && !m_node.isCreatedByPeer(attribute);
+      session->createdMark = attribute ? m_node.createdByPeerMark(attribute) : 0;
+      session->existedLocally = attribute != nullptr && session->createdMark == 0;
       if (!attribute) {
         // Written before the peer had seen this side remove the attribute (typically its echo of
         // our own announcement): the removal is on its way and wins, so nothing is created.
@@ -120,7 +122,7 @@ namespace Plexa
           if (node->addAttribute(name, raw)) {
             created.release();
             ++m_created;
-            m_node.markCreatedByPeer(raw);
+            session->createdMark = m_node.markCreatedByPeer(raw);
             m_node.processPendingAdditions();
           } else {
             // The deserializer captured the attribute that is about to go.

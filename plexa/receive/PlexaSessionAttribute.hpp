@@ -28,6 +28,15 @@ namespace Plexa
     /// restoring the position when the value is cut short).
     static void skipValue(BundleReaderCore& reader, uint32_t size);
 
+    /// Forgets how this side wrote the local attribute, which is going away: the serializer
+    /// captured it. A later addition at the path sets them again.
+    void dropSerializer()
+    {
+      serializer = nullptr;
+      typeId = 0;
+      size = 0;
+    }
+
     /// Reads one value of this attribute and applies it (or only reads past it).
     Deserializer deserializer;
     /// Writes the local attribute's current value.
@@ -55,9 +64,13 @@ namespace Plexa
     /// announcement the peer wrote before it had seen that bundle does not bring it back.
     uint32_t removedSequence = 0;
 
-    /// The local attribute was there when the peer announced it (false: the receiver created it,
-    /// so the peer's removal deletes it again).
+    /// The local attribute was there when the peer announced it (false: the receiver created it).
     bool existedLocally = true;
+    /// The remote node's mark (`RemoteNode::markCreatedByPeer`) of the attribute created for the
+    /// peer at this path, by this session or by an earlier one; 0 when there is none. The peer's
+    /// removal deletes the attribute at the path only while it still bears this mark, so never
+    /// an object the application or another session has put there since.
+    uint64_t createdMark = 0;
     /// The peer removed the attribute; cleared by its next announcement.
     bool removedByPeer = false;
     /// The local attribute was removed: its next addition rebuilds the deserializer and sends the

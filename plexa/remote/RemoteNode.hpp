@@ -87,6 +87,8 @@ namespace Plexa
     /// empty payload or a slice size of 0 sends the plain event.
     void eventProcessSlice(const QByteArray& name, Bastion::BinaryData& data, unsigned long sliceSize);
     /// Entry of an event from the peer. `senderId` keeps the slices of different senders apart.
+    /// The names of the node's own events ("attribute-added", "attribute-removed", "destroyed"),
+    /// plain or reassembled from slices, are refused with a warning.
     void handleRemoteEvent(const QByteArray& name, Bastion::BinaryData& data, long senderId);
     /// True if this pair (compared by address) is the peer's event being dispatched.
     bool handlingRemoteEvent(const QByteArray& name, const Bastion::BinaryData& data) const;
@@ -131,11 +133,23 @@ namespace Plexa
     SyncFlags& syncFlags() { return m_syncFlags; }
     NodeWatcher& nodeWatcher() { return *m_watcher; }
 
-    /// Marks an attribute that a session created because the peer announced it. The mark lasts
-    /// as long as the attribute stays in the tree, across sessions: the peer's removal then
-    /// deletes it in a later session too, instead of leaving a copy behind. Application thread.
-    void markCreatedByPeer(Carafe::Attribute* attribute) { m_createdByPeer.insert(attribute); }
-    bool isCreatedByPeer(Carafe::Attribute* attribute) const { return m_createdByPeer.count(attribute) != 0; }
+    /// Marks an attribute that a session created because the peer announced it, and returns the
+    /// mark: a number never given out before by this node, so a mark names that one object even
+    /// when a later one gets its address. The mark lasts as long as the attribute stays in the
+    /// tree, across sessions: the peer's removal then deletes it in a later session too, instead
+    /// of leaving a copy behind. Application thread.
+    uint64_t markCreatedByPeer(Carafe::Attribute* attribute)
+    {
+      const uint64_t mark = m_nextCreatedMark++;
+      m_createdByPeer[attribute] = mark;
+      return mark;
+    }
+    /// The mark of an attribute created for the peer and still in the tree; 0 for any other.
+    uint64_t createdByPeerMark(Carafe::Attribute* attribute) const
+    {
+      const auto it = m_createdByPeer.find(attribute);
+      return it == m_createdByPeer.end() ? 0 : it->second;
+    }
 
     /// Cap on the bytes held by the peer's unfinished sliced events (default 256 MiB).
     void setMaxSlicedEventBytes(int64_t bytes) { m_slices.setMaxBytes(bytes); }
@@ -171,8 +185,10 @@ namespace Plexa
     std::vector<PendingAttributeListener> m_pendingListeners;
     std::vector<SyncFlagSetting> m_syncFlagSettings;
     std::unordered_map<uint32_t, std::map<unsigned long, AttributeCallback>> m_attributeListeners;
-    /// Attributes in the tree that sessions created for the peer; forgotten when they leave it.
-    std::unordered_set<Carafe::Attribute*> m_createdByPeer;
+    /// Attributes in the tree that sessions created for the peer, with their marks; forgotten
+    /// when they leave it.
+    std::unordered_map<Carafe::Attribute*, uint64_t> m_createdByPeer;
+    uint64_t m_nextCreatedMark = 1;
     unsigned long m_nextAttributeListenerKey = 0;
 
     std::shared_mutex m_eventListenerLock;

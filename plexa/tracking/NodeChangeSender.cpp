@@ -78,6 +78,7 @@ namespace Plexa
       std::lock_guard<std::mutex> lock(m_changeMutex);
       if (PlexaSessionAttribute* session = m_storage.findBySymbol(e.symbol)) {
         session->deserializer = PlexaSessionAttribute::createDummyDeserializer(session->peerSize);
+        session->dropSerializer();
         session->receivedSequence = 0;
         session->reAdded = true;
       }
@@ -311,6 +312,8 @@ namespace Plexa
     if (!serializer) {
       Bastion::error("NodeChangeSender::sendAdded # Found an attribute that we can't serialize at '%s'. Ignoring",
                      pathOf(session.symbol).constData());
+      // Whatever was stored wrote an attribute that is no longer at the path.
+      session.dropSerializer();
       return;
     }
     session.serializer = std::move(serializer);

@@ -21,6 +21,13 @@ namespace
   constexpr uint32_t RemoveType = 13;
   constexpr uint32_t EventType = 14;
 
+  /// An attribute of a class the type registry cannot serialize.
+  class Unknown : public Carafe::Attribute
+  {
+  public:
+    void touch() { fireChanged(); }
+  };
+
   /// A published tree of int attributes and the sender made over it afterwards, as at the start
   /// of a session; `pass()` runs one send pass.
   struct SenderSide
@@ -165,4 +172,27 @@ TEST(NodeChangeSenderTest, IgnoreRequestsAreUsedUpOnceAndReportedWhenDoubled)
   EXPECT_EQ(s.pass(), expected);
   EXPECT_EQ(s.session->sender.messageType(NodeWatcher::NodeAdded), 0xFFFFFFFFu);
   EXPECT_TRUE(log.contains("NodeChangeSender::messageType # Found an invalid event type 3"));
+}
+
+TEST(NodeChangeSenderTest, AnAttributeReplacedByOneThatCannotBeSerializedSendsNoValues)
+{
+  SenderSide s({{"x", 1}});
+  s.session->sender.sendInitialValues();
+  s.pass();
+  const uint32_t x = s.symbol("x");
+  s.node.removeAttribute("x");
+  auto* unknown = new Unknown();
+  s.node.addAttribute("x", unknown);
+  Bastion::LogCapture log;
+  EXPECT_EQ(s.pass(), std::vector<QByteArray>{BundleBytes(RemoveType, 4).words({x})});
+  EXPECT_TRUE(log.contains("NodeChangeSender::sendAdded # Found an attribute that we can't serialize at 'x'. Ignoring"));
+  const PlexaSessionAttribute* session = s.session->storage.findBySymbol(x);
+  EXPECT_FALSE(session->serializer);
+  EXPECT_EQ(session->typeId, 0u);
+
+  // Its changes are refused, never written by what served the removed attribute.
+  unknown->touch();
+  EXPECT_TRUE(s.pass().empty());
+  EXPECT_TRUE(log.contains("NodeChangeSender::sendChanged # Found an attribute that we can't serialize at 'x'. "
+                           "Ignoring"));
 }
