@@ -18,8 +18,15 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <atomic>
 #include <csignal>
 #include <memory>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
 
 namespace
 {
@@ -132,6 +139,97 @@ namespace
     socket.close();
     return port;
   }
+
+  /// Sits between one client and the server at `serverPort` on 127.0.0.1 and passes bytes both
+  /// ways, until the server begins to send a file part: from there on it drops all the server
+  /// sends, and keeps both connections open. A server that stops sending parts.
+  class StallingProxy
+  {
+  public:
+    explicit StallingProxy(int serverPort) : m_listener(::socket(AF_INET, SOCK_STREAM, 0))
+    {
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      socklen_t length = sizeof address;
+      ::bind(m_listener, reinterpret_cast<sockaddr*>(&address), length);
+      ::listen(m_listener, 1);
+      ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length);
+      m_port = ntohs(address.sin_port);
+      m_thread = std::thread([this, serverPort] { run(serverPort); });
+    }
+    ~StallingProxy()
+    {
+      m_stop = true;
+      m_thread.join();
+      ::close(m_listener);
+    }
+    QString address() const { return QString("127.0.0.1:%1").arg(m_port); }
+
+  private:
+    /// Waits for `fd` to be readable, a tenth of a second at a time, until stopped.
+    bool readable(int fd)
+    {
+      pollfd p{fd, POLLIN, 0};
+      while (!m_stop)
+        if (::poll(&p, 1, 100) > 0)
+          return true;
+      return false;
+    }
+    void run(int serverPort)
+    {
+      if (!readable(m_listener))
+        return;
+      const int client = ::accept(m_listener, nullptr, nullptr);
+      const int server = ::socket(AF_INET, SOCK_STREAM, 0);
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      address.sin_port = htons(uint16_t(serverPort));
+      if (::connect(server, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+        bool dropping = false;
+        QByteArray fromServer;
+        char buffer[65536];
+        pollfd both[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
+        while (!m_stop) {
+          if (::poll(both, 2, 100) <= 0)
+            continue;
+          if (both[0].revents) {
+            const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
+            if (n <= 0 || ::send(server, buffer, size_t(n), MSG_NOSIGNAL) != n)
+              break;
+          }
+          if (both[1].revents) {
+            const ssize_t n = ::recv(server, buffer, sizeof buffer, 0);
+            if (n <= 0)
+              break;
+            if (dropping)
+              continue;
+            // An end that may begin "filepart" is held back until the next bytes tell.
+            fromServer.append(buffer, int(n));
+            const int cut = fromServer.indexOf("filepart");
+            dropping = cut >= 0;
+            int pass = dropping ? cut : fromServer.size();
+            for (int held = 7; !dropping && held > 0; --held)
+              if (fromServer.endsWith(QByteArray("filepart").left(held))) {
+                pass = fromServer.size() - held;
+                break;
+              }
+            if (::send(client, fromServer.constData(), size_t(pass), MSG_NOSIGNAL) != pass)
+              break;
+            fromServer.remove(0, pass);
+          }
+        }
+      }
+      ::close(server);
+      ::close(client);
+    }
+
+    const int m_listener;
+    int m_port = 0;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+  };
 
   class CliEndToEnd : public ::testing::Test
   {
@@ -393,4 +491,21 @@ TEST_F(CliEndToEnd, TheDemoPasses)
   EXPECT_TRUE(demo->out().contains(QRegularExpression("files verified +3 of 3")));
   EXPECT_TRUE(demo->out().contains(QRegularExpression("sliced event +\\d+ bytes in \\d+ slices, intact")));
   EXPECT_TRUE(demo->out().contains(QRegularExpression("median round trip +\\d+\\.\\d+ ms")));
+}
+
+TEST_F(CliEndToEnd, FetchGivesUpOnAServerThatStopsSendingParts)
+{
+  const QString share = work.filePath("share");
+  ASSERT_TRUE(writeFile(share + "/big.bin", randomBytes(3000000)));
+  std::unique_ptr<Plexa> server;
+  const QString address = serve(server, {"--share", share});
+  ASSERT_FALSE(address.isEmpty()) << server->err().toStdString();
+  StallingProxy proxy(address.section(':', 1).toInt());
+  QElapsedTimer clock;
+  clock.start();
+  auto p = run({"fetch", proxy.address(), "/big.bin", "--timeout", "2", "--into", work.filePath("into")});
+  EXPECT_EQ(status, 1);
+  EXPECT_LT(clock.elapsed(), 10000);
+  EXPECT_TRUE(p->err().endsWith("plexa fetch: /big.bin: the peer stopped sending it: no part arrived for 2 s\n"))
+    << p->err().toStdString();
 }
