@@ -159,8 +159,12 @@ namespace Plexa
       for (const Session& s : sessions)
         if (s.holding)
           limit = std::min(limit, until(s.started + std::chrono::milliseconds(ClientHoldMs)));
-      for (const Fetch& f : fetches)
-        limit = std::min(limit, until(f.booked ? f.lastPart + stallLimit() : f.deadline));
+      for (const Fetch& f : fetches) {
+        if (!f.booked)
+          limit = std::min(limit, until(f.deadline));
+        else if (options.fetchStallMs > 0)
+          limit = std::min(limit, until(f.lastPart + stallLimit()));
+      }
       return int(limit);
     }
 
@@ -301,7 +305,7 @@ namespace Plexa
       }
     }
 
-    std::chrono::milliseconds stallLimit() const { return std::chrono::milliseconds(std::max(0, options.fetchStallMs)); }
+    std::chrono::milliseconds stallLimit() const { return std::chrono::milliseconds(options.fetchStallMs); }
 
     void handleFileEvent(const FileEvent& event, std::vector<std::function<void()>>& calls)
     {
@@ -347,7 +351,7 @@ namespace Plexa
           result = FetchResult::Failed;
         } else if (!f->booked && now >= f->deadline) {
           result = FetchResult::TimedOut;
-        } else if (f->booked && now - f->lastPart >= stallLimit()) {
+        } else if (f->booked && options.fetchStallMs > 0 && now - f->lastPart >= stallLimit()) {
           result = FetchResult::Stalled;
           Bastion::warning("Peer::update # No part of '%s' arrived from %s for %d ms: fetch given up",
                            f->path.toUtf8().constData(), f->session->peerAddress().toUtf8().constData(),

@@ -37,6 +37,7 @@ namespace Plexa
     QString fileRoot;
     /// A fetch whose file was announced but of which no part arrived for this long (milliseconds)
     /// ends as Stalled: a peer that keeps the connection alive but stops sending cannot hold it.
+    /// 0 or less: no limit.
     int fetchStallMs = 30000;
   };
 

@@ -157,7 +157,7 @@ namespace Plexa
         show(m_progress->clear());
         break;
       case FetchResult::Refused:
-        why = "the download was refused here (the file is being downloaded already)";
+        why = "the download was refused here: the file is being downloaded already (or too many files are at once)";
         show(m_progress->finish(path, "refused", now()));
         break;
       case FetchResult::Stalled:
