@@ -3,6 +3,8 @@
 #include "plexa/app/SessionLink.hpp"
 #include "plexa/files/FileTransferHandler.hpp"
 
+#include "bastion/TimeStamp.hpp"
+
 #include <QMap>
 
 namespace Plexa

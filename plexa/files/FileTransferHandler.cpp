@@ -138,6 +138,7 @@ namespace Plexa
     /// The caps (Cap bits) that refused something on this connection and said so in the log.
     int capsLogged = 0;
 
+    // Any thread.
     std::atomic<bool> acceptUnrequested{true};
     Bastion::Mutex requestMutex;
     /// Paths asked for with "sendfileinfo" whose "fileinfo" has not come yet (only kept while
