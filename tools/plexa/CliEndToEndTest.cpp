@@ -2,6 +2,7 @@
 // fetch together, every error a person can make, Ctrl-C, and the demo.
 
 #include "bastion/TCPServerSocket.hpp"
+#include "bastion/TCPSocket.hpp"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -18,15 +19,11 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <atomic>
 #include <csignal>
 #include <memory>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
+#include <vector>
 
 namespace
 {
@@ -140,93 +137,63 @@ namespace
     return port;
   }
 
-  /// Sits between one client and the server at `serverPort` on 127.0.0.1 and passes bytes both
-  /// ways, until the server begins to send a file part: from there on it drops all the server
-  /// sends, and keeps both connections open. A server that stops sending parts.
+  /// Passes bytes between one client and the server at `serverPort` on 127.0.0.1 until the server
+  /// begins to send a file part; from there on it drops all the server sends and keeps both
+  /// connections open: a server that stops sending parts.
   class StallingProxy
   {
   public:
-    explicit StallingProxy(int serverPort) : m_listener(::socket(AF_INET, SOCK_STREAM, 0))
+    explicit StallingProxy(int serverPort)
     {
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      socklen_t length = sizeof address;
-      ::bind(m_listener, reinterpret_cast<sockaddr*>(&address), length);
-      ::listen(m_listener, 1);
-      ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &length);
-      m_port = ntohs(address.sin_port);
+      m_listener.open("127.0.0.1", 0, 1);
       m_thread = std::thread([this, serverPort] { run(serverPort); });
     }
     ~StallingProxy()
     {
       m_stop = true;
       m_thread.join();
-      ::close(m_listener);
     }
-    QString address() const { return QString("127.0.0.1:%1").arg(m_port); }
+    QString address() const { return QString("127.0.0.1:%1").arg(m_listener.localPort()); }
 
   private:
-    /// Waits for `fd` to be readable, a tenth of a second at a time, until stopped.
-    bool readable(int fd)
-    {
-      pollfd p{fd, POLLIN, 0};
-      while (!m_stop)
-        if (::poll(&p, 1, 100) > 0)
-          return true;
-      return false;
-    }
     void run(int serverPort)
     {
-      if (!readable(m_listener))
-        return;
-      const int client = ::accept(m_listener, nullptr, nullptr);
-      const int server = ::socket(AF_INET, SOCK_STREAM, 0);
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      address.sin_port = htons(uint16_t(serverPort));
-      if (::connect(server, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-        bool dropping = false;
-        QByteArray fromServer;
-        char buffer[65536];
-        pollfd both[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
-        while (!m_stop) {
-          if (::poll(both, 2, 100) <= 0)
-            continue;
-          if (both[0].revents) {
-            const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
-            if (n <= 0 || ::send(server, buffer, size_t(n), MSG_NOSIGNAL) != n)
-              break;
-          }
-          if (both[1].revents) {
-            const ssize_t n = ::recv(server, buffer, sizeof buffer, 0);
-            if (n <= 0)
-              break;
-            if (dropping)
-              continue;
-            // An end that may begin "filepart" is held back until the next bytes tell.
-            fromServer.append(buffer, int(n));
-            const int cut = fromServer.indexOf("filepart");
-            dropping = cut >= 0;
-            int pass = dropping ? cut : fromServer.size();
-            for (int held = 7; !dropping && held > 0; --held)
-              if (fromServer.endsWith(QByteArray("filepart").left(held))) {
-                pass = fromServer.size() - held;
-                break;
-              }
-            if (::send(client, fromServer.constData(), size_t(pass), MSG_NOSIGNAL) != pass)
-              break;
-            fromServer.remove(0, pass);
-          }
-        }
+      while (!m_stop && !m_listener.isPendingConnection(100000)) {
       }
-      ::close(server);
-      ::close(client);
+      std::unique_ptr<Bastion::TCPSocket> client(m_stop ? nullptr : m_listener.accept());
+      Bastion::TCPSocket server;
+      if (!client || server.open("127.0.0.1", serverPort) != 0)
+        return;
+      // Short reads: each returns what came within its time.
+      client->setReadTimeout(5);
+      server.setReadTimeout(5);
+      const QByteArray cut("filepart");
+      QByteArray fromServer;
+      std::vector<char> buffer(65536);
+      bool dropping = false;
+      while (!m_stop) {
+        const int up = client->read(buffer.data(), int(buffer.size()));
+        if (up > 0)
+          server.write(buffer.data(), up);
+        const int down = server.read(buffer.data(), int(buffer.size()));
+        if (down <= 0 || dropping)
+          continue;
+        fromServer.append(buffer.data(), down);
+        const int at = fromServer.indexOf(cut);
+        dropping = at >= 0;
+        // An end that may begin the cut is held back until the next bytes tell.
+        int pass = dropping ? at : fromServer.size();
+        for (int held = cut.size() - 1; !dropping && held > 0; --held)
+          if (fromServer.endsWith(cut.left(held))) {
+            pass = fromServer.size() - held;
+            break;
+          }
+        client->write(fromServer.constData(), pass);
+        fromServer.remove(0, pass);
+      }
     }
 
-    const int m_listener;
-    int m_port = 0;
+    Bastion::TCPServerSocket m_listener;
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
   };
