@@ -3,13 +3,16 @@
 #include "plexa/app/SessionLink.hpp"
 #include "plexa/files/FileTransferHandler.hpp"
 
+#include "bastion/TimeStamp.hpp"
+
 #include <QMap>
 
 namespace Plexa
 {
   /// A `Peer`'s connection with file transfer: bundle blocks (see `SessionLink`), then the file
-  /// transfer commands below the root of the shared `AssetBase`. It follows the downloads it books
-  /// and reports each to the host (booked, progress, finished with or without a matching MD5).
+  /// transfer commands below the root of the shared `AssetBase`. It takes only the files it asked
+  /// for, follows the downloads it books and reports each to the host (booked or refused, progress,
+  /// finished with or without a matching MD5).
   class FileSessionConnection : public FileTransferHandler
   {
   public:
@@ -28,6 +31,8 @@ namespace Plexa
     void connected() override;
     void disconnected() override;
     void retryProgress(double secondsLeft) override;
+    void downloadBooked(const QString& path, qint64 size, const QString& md5) override;
+    void downloadRefused(const QString& path, Refusal why) override;
 
   private:
     struct Download
@@ -35,6 +40,8 @@ namespace Plexa
       QString md5;
       qint64 size = 0;
       qint64 done = 0;
+      /// When the host was last told that parts arrive.
+      Bastion::TimeStamp reported;
     };
 
     void report(int kind, const QString& path, const Download& download, bool verified = false);

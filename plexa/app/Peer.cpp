@@ -60,8 +60,10 @@ namespace Plexa
       std::shared_ptr<PeerSession> session;
       Clock::time_point deadline;
       FetchCallback callback;
-      /// The peer announced the file: the time limit no longer applies.
+      /// The peer announced the file: the time limit no longer applies, the stall limit does.
       bool booked = false;
+      /// Booking, or the last sign that parts arrive.
+      Clock::time_point lastPart;
     };
 
     D(RemoteNode& node, const PeerOptions& options)
@@ -157,9 +159,12 @@ namespace Plexa
       for (const Session& s : sessions)
         if (s.holding)
           limit = std::min(limit, until(s.started + std::chrono::milliseconds(ClientHoldMs)));
-      for (const Fetch& f : fetches)
+      for (const Fetch& f : fetches) {
         if (!f.booked)
           limit = std::min(limit, until(f.deadline));
+        else if (options.fetchStallMs > 0)
+          limit = std::min(limit, until(f.lastPart + stallLimit()));
+      }
       return int(limit);
     }
 
@@ -300,44 +305,79 @@ namespace Plexa
       }
     }
 
+    std::chrono::milliseconds stallLimit() const { return std::chrono::milliseconds(options.fetchStallMs); }
+
     void handleFileEvent(const FileEvent& event, std::vector<std::function<void()>>& calls)
     {
-      auto it = std::find_if(fetches.begin(), fetches.end(), [&](const Fetch& f) {
-        return f.session && f.session == event.session && f.path == event.path;
-      });
-      if (it == fetches.end())
-        return;
-      switch (event.kind) {
-      case FileEvent::Booked:
-        it->booked = true;
-        break;
-      case FileEvent::Progress:
-        if (progressCallback)
-          calls.push_back([callback = progressCallback, event] { callback(event.path, event.bytesDone, event.bytesTotal); });
-        break;
-      case FileEvent::Finished:
-        calls.push_back([callback = it->callback, path = it->path, verified = event.verified] {
-          callback(path, verified ? FetchResult::Verified : FetchResult::Failed);
-        });
-        fetches.erase(it);
-        break;
+      // Every fetch of the path in that session: one download serves them all.
+      bool matched = false;
+      for (auto it = fetches.begin(); it != fetches.end();) {
+        if (!it->session || it->session != event.session || it->path != event.path) {
+          ++it;
+          continue;
+        }
+        matched = true;
+        it->lastPart = Clock::now();
+        FetchResult result = FetchResult::Failed;
+        switch (event.kind) {
+        case FileEvent::Booked:
+          it->booked = true;
+          ++it;
+          continue;
+        case FileEvent::Progress:
+        case FileEvent::Alive:
+          ++it;
+          continue;
+        case FileEvent::Finished:
+          result = event.verified ? FetchResult::Verified : FetchResult::Failed;
+          break;
+        case FileEvent::Refused:
+          result = FetchResult::Refused;
+          break;
+        }
+        calls.push_back([callback = it->callback, path = it->path, result] { callback(path, result); });
+        it = fetches.erase(it);
       }
+      if (matched && event.kind == FileEvent::Progress && progressCallback)
+        calls.push_back([callback = progressCallback, event] { callback(event.path, event.bytesDone, event.bytesTotal); });
     }
 
     void checkFetchTimes(std::vector<std::function<void()>>& calls)
     {
       const Clock::time_point now = Clock::now();
       for (auto f = fetches.begin(); f != fetches.end();) {
+        FetchResult result = FetchResult::Failed;
         if (!f->session) {
-          calls.push_back([callback = f->callback, path = f->path] { callback(path, FetchResult::Failed); });
-          f = fetches.erase(f);
+          result = FetchResult::Failed;
         } else if (!f->booked && now >= f->deadline) {
-          calls.push_back([callback = f->callback, path = f->path] { callback(path, FetchResult::TimedOut); });
-          f = fetches.erase(f);
+          result = FetchResult::TimedOut;
+        } else if (f->booked && options.fetchStallMs > 0 && now - f->lastPart >= stallLimit()) {
+          result = FetchResult::Stalled;
+          Bastion::warning("Peer::update # No part of '%s' arrived from %s for %d ms: fetch given up",
+                           f->path.toUtf8().constData(), f->session->peerAddress().toUtf8().constData(),
+                           options.fetchStallMs);
         } else {
           ++f;
+          continue;
         }
+        calls.push_back([callback = f->callback, path = f->path, result] { callback(path, result); });
+        const Fetch ended = *f;
+        f = fetches.erase(f);
+        if (result == FetchResult::TimedOut)
+          forgetRequest(ended);
       }
+    }
+
+    /// A late answer to a fetch that timed out starts no download, unless another fetch of the
+    /// path in that session still waits.
+    void forgetRequest(const Fetch& ended)
+    {
+      for (const Fetch& f : fetches)
+        if (f.session == ended.session && f.path == ended.path)
+          return;
+      std::shared_ptr<ConnectionThread> connection = ended.session->connection();
+      if (auto* files = dynamic_cast<FileSessionConnection*>(connection.get()))
+        files->forgetFileInfoRequest(ended.path);
     }
 
     void fetch(const QString& path, int timeoutMs, const FetchCallback& callback)

@@ -35,14 +35,26 @@ namespace Plexa
     int maxConnections = 0;
     /// Folder that files are served from and fetched into; empty: no file transfer.
     QString fileRoot;
+    /// A fetch whose file was announced but of which no part arrived for this long (milliseconds)
+    /// ends as Stalled: a peer that keeps the connection alive but stops sending cannot hold it.
+    /// 0 or less: no limit.
+    int fetchStallMs = 30000;
   };
 
   /// How a fetch ended.
   enum class FetchResult
   {
+    /// The file is in place and its MD5 is the one the peer announced.
     Verified,
+    /// The MD5 did not match, the file could not be stored, or the session ended (or there was none).
     Failed,
-    TimedOut
+    /// The peer did not announce the file within the time limit: it does not have it.
+    TimedOut,
+    /// The peer announced the file, but it is being downloaded already over another connection
+    /// (or this one has too many downloads running).
+    Refused,
+    /// The peer announced the file, then sent no part of it for `PeerOptions::fetchStallMs`.
+    Stalled
   };
 
   /// Everything an application needs to keep a `RemoteNode` in sync with a peer: the connection
@@ -115,8 +127,9 @@ namespace Plexa
 
     /// Asks the peer of the first live session for the file at `path` (relative to its file root,
     /// beginning with '/'); it is stored at the same path below this side's file root once its MD5
-    /// matched. `callback` runs once, with Verified, Failed (MD5 mismatch, connection lost) or
-    /// TimedOut (the peer never answered within `timeoutMs`: it does not have the file). A fetch
+    /// matched. `callback` runs once, with Verified, Failed (MD5 mismatch, connection lost),
+    /// TimedOut (the peer never answered within `timeoutMs`: it does not have the file), Refused
+    /// or Stalled (see FetchResult). Only files asked for here are taken from the peer. A fetch
     /// still running when the Peer is destroyed gets no call.
     void fetch(const QString& path, int timeoutMs, const FetchCallback& callback);
     /// Progress of running fetches, after every few parts and at the end.

@@ -5,6 +5,7 @@
 
 #include "bastion/LogCapture.hpp"
 #include "plexa/files/FileTestSupport.hpp"
+#include "plexa/files/FileTransferTestSupport.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 
 #include <gtest/gtest.h>
@@ -145,4 +146,46 @@ TEST(PeerFetchWithoutRootTest, FetchFailsAndThereIsNoFileList)
   });
   ASSERT_TRUE(pumpUntil({&server, &client}, [&] { return calls > 0; }));
   EXPECT_EQ(result, FetchResult::Failed);
+}
+
+TEST(PeerFetchFromAFakeServerTest, AFetchEndsInTimeWhenThePeerIsSilentOrStopsSendingParts)
+{
+  Bastion::LogCapture log;
+  QTemporaryDir root;
+  PeerOptions options;
+  options.fileRoot = root.path();
+  options.fetchStallMs = 300;
+  RemoteNode node(nullptr, "scene");
+  Peer client(node, options);
+  ASSERT_TRUE(client.waitForFileList(30000));
+  Listener listener;
+  client.connectTo("127.0.0.1", listener.port());
+  // The server shakes hands and answers pings, nothing more unless told.
+  const auto server = std::make_shared<RawPeer>(listener.accept(), true);
+  server->run();
+  ASSERT_TRUE(pumpUntil({&client}, [&] { return client.sessionCount() == 1; }));
+
+  std::vector<FetchResult> results;
+  const auto record = [&](const QString&, FetchResult r) { results.push_back(r); };
+  auto start = Clock::now();
+  client.fetch("/silent", 300, record);
+  ASSERT_TRUE(pumpUntil({&client}, [&] { return results.size() == 1; }, 5000));
+  EXPECT_EQ(results[0], FetchResult::TimedOut);
+
+  // Announced, one part of four sent, then nothing.
+  const QByteArray content = randomBytes(200000, 5);
+  client.fetch("/stalls", 60000, record);
+  ASSERT_TRUE(pumpUntil({&client}, [&] { return server->lines().contains("sendfileinfo \"/stalls\""); }));
+  server->send(QStringLiteral("fileinfo 200000 \"/stalls\" 4 %1\n").arg(md5Hex(content)).toUtf8() +
+               "filepart \"/stalls\" 65536 1\n" + content.left(65536));
+  ASSERT_TRUE(pumpUntil({&client}, [&] { return server->lines().contains("sendparts \"/stalls\""); }));
+  start = Clock::now();
+  ASSERT_TRUE(pumpUntil({&client}, [&] { return results.size() == 2; }, 5000));
+  EXPECT_EQ(results[1], FetchResult::Stalled);
+  EXPECT_LT(secondsSince(start), 2.0);
+  EXPECT_EQ(log.countContaining("No part of '/stalls' arrived from 127.0.0.1:"), 1);
+  // A late answer to the fetch that timed out books nothing.
+  server->send(QStringLiteral("fileinfo 1 \"/silent\" 1 %1\n").arg(md5Hex("x")).toUtf8());
+  ASSERT_TRUE(pumpUntil({&client}, [&] { return log.countContaining("'/silent' was not asked for: refused") == 1; }));
+  client.stop();
 }

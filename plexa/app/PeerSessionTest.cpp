@@ -1,13 +1,16 @@
 // A session's hand-over of received lists, its gate on sending, and the link that starts and ends
 // sessions on a connection, without any socket: the connection is never started, so whatever is
-// sent stays in its writer's queue where the test can see it.
+// sent stays in its writer's queue where the test can see it. Last, what a file connection reports
+// of the downloads it books, over 127.0.0.1.
 
+#include "plexa/app/FileSessionConnection.hpp"
 #include "plexa/app/PeerSession.hpp"
 #include "plexa/app/SessionHost.hpp"
 #include "plexa/app/SessionLink.hpp"
 #include "plexa/app/TrafficMeter.hpp"
 
 #include "bastion/LogCapture.hpp"
+#include "plexa/files/FileTransferTestSupport.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleController.hpp"
@@ -16,24 +19,40 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <mutex>
 #include <vector>
 
 using namespace Plexa;
 
 namespace
 {
-  /// Records what sessions report.
+  /// Records what sessions report. File events may come from several connection threads.
   class FakeHost : public SessionHost
   {
   public:
-    void sessionStarted(const std::shared_ptr<PeerSession>& session) override { started.push_back(session); }
+    void sessionStarted(const std::shared_ptr<PeerSession>& session) override
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      started.push_back(session);
+    }
     void retrying(double secondsLeft) override { retries.push_back(secondsLeft); }
-    void fileEvent(const FileEvent&) override {}
+    void fileEvent(const FileEvent& event) override
+    {
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        fileEvents.push_back(QString::number(event.kind) + ' ' + event.path);
+      }
+      fileSignal.raise();
+    }
     void wake() override { ++wakes; }
 
+    std::mutex mutex;
     std::vector<std::shared_ptr<PeerSession>> started;
     std::vector<double> retries;
     std::atomic<int> wakes{0};
+    /// "<kind> <path>" of each file event.
+    QStringList fileEvents;
+    FileTestSupport::Signal fileSignal;
   };
 
   /// A connection that is never started.
@@ -190,4 +209,51 @@ TEST(PeerSessionTest, LinkHandsOnlyBundleBlocksToItsSession)
   ASSERT_EQ(host.retries.size(), 1u);
   EXPECT_DOUBLE_EQ(host.retries[0], 1.5);
   link.disconnected(*connection);
+}
+
+TEST(PeerSessionTest, AFileConnectionReportsOnlyTheDownloadsItBooked)
+{
+  using namespace FileTestSupport;
+  Bastion::LogCapture log;
+  QTemporaryDir root;
+  AssetBase store(root.path());
+  ASSERT_TRUE(store.waitForFileList(10000));
+  FakeHost host;
+  const auto traffic = std::make_shared<TrafficMeter>();
+  Listener listener;
+  std::vector<std::shared_ptr<RawPeer>> peers;
+  std::vector<std::shared_ptr<FileSessionConnection>> connections;
+  for (int i = 0; i < 2; ++i) {
+    peers.push_back(std::make_shared<RawPeer>(nullptr, false));
+    peers[i]->setReconnect(false);
+    peers[i]->connectToHost("127.0.0.1", listener.port());
+    Bastion::TCPSocket* socket = listener.accept();
+    ASSERT_NE(socket, nullptr);
+    connections.push_back(std::make_shared<FileSessionConnection>(socket, true, store, host, traffic, "peer"));
+    connections[i]->run();
+    ASSERT_TRUE(peers[i]->connectedSignal.wait());
+  }
+  const QByteArray info = "fileinfo 1 \"/x\" 1 " + md5Hex("x").toLatin1() + "\n";
+
+  // Only what was asked for is booked.
+  connections[0]->requestFileInfo("/x");
+  ASSERT_TRUE(peers[0]->waitLines(1));
+  peers[0]->send("fileinfo 1 \"/pushed\" 1 " + md5Hex("x").toLatin1() + "\n" + info);
+  ASSERT_TRUE(host.fileSignal.wait(1));
+  EXPECT_EQ(log.countContaining("'/pushed' was not asked for: refused"), 1);
+  EXPECT_FALSE(store.isDownloading("/pushed"));
+
+  // The other connection's announcement of the same file starts nothing, and says so.
+  connections[1]->requestFileInfo("/x");
+  ASSERT_TRUE(peers[1]->waitLines(1));
+  peers[1]->send(info);
+  ASSERT_TRUE(host.fileSignal.wait(2));
+  {
+    std::lock_guard<std::mutex> lock(host.mutex);
+    EXPECT_EQ(host.fileEvents, QStringList({QString("%1 /x").arg(SessionHost::FileEvent::Booked),
+                                            QString("%1 /x").arg(SessionHost::FileEvent::Refused)}));
+  }
+  peers.clear();
+  for (const auto& connection : connections)
+    connection->shutdown();
 }

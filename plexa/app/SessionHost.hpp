@@ -25,7 +25,12 @@ namespace Plexa
         /// More of the file has been written.
         Progress,
         /// The download ended: the local file's listed MD5 is the announced one (`verified`), or not.
-        Finished
+        Finished,
+        /// The peer announced the file, but no download started here (another one of the path runs,
+        /// or this connection has too many).
+        Refused,
+        /// Parts still arrive (sent at most every AliveReportMs between Progress events).
+        Alive
       };
       Kind kind = Booked;
       std::shared_ptr<PeerSession> session;

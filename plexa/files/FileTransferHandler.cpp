@@ -16,6 +16,7 @@
 
 #include <QFile>
 #include <QMap>
+#include <QSet>
 
 #include <algorithm>
 #include <atomic>
@@ -65,6 +66,20 @@ namespace Plexa
       const int slash = path.lastIndexOf('/');
       return slash <= 0 ? QByteArray("/") : path.left(slash);
     }
+
+    /// The caps that log only their first refusal on a connection (bits of D::capsLogged).
+    enum Cap
+    {
+      PathCap = 1,
+      DownloadCap = 2,
+      UploadQueueCap = 4,
+      ReplyBufferCap = 8,
+      /// Not a cap, but as cheap for a peer to repeat.
+      DuplicateUpload = 16
+    };
+
+    /// How much of a refused path a log line shows.
+    constexpr int LoggedPathChars = 200;
   }
 
   /// Runs the handler's sending on the background thread. The handler pointer is cleared (and a
@@ -109,6 +124,8 @@ namespace Plexa
       QString path;
       /// The root at the time of the request, so the background thread never calls rootPath().
       QString root;
+
+      bool operator==(const Upload& other) const { return path == other.path; }
     };
 
     AssetBase& assets;
@@ -116,6 +133,24 @@ namespace Plexa
     // Connection thread only.
     QMap<QString, qint64> bytesSinceReport;
     Bastion::TimeStamp connectedTime;
+    /// Downloads this connection booked and has not finished yet (MaxDownloadsPerConnection).
+    QSet<QString> booked;
+    /// The caps (Cap bits) that refused something on this connection and said so in the log.
+    int capsLogged = 0;
+
+    // Any thread.
+    std::atomic<bool> acceptUnrequested{true};
+    Bastion::Mutex requestMutex;
+    /// Paths asked for with "sendfileinfo" whose "fileinfo" has not come yet (only kept while
+    /// unrequested announcements are refused).
+    QSet<QString> requested BASTION_GUARDED_BY(requestMutex);
+
+    /// Counts the ends of connections. An upload belongs to the connection it was asked on: the
+    /// background thread checks this under `sendMutex` before it queues each part, and the end of
+    /// a connection raises it and passes through the mutex before dropping what is queued, so no
+    /// part of an old upload can slip in behind the drop.
+    std::atomic<uint64_t> generation{0};
+    Bastion::Mutex sendMutex;
 
     Bastion::Mutex uploadMutex;
     std::shared_ptr<UploadTask> uploadTask BASTION_GUARDED_BY(uploadMutex);
@@ -123,6 +158,7 @@ namespace Plexa
     QString currentPath BASTION_GUARDED_BY(uploadMutex);
 
     // Background thread only, while a step of the upload task runs.
+    uint64_t sendingGeneration = 0;
     QString sendingPath;
     QString sendingRoot;
     QFile currentFile;
@@ -164,13 +200,37 @@ namespace Plexa
 
   void FileTransferHandler::requestFileInfo(const QString& path)
   {
-    writeBuffer(QStringLiteral("sendfileinfo \"%1\"\n").arg(path), QByteArray());
+    if (!d->acceptUnrequested.load()) {
+      Bastion::Guard guard(d->requestMutex);
+      d->requested.insert(path);
+    }
+    writeFileTraffic(QStringLiteral("sendfileinfo \"%1\"\n").arg(path).toUtf8());
+  }
+
+  void FileTransferHandler::forgetFileInfoRequest(const QString& path)
+  {
+    Bastion::Guard guard(d->requestMutex);
+    d->requested.remove(path);
+  }
+
+  void FileTransferHandler::setAcceptUnrequestedFileInfo(bool accept)
+  {
+    d->acceptUnrequested.store(accept);
   }
 
   void FileTransferHandler::requestFileParts(const QString& path)
   {
-    writeBuffer(QStringLiteral("sendparts \"%1\"\n").arg(path), QByteArray());
+    writeFileTraffic(QStringLiteral("sendparts \"%1\"\n").arg(path).toUtf8());
   }
+
+  void FileTransferHandler::writeFileTraffic(const QByteArray& data)
+  {
+    writeBufferData(data, QByteArray(FileBufferName));
+  }
+
+  void FileTransferHandler::downloadBooked(const QString&, qint64, const QString&) {}
+
+  void FileTransferHandler::downloadRefused(const QString&, Refusal) {}
 
   AssetBase& FileTransferHandler::assets() const
   {
@@ -186,6 +246,14 @@ namespace Plexa
   bool FileTransferHandler::parse(QString line)
   {
     const FileTransferCommand command = FileTransferCommand::parse(line);
+    // A part's bytes must be read whatever its path; a path that long can match no download anyway.
+    if (command.kind != FileTransferCommand::None && command.kind != FileTransferCommand::FilePart) {
+      const qint64 pathBytes = command.path.toUtf8().size();
+      if (pathBytes > MaxFilePathBytes) {
+        logCapOnce(PathCap, "parse", "MaxFilePathBytes", command.path, pathBytes, MaxFilePathBytes);
+        return true;
+      }
+    }
     switch (command.kind) {
     case FileTransferCommand::FileInfo: {
       if (command.path.contains(QLatin1String("..")) || !command.path.startsWith('/')) {
@@ -235,12 +303,42 @@ namespace Plexa
   void FileTransferHandler::connected()
   {
     d->connectedTime = uniqueConnectedTime();
+    d->capsLogged = 0;
   }
 
   void FileTransferHandler::disconnected()
   {
     d->assets.clearDownloadList(d->connectedTime);
     d->bytesSinceReport.clear();
+    d->booked.clear();
+    {
+      Bastion::Guard guard(d->requestMutex);
+      d->requested.clear();
+    }
+    {
+      Bastion::Guard guard(d->uploadMutex);
+      d->generation.fetch_add(1);
+      d->uploadQueue.clear();
+      d->currentPath.clear();
+    }
+    // Waits for a part being queued right now; every later one sees the new generation.
+    {
+      Bastion::Guard guard(d->sendMutex);
+    }
+    // Not under the upload mutex: the drain listener that this may call takes it.
+    writerThread()->removeFromBuffer(FileBufferName);
+  }
+
+  void FileTransferHandler::logCapOnce(int cap, const char* where, const char* which, const QString& path,
+                                       qint64 size, qint64 limit)
+  {
+    if (d->capsLogged & cap)
+      return;
+    d->capsLogged |= cap;
+    Bastion::error("FileTransferHandler::%s # %s:%d went over %s (%lld, limit %lld): refusing '%s'; further "
+                   "refusals by this limit on this connection are not logged",
+                   where, remoteHost().toUtf8().constData(), remotePort(), which, (long long)size, (long long)limit,
+                   path.left(LoggedPathChars).toUtf8().constData());
   }
 
   void FileTransferHandler::refuseOutsideRoot(const char* where, const QString& path)
@@ -267,24 +365,52 @@ namespace Plexa
                        (root + path).toUtf8().constData());
       return;
     }
+    const qint64 buffered = bufferedDataSize();
+    if (buffered > FileInfoReplyBufferLimit) {
+      logCapOnce(ReplyBufferCap, "sendFileInfo", "FileInfoReplyBufferLimit", path, buffered, FileInfoReplyBufferLimit);
+      return;
+    }
     const qint64 size = st.st_size;
-    writeBuffer(QStringLiteral("fileinfo %1 \"%2\" %3 %4\n")
-                  .arg(QString::number(size), path, QString::number(partCount(size)), d->assets.md5(path)),
-                QByteArray());
+    writeFileTraffic(QStringLiteral("fileinfo %1 \"%2\" %3 %4\n")
+                       .arg(QString::number(size), path, QString::number(partCount(size)), d->assets.md5(path))
+                       .toUtf8());
   }
 
   void FileTransferHandler::receiveFileInfo(const QString& path, qint64 size, qint64 parts, const QString& md5)
   {
+    if (!d->acceptUnrequested.load()) {
+      bool asked = false;
+      {
+        Bastion::Guard guard(d->requestMutex);
+        asked = d->requested.remove(path);
+      }
+      if (!asked) {
+        Bastion::error("FileTransferHandler::receiveFileInfo # '%s' was not asked for: refused",
+                       path.toUtf8().constData());
+        downloadRefused(path, Refusal::NotRequested);
+        return;
+      }
+    }
+    if (d->booked.size() >= MaxDownloadsPerConnection && !d->booked.contains(path)) {
+      logCapOnce(DownloadCap, "receiveFileInfo", "MaxDownloadsPerConnection", path, d->booked.size() + 1,
+                 MaxDownloadsPerConnection);
+      downloadRefused(path, Refusal::TooManyDownloads);
+      return;
+    }
     Bastion::BinaryData info;
     info.writeString(path);
     info.writeInt64(size);
     info.writeInt64(parts);
     info.writeString(md5);
     eventSend("file-info", info);
-    if (d->assets.addFileToDownloadList(path, size, parts, md5, d->connectedTime))
-      writeBuffer(QStringLiteral("sendparts \"%1\"\n").arg(path), QByteArray());
-    else
+    if (d->assets.addFileToDownloadList(path, size, parts, md5, d->connectedTime)) {
+      d->booked.insert(path);
+      requestFileParts(path);
+      downloadBooked(path, size, md5);
+    } else {
       Bastion::error("File '%s' is being downloaded already", path.toUtf8().constData());
+      downloadRefused(path, Refusal::AlreadyDownloading);
+    }
   }
 
   void FileTransferHandler::receiveFilePart(const QString& path, qint64 byteCount, qint64 partNumber)
@@ -363,6 +489,7 @@ namespace Plexa
   void FileTransferHandler::finishDownload(const QString& path)
   {
     d->bytesSinceReport.remove(path);
+    d->booked.remove(path);
     const QString root = rootPath();
     const QString localName = root + path;
     const QString temporaryName = localName + QLatin1String(TemporarySuffix);
@@ -407,7 +534,22 @@ namespace Plexa
     }
     const QString root = rootPath();
     Bastion::Guard guard(d->uploadMutex);
-    d->uploadQueue.append({path, root});
+    const D::Upload upload{path, root};
+    if (d->uploadQueue.contains(upload)) {
+      if (!(d->capsLogged & DuplicateUpload)) {
+        d->capsLogged |= DuplicateUpload;
+        Bastion::error("FileTransferHandler::startFilePartsUploadTask # '%s' is queued already: request ignored; "
+                       "further repeated requests on this connection are not logged",
+                       path.left(LoggedPathChars).toUtf8().constData());
+      }
+      return;
+    }
+    if (d->uploadQueue.size() >= MaxQueuedUploads) {
+      logCapOnce(UploadQueueCap, "startFilePartsUploadTask", "MaxQueuedUploads", path, d->uploadQueue.size() + 1,
+                 MaxQueuedUploads);
+      return;
+    }
+    d->uploadQueue.append(upload);
     if (!d->uploadTask) {
       d->uploadTask = std::make_shared<UploadTask>(this);
       Bastion::BGThread::instance().addTask(d->uploadTask);
@@ -420,6 +562,9 @@ namespace Plexa
     // nobody drains.
     if (!isConnected())
       return abandonUploads();
+    // The connection this file was asked on has ended (and another may have begun).
+    if (d->currentFile.isOpen() && d->sendingGeneration != d->generation.load())
+      closeCurrentFile();
     if (bufferedDataSize() > UploadBufferLimit)
       return 1;
     if (d->currentFile.isOpen()) {
@@ -431,6 +576,7 @@ namespace Plexa
     if (!d->uploadQueue.isEmpty()) {
       const D::Upload next = d->uploadQueue.takeFirst();
       d->currentPath = next.path;
+      d->sendingGeneration = d->generation.load();
       d->uploadMutex.unlock();
       d->sendingPath = next.path;
       d->sendingRoot = next.root;
@@ -454,6 +600,15 @@ namespace Plexa
     d->uploadTask.reset();
     d->uploadMutex.unlock();
     return 2;
+  }
+
+  bool FileTransferHandler::queuePart(const QList<QByteArray>& parts)
+  {
+    Bastion::Guard guard(d->sendMutex);
+    if (d->sendingGeneration != d->generation.load())
+      return false;
+    writeBuffer(parts, QByteArray(FileBufferName));
+    return true;
   }
 
   void FileTransferHandler::closeCurrentFile()
@@ -491,7 +646,7 @@ namespace Plexa
   {
     const QByteArray path = d->sendingPath.toUtf8();
     if (partCount(d->currentFile.size()) < 1) {
-      writeBufferData("filepart \"" + path + "\" 0 1\n", QByteArray());
+      queuePart({"filepart \"" + path + "\" 0 1\n"});
       closeCurrentFile();
       return;
     }
@@ -509,7 +664,10 @@ namespace Plexa
       part.resize(int(got));
       const QByteArray header =
         "filepart \"" + path + "\" " + QByteArray::number(got) + ' ' + QByteArray::number(partNumber) + '\n';
-      writeBuffer(QList<QByteArray>{header, part}, QByteArray());
+      if (!queuePart({header, part})) {
+        closeCurrentFile();
+        return;
+      }
     }
     if (readFailed) {
       Bastion::error("FileTransferHandler::continueSendingFileParts # Failed to read file '%s': %s",

@@ -44,8 +44,17 @@ namespace Plexa
     /// Shuts the connection down, then finishes the upload task (running one last step here).
     ~FileTransferHandler() override;
 
-    /// Sends "sendfileinfo" for `path` (beginning with '/'): asks the peer for the file.
+    /// Sends "sendfileinfo" for `path` (beginning with '/'): asks the peer for the file. Without
+    /// unrequested announcements (below), the path is remembered until its "fileinfo" arrives, the
+    /// request is forgotten or the connection ends.
     void requestFileInfo(const QString& path);
+    /// Forgets a request of `path`: a "fileinfo" that comes for it later is refused (unless
+    /// unrequested announcements are accepted). Any thread.
+    void forgetFileInfoRequest(const QString& path);
+    /// Whether a "fileinfo" for a path this side never asked for starts a download (default true:
+    /// either end may push a file). Off, only announcements answering `requestFileInfo` are taken;
+    /// the rest are refused with a log line. Any thread; set it before connecting.
+    void setAcceptUnrequestedFileInfo(bool accept);
     /// Sends "sendparts" for `path`: asks the peer to stream the file.
     void requestFileParts(const QString& path);
     AssetBase& assets() const;
@@ -66,11 +75,28 @@ namespace Plexa
     static qint64 partCount(qint64 size);
 
   protected:
+    /// Why a "fileinfo" started no download.
+    enum class Refusal
+    {
+      /// Another download of the path runs, on this connection or another one.
+      AlreadyDownloading,
+      /// This connection has MaxDownloadsPerConnection downloads booked.
+      TooManyDownloads,
+      /// Unrequested announcements are not accepted and this side never asked for the path.
+      NotRequested
+    };
+
+    /// A "fileinfo" booked the download of `path` and "sendparts" went out. Connection thread.
+    virtual void downloadBooked(const QString& path, qint64 size, const QString& md5);
+    /// A "fileinfo" for `path` was refused (and logged). Connection thread.
+    virtual void downloadRefused(const QString& path, Refusal why);
+
     /// Handles "fileinfo", "sendfileinfo", "filepart" and "sendparts"; false for any other line.
     bool parse(QString line) override;
     /// Records the connected time, the key of this connection's downloads.
     void connected() override;
-    /// Drops this connection's downloads and their temporary files.
+    /// Drops this connection's downloads and their temporary files, its uploads, and the file
+    /// traffic still queued for the peer (a next connection's peer would take it out of place).
     void disconnected() override;
 
   private:
@@ -88,7 +114,15 @@ namespace Plexa
     void startSendingfileParts();
     void continueSendingFileParts();
     void closeCurrentFile();
+    /// Background thread: queues a part of the file being sent; false (nothing queued) when the
+    /// connection it was asked on has ended.
+    bool queuePart(const QList<QByteArray>& parts);
     void refuseOutsideRoot(const char* where, const QString& path);
+    /// Queues file traffic under FileBufferName.
+    void writeFileTraffic(const QByteArray& data);
+    /// Logs the first refusal of `path` by a cap (`which`: its name) on this connection, with the
+    /// size that went over `limit`.
+    void logCapOnce(int cap, const char* where, const char* which, const QString& path, qint64 size, qint64 limit);
 
     std::unique_ptr<D> d;
   };

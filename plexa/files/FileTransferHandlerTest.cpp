@@ -1,3 +1,4 @@
+#include "plexa/files/FileTransferFormat.hpp"
 #include "plexa/files/FileTransferHandler.hpp"
 #include "plexa/files/FileTransferTestSupport.hpp"
 #include "plexa/files/RootDirectory.hpp"
@@ -14,6 +15,18 @@ using namespace Plexa::FileTestSupport;
 
 namespace
 {
+  /// Polls `done` until it holds or 20 s passed.
+  bool waitUntil(const std::function<bool()>& done)
+  {
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    while (!done()) {
+      if (Clock::now() > deadline)
+        return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
+
   /// A handler with its store over a temporary root, connected to a RawPeer that plays the other end.
   class FileTransferHandlerTest : public ::testing::TestWithParam<bool>
   {
@@ -271,4 +284,82 @@ TEST_P(FileTransferHandlerTest, DroppedConnectionClearsOnlyItsDownloads)
   EXPECT_FALSE(QFileInfo::exists(root() + "/a.bin"));
   otherPeer.reset();
   otherHandler.reset();
+}
+
+class FileTransferCapsTest : public FileTransferHandlerTest
+{
+};
+
+TEST_P(FileTransferCapsTest, APeerCannotGrowQueuesPastTheirCaps)
+{
+  Bastion::LogCapture log;
+  m_peer->send("sendfileinfo \"/" + QByteArray(MaxFilePathBytes, 'p') + "\"\n");
+  // Announcements nobody asked for book downloads up to the cap, the rest are refused.
+  QByteArray announcements;
+  for (int i = 0; i <= MaxDownloadsPerConnection; ++i)
+    announcements += fileInfo(QStringLiteral("/d%1").arg(i), "x", 1);
+  m_peer->send(announcements);
+  ASSERT_TRUE(roundTrip(MaxDownloadsPerConnection));
+  EXPECT_EQ(m_peer->lines().size(), MaxDownloadsPerConnection + 1);
+  EXPECT_EQ(m_peer->lines().last(), knownInfo());
+  EXPECT_FALSE(m_store->isDownloading(QStringLiteral("/d%1").arg(MaxDownloadsPerConnection)));
+  EXPECT_EQ(log.countContaining("went over MaxDownloadsPerConnection (1025, limit 1024): refusing '/d1024'"), 1);
+  EXPECT_EQ(log.countContaining("went over MaxFilePathBytes (4097, limit 4096)"), 1);
+
+  // The peer stops reading: an upload fills the write buffer and waits. Meanwhile upload requests
+  // queue up to their cap (a repeat is refused), and answers stop once the buffer is over its limit.
+  QString deep;
+  for (int i = 0; i < 15; ++i)
+    deep += '/' + QString(250, QChar('a' + i));
+  deep += "/f";
+  ASSERT_TRUE(writeFile(root() + deep, "deep"));
+  ASSERT_TRUE(writeFile(root() + "/large.bin", QByteArray(40 << 20, 'x')));
+  m_peer->holdAtFirstPart();
+  m_peer->send("sendparts \"/large.bin\"\n");
+  ASSERT_TRUE(m_peer->heldSignal.wait());
+  ASSERT_TRUE(waitUntil([&] { return m_handler->bufferedDataSize() > UploadBufferLimit; }));
+  QByteArray requests;
+  for (int i = 0; i <= MaxQueuedUploads; ++i)
+    requests += "sendparts \"/q" + QByteArray::number(i) + "\"\n";
+  requests += "sendparts \"/q0\"\n";
+  for (int i = 0; i < 400; ++i)
+    requests += "sendfileinfo \"" + deep.toUtf8() + "\"\n";
+  m_peer->send(requests);
+  ASSERT_TRUE(waitUntil([&] { return log.countContaining("went over FileInfoReplyBufferLimit") == 1; }));
+  EXPECT_EQ(log.countContaining("went over MaxQueuedUploads (1025, limit 1024): refusing '/q1024'"), 1);
+  EXPECT_EQ(log.countContaining("'/q0' is queued already"), 1);
+  EXPECT_LE(m_handler->bufferedDataSize(), FileInfoReplyBufferLimit + 8192);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernel, FileTransferCapsTest, ::testing::Values(true));
+
+TEST(FileTransferReconnectTest, QueuedPartsDoNotReachTheNextConnection)
+{
+  QTemporaryDir root;
+  ASSERT_TRUE(writeFile(root.path() + "/large.bin", QByteArray(40 << 20, 'y')));
+  ASSERT_TRUE(writeFile(root.path() + "/known.txt", "known"));
+  NotifyingStore store(root.path());
+  ASSERT_TRUE(store.waitForFileList(10000));
+  Listener listener;
+  const auto uploader = std::make_shared<TestHandler>(nullptr, false, store, root.path());
+  uploader->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
+  auto first = std::make_shared<RawPeer>(listener.accept(), true);
+  first->run();
+  ASSERT_TRUE(first->connectedSignal.wait());
+  first->holdAtFirstPart();
+  first->send("sendparts \"/large.bin\"\n");
+  ASSERT_TRUE(first->heldSignal.wait());
+  ASSERT_TRUE(waitUntil([&] { return uploader->bufferedDataSize() > UploadBufferLimit; }));
+  first.reset();
+  ASSERT_TRUE(uploader->disconnectedSignal.wait());
+
+  // The uploader connects again: the new peer hears the answer to its question, and not the rest
+  // of a file that the old one asked for.
+  const auto second = std::make_shared<RawPeer>(listener.accept(), true);
+  second->run();
+  ASSERT_TRUE(second->connectedSignal.wait());
+  second->send("sendfileinfo \"/known.txt\"\n");
+  ASSERT_TRUE(second->waitLines(1));
+  EXPECT_EQ(second->lines().at(0), QStringLiteral("fileinfo 5 \"/known.txt\" 1 %1").arg(md5Hex("known")));
+  uploader->shutdown();
 }

@@ -16,6 +16,7 @@
 #include <QMap>
 #include <QStringList>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -115,7 +116,16 @@ namespace Plexa
         eventAddListener("connected", [this](Bastion::BinaryData&) { connectedSignal.raise(); });
         eventAddListener("disconnected", [this](Bastion::BinaryData&) { disconnectedSignal.raise(); });
       }
-      ~RawPeer() override { shutdown(); }
+      ~RawPeer() override
+      {
+        release();
+        shutdown();
+      }
+
+      /// Stops reading at the first "filepart" line (its bytes unread; `heldSignal` raised) until
+      /// `release()`, so that what the other end sends piles up in its write buffer.
+      void holdAtFirstPart() { m_hold = true; }
+      void release() { m_released.raise(); }
 
       void send(const QByteArray& bytes) { writeBufferData(bytes, QByteArray()); }
       /// Waits until `count` lines arrived in all.
@@ -133,13 +143,17 @@ namespace Plexa
         return result;
       }
 
-      Signal connectedSignal, disconnectedSignal;
+      Signal connectedSignal, disconnectedSignal, heldSignal;
 
     protected:
       bool parse(QString line) override
       {
         Received r{line, {}};
         const FileTransferCommand command = FileTransferCommand::parse(line);
+        if (command.kind == FileTransferCommand::FilePart && m_hold.exchange(false)) {
+          heldSignal.raise();
+          m_released.wait(1, 30000);
+        }
         if (command.kind == FileTransferCommand::FilePart)
           r.bytes = readData(command.first.toInt());
         {
@@ -154,6 +168,8 @@ namespace Plexa
       std::mutex m_mutex;
       std::vector<Received> m_received;
       Signal m_lines;
+      std::atomic<bool> m_hold{false};
+      Signal m_released;
     };
 
     /// A listening socket on 127.0.0.1 and an ephemeral port.

@@ -2,6 +2,7 @@
 // fetch together, every error a person can make, Ctrl-C, and the demo.
 
 #include "bastion/TCPServerSocket.hpp"
+#include "bastion/TCPSocket.hpp"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -18,8 +19,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <memory>
+#include <thread>
+#include <vector>
 
 namespace
 {
@@ -132,6 +136,67 @@ namespace
     socket.close();
     return port;
   }
+
+  /// Passes bytes between one client and the server at `serverPort` on 127.0.0.1 until the server
+  /// begins to send a file part; from there on it drops all the server sends and keeps both
+  /// connections open: a server that stops sending parts.
+  class StallingProxy
+  {
+  public:
+    explicit StallingProxy(int serverPort)
+    {
+      m_listener.open("127.0.0.1", 0, 1);
+      m_thread = std::thread([this, serverPort] { run(serverPort); });
+    }
+    ~StallingProxy()
+    {
+      m_stop = true;
+      m_thread.join();
+    }
+    QString address() const { return QString("127.0.0.1:%1").arg(m_listener.localPort()); }
+
+  private:
+    void run(int serverPort)
+    {
+      while (!m_stop && !m_listener.isPendingConnection(100000)) {
+      }
+      std::unique_ptr<Bastion::TCPSocket> client(m_stop ? nullptr : m_listener.accept());
+      Bastion::TCPSocket server;
+      if (!client || server.open("127.0.0.1", serverPort) != 0)
+        return;
+      // Short reads: each returns what came within its time.
+      client->setReadTimeout(5);
+      server.setReadTimeout(5);
+      const QByteArray cut("filepart");
+      QByteArray fromServer;
+      std::vector<char> buffer(65536);
+      bool dropping = false;
+      while (!m_stop) {
+        const int up = client->read(buffer.data(), int(buffer.size()));
+        if (up > 0)
+          server.write(buffer.data(), up);
+        const int down = server.read(buffer.data(), int(buffer.size()));
+        if (down <= 0 || dropping)
+          continue;
+        fromServer.append(buffer.data(), down);
+        const int at = fromServer.indexOf(cut);
+        dropping = at >= 0;
+        // An end that may begin the cut is held back until the next bytes tell.
+        int pass = dropping ? at : fromServer.size();
+        for (int held = cut.size() - 1; !dropping && held > 0; --held)
+          if (fromServer.endsWith(cut.left(held))) {
+            pass = fromServer.size() - held;
+            break;
+          }
+        client->write(fromServer.constData(), pass);
+        fromServer.remove(0, pass);
+      }
+    }
+
+    Bastion::TCPServerSocket m_listener;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+  };
 
   class CliEndToEnd : public ::testing::Test
   {
@@ -393,4 +458,29 @@ TEST_F(CliEndToEnd, TheDemoPasses)
   EXPECT_TRUE(demo->out().contains(QRegularExpression("files verified +3 of 3")));
   EXPECT_TRUE(demo->out().contains(QRegularExpression("sliced event +\\d+ bytes in \\d+ slices, intact")));
   EXPECT_TRUE(demo->out().contains(QRegularExpression("median round trip +\\d+\\.\\d+ ms")));
+}
+
+TEST_F(CliEndToEnd, FetchGivesUpOnAServerThatIsSilentOrStopsSendingParts)
+{
+  // Connections are accepted (by the kernel) and never answered.
+  Bastion::TCPServerSocket silent;
+  ASSERT_EQ(silent.open("127.0.0.1", 0, 4), 0);
+  QElapsedTimer clock;
+  clock.start();
+  auto p = run({"fetch", QString("127.0.0.1:%1").arg(silent.localPort()), "/a", "--timeout", "1", "--into", work.filePath("into")});
+  EXPECT_EQ(status, 1);
+  EXPECT_LT(clock.elapsed(), 10000);
+
+  const QString share = work.filePath("share");
+  ASSERT_TRUE(writeFile(share + "/big.bin", randomBytes(3000000)));
+  std::unique_ptr<Plexa> server;
+  const QString address = serve(server, {"--share", share});
+  ASSERT_FALSE(address.isEmpty()) << server->err().toStdString();
+  StallingProxy proxy(address.section(':', 1).toInt());
+  clock.restart();
+  p = run({"fetch", proxy.address(), "/big.bin", "--timeout", "2", "--into", work.filePath("into")});
+  EXPECT_EQ(status, 1);
+  EXPECT_LT(clock.elapsed(), 10000);
+  EXPECT_TRUE(p->err().endsWith("plexa fetch: /big.bin: the peer stopped sending it: no part arrived for 2 s\n"))
+    << p->err().toStdString();
 }

@@ -65,7 +65,8 @@ namespace Plexa
     {
       return "Downloads files from the folder the peer at HOST:PORT shares (plexa serve --share), checks each\n"
              "against the checksum the peer announces, and stores it at the same path below --into. A path\n"
-             "the peer does not have gets no answer: it is given up after --timeout. Parts are kept in a\n"
+             "the peer does not have gets no answer: it is given up after --timeout, and so is a file of\n"
+             "which no part arrives for that long. Parts are kept in a\n"
              "hidden folder under --into until a file is verified; Ctrl-C removes them.\n"
              "\n"
              "Example: plexa fetch 127.0.0.1:5000 /textures/wall.png /meshes/cube.obj --into ./assets";
@@ -104,6 +105,7 @@ namespace Plexa
       if (!m_staging->isValid())
         return fail(ExitFailure, QString("cannot write into %1: %2").arg(m_into, m_staging->errorString()));
       options.fileRoot = m_staging->path();
+      options.fetchStallMs = timeoutMs();
       return ExitOk;
     }
 
@@ -153,6 +155,14 @@ namespace Plexa
         why = QString("the peer did not answer within %1 s; it does not have this file (or shares no folder)")
                 .arg(timeoutSeconds());
         show(m_progress->clear());
+        break;
+      case FetchResult::Refused:
+        why = "the download was refused here: the file is being downloaded already (or too many files are at once)";
+        show(m_progress->finish(path, "refused", now()));
+        break;
+      case FetchResult::Stalled:
+        why = QString("the peer stopped sending it: no part arrived for %1 s").arg(timeoutSeconds());
+        show(m_progress->finish(path, "stalled", now()));
         break;
       }
       fail(ExitFailure, QString("%1: %2").arg(path, why));
