@@ -417,6 +417,20 @@ namespace Plexa
     return d->downloadList.contains(path);
   }
 
+  bool AssetBase::isDownloadingFor(const QString& path, Bastion::TimeStamp owner) const
+  {
+    Bastion::Guard guard(d->downloadMutex);
+    auto it = d->downloadList.constFind(path);
+    return it != d->downloadList.cend() && it->stamp == owner;
+  }
+
+  qint64 AssetBase::downloadListSize(const QString& path) const
+  {
+    Bastion::Guard guard(d->downloadMutex);
+    auto it = d->downloadList.constFind(path);
+    return it == d->downloadList.cend() ? -1 : it->size;
+  }
+
   qint64 AssetBase::totalParts(const QString& path) const
   {
     Bastion::Guard guard(d->downloadMutex);

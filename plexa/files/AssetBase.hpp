@@ -80,6 +80,10 @@ namespace Plexa
     bool addFileToDownloadList(const QString& path, qint64 size, qint64 parts, const QString& md5Hex,
                                Bastion::TimeStamp owner);
     bool isDownloading(const QString& path) const;
+    /// Whether `path` is being downloaded by the connection `owner` (the one that entered it).
+    bool isDownloadingFor(const QString& path, Bastion::TimeStamp owner) const;
+    /// The announced size in bytes, or -1 if `path` is not being downloaded.
+    qint64 downloadListSize(const QString& path) const;
     /// The announced part count, or -1 if `path` is not being downloaded.
     qint64 totalParts(const QString& path) const;
     /// Parts received so far, or -1 if `path` is not being downloaded.
