@@ -23,6 +23,10 @@ namespace Plexa
   constexpr int64_t ProgressInterval = 20;
   /// Read size when hashing files for the file list.
   constexpr int FileHashBlockSize = 4096;
+  /// Folders nested deeper than this below the root are not listed (logged). A tree that peers may
+  /// have grown through downloads could otherwise make a rescan hold one descriptor and one stack
+  /// frame per level without bound.
+  constexpr int FileListDepthLimit = 256;
   /// Suffix of the file that a download is written into before it is verified and moved in place.
   constexpr const char* TemporarySuffix = ".filesync.part";
 

@@ -40,7 +40,8 @@ namespace Plexa
     {
       struct open_how how = {};
       how.flags = uint64_t(unsigned(flags));
-      how.mode = (flags & (O_CREAT | O_TMPFILE)) ? mode : 0;
+      // O_TMPFILE includes O_DIRECTORY's bit: test it whole, or a folder opened with a mode fails.
+      how.mode = ((flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE) ? mode : 0;
       how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS | (followLinks ? 0 : RESOLVE_NO_SYMLINKS);
       long fd;
       do {
