@@ -14,6 +14,7 @@
 #include "plexa/app/SessionHost.hpp"
 #include "plexa/app/TrafficMeter.hpp"
 #include "plexa/files/AssetBase.hpp"
+#include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleController.hpp"
@@ -303,7 +304,8 @@ namespace Plexa
     void handleFileEvent(const FileEvent& event, std::vector<std::function<void()>>& calls)
     {
       auto it = std::find_if(fetches.begin(), fetches.end(), [&](const Fetch& f) {
-        return f.session && f.session == event.session && f.path == event.path;
+        // Transfer lines carry paths in their canonical form, whatever form the fetch was given.
+        return f.session && f.session == event.session && FileTransferCommand::canonicalPath(f.path) == event.path;
       });
       if (it == fetches.end())
         return;

@@ -67,10 +67,11 @@ namespace Plexa
     }
 
     /// A download under such a name would be written to, and moved onto, another download's
-    /// temporary file.
+    /// temporary file, or make a folder where one belongs. The file list never lists such names.
     bool isTemporaryName(const QString& path)
     {
-      return path.endsWith(QLatin1String(TemporarySuffix));
+      return path.endsWith(QLatin1String(TemporarySuffix)) ||
+             path.contains(QLatin1String(TemporarySuffix) + QLatin1Char('/'));
     }
   }
 
@@ -211,7 +212,7 @@ namespace Plexa
         return true;
       }
       if (isTemporaryName(command.path)) {
-        Bastion::error("FileTransferHandler::receiveFileInfo # Refusing '%s': the name of a download's temporary file",
+        Bastion::error("FileTransferHandler::receiveFileInfo # Refusing '%s': a download's temporary name",
                        command.path.toUtf8().constData());
         return true;
       }
@@ -401,7 +402,8 @@ namespace Plexa
   void FileTransferHandler::finishDownload(const QString& path)
   {
     d->bytesSinceReport.remove(path);
-    const int fd = d->downloadFiles.take(path);
+    const int fd = d->downloadFiles.value(path, -1);
+    d->downloadFiles.remove(path);
     const QString root = rootPath();
     const QString localName = root + path;
     const QString temporaryName = localName + QLatin1String(TemporarySuffix);

@@ -326,13 +326,14 @@ TEST_P(FileTransferHandlerTest, SecondConnectionCannotReachAnotherConnectionsDow
   m_peer->send(fileInfo("/a", mine, 2) + part("/a", mine.left(65536), 1));
   ASSERT_TRUE(roundTrip(1));
 
-  for (const char* path : {"/a.filesync.part", "//a", "/./a"})
+  for (const char* path : {"/a.filesync.part", "/a.filesync.part/b", "//a", "/./a"})
     otherPeer->send(fileInfo(path, foreign, 1) + part(path, foreign, 1));
   otherPeer->send(part("/a", foreign, 2));
   otherPeer->send("sendfileinfo \"/known.txt\"\n");
   ASSERT_TRUE(otherPeer->waitLines(1));
   EXPECT_EQ(otherPeer->lines(), QStringList({knownInfo()}));
-  EXPECT_EQ(log.countContaining("Refusing '/a.filesync.part': the name of a download's temporary file"), 1);
+  EXPECT_EQ(log.countContaining("Refusing '/a.filesync.part': a download's temporary name"), 1);
+  EXPECT_EQ(log.countContaining("Refusing '/a.filesync.part/b': a download's temporary name"), 1);
   EXPECT_EQ(log.countContaining("File '/a' is being downloaded already"), 2);
   EXPECT_EQ(log.countContaining("Refusing part 1 of '/a': another connection is downloading that file"), 2);
   EXPECT_EQ(log.countContaining("Refusing part 2 of '/a': another connection is downloading that file"), 1);
