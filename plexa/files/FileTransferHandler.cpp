@@ -425,13 +425,18 @@ namespace Plexa
                      temporaryName.toUtf8().constData(), (long long)st.st_size, (long long)size);
       directory.remove(temporary);
     } else {
-      // The move replaces the old file atomically; only where that is refused (a folder in the
-      // way, say) is the old one deleted first.
+      // The move replaces the old file atomically; only where something is in the way is the old
+      // one deleted first. Any other failure (a flush that failed, say) leaves the old file alone.
       succeeded = directory.moveIntoPlace(fd, temporary, local);
-      if (!succeeded && errno == ESTALE) {
+      const int moveError = errno;
+      if (!succeeded && moveError == ESTALE) {
         // Something else was put at the temporary name: it is not ours to move or delete.
         Bastion::error("FileTransferHandler::finishDownload # '%s' is no longer the file that was received",
                        temporaryName.toUtf8().constData());
+      } else if (!succeeded && moveError != EISDIR && moveError != ENOTEMPTY && moveError != EEXIST) {
+        Bastion::error("Failed to rename '%s' to '%s'", temporaryName.toUtf8().constData(),
+                       localName.toUtf8().constData());
+        directory.remove(temporary);
       } else if (!succeeded) {
         directory.remove(local);
         succeeded = directory.moveIntoPlace(fd, temporary, local);

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 #include <sys/syscall.h>
 #include <thread>
@@ -19,6 +20,8 @@ namespace
   std::mutex g_syncMutex;
   /// "fdatasync <file>" and "fsync <file>" for every such call of the process, in order.
   QStringList g_syncs;
+  /// Makes fdatasync fail with EIO, as a failing disk would.
+  std::atomic<bool> g_failDataSync{false};
 
   void recordSync(const char* call, int fd)
   {
@@ -39,6 +42,10 @@ namespace
 extern "C" int fdatasync(int fd)
 {
   recordSync("fdatasync", fd);
+  if (g_failDataSync) {
+    errno = EIO;
+    return -1;
+  }
   return int(syscall(SYS_fdatasync, fd));
 }
 
@@ -202,7 +209,7 @@ TEST_P(FileTransferHandlerTest, ReceivedFileIsVerifiedAndMovedIntoPlace)
   EXPECT_EQ(QFileInfo(root() + "/empty").size(), 0);
 }
 
-TEST_P(FileTransferHandlerTest, ChecksumMismatchLeavesOldFileAlone)
+TEST_P(FileTransferHandlerTest, FailedDownloadLeavesOldFileAlone)
 {
   Bastion::LogCapture log;
   ASSERT_TRUE(writeFile(root() + "/f.txt", "old"));
@@ -217,6 +224,15 @@ TEST_P(FileTransferHandlerTest, ChecksumMismatchLeavesOldFileAlone)
   EXPECT_EQ(readFile(root() + "/f.txt"), "old");
   EXPECT_FALSE(QFileInfo::exists(root() + "/f.txt.filesync.part"));
   EXPECT_FALSE(m_store->isDownloading("/f.txt"));
+
+  // The right bytes, but they cannot be flushed to the disk.
+  g_failDataSync = true;
+  m_peer->send(announcement + part("/f.txt", "right", 1));
+  ASSERT_TRUE(m_store->finished.wait(2));
+  g_failDataSync = false;
+  EXPECT_EQ(log.countContaining("File Download for '/f.txt' failed"), 2);
+  EXPECT_EQ(readFile(root() + "/f.txt"), "old");
+  EXPECT_FALSE(QFileInfo::exists(root() + "/f.txt.filesync.part"));
 }
 
 TEST_P(FileTransferHandlerTest, OnlyTheFileThatWasReceivedLandsUnderItsName)

@@ -1,5 +1,7 @@
 #include "plexa/files/RootDirectory.hpp"
 
+#include "bastion/Log.hpp"
+
 #include <QFile>
 
 #include <atomic>
@@ -259,7 +261,12 @@ namespace Plexa
       return false;
     if (::renameat(fromParent.get(), fromName.constData(), toParent.get(), toName.constData()) != 0)
       return false;
-    return ::fsync(toParent.get()) == 0;
+    // The move has happened: a caller must not undo it, so a folder that cannot be flushed is only
+    // reported.
+    if (::fsync(toParent.get()) != 0)
+      Bastion::error("RootDirectory::moveIntoPlace # Failed to flush the folder of %s: %s", to.constData(),
+                     qt_error_string(errno).toUtf8().constData());
+    return true;
   }
 
   bool RootDirectory::remove(const QByteArray& path, Links links) const

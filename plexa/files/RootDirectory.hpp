@@ -63,7 +63,8 @@ namespace Plexa
     /// Moves the file open as `fd` from `from` to `to`, replacing an existing `to` atomically, and
     /// makes that durable: the data reaches the disk before the rename and the rename before this
     /// returns. Refused with ESTALE when `from` no longer names the file open as `fd` (replaced, or
-    /// a link), so that only the file that was written ever lands at `to`. False with errno set.
+    /// a link), so that only the file that was written ever lands at `to`. False with errno set
+    /// when nothing was moved; a folder that cannot be flushed after the move is only logged.
     bool moveIntoPlace(int fd, const QByteArray& from, const QByteArray& to) const;
     /// unlinkat(2) of a file (a link itself, never what it points to). False with errno set.
     bool remove(const QByteArray& path, Links links = Links::Beneath) const;
