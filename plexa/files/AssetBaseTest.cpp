@@ -1,5 +1,6 @@
 #include "plexa/files/AssetBase.hpp"
 #include "plexa/files/FileTestSupport.hpp"
+#include "plexa/files/FileTransferFormat.hpp"
 #include "plexa/files/ProgressSender.hpp"
 
 #include "bastion/LogCapture.hpp"
@@ -243,6 +244,20 @@ TEST_F(AssetBaseTest, HashingStaysBelowTheRootAndTakesOnlyRegularFiles)
                                 ": not a regular file"),
             1);
   EXPECT_EQ(log.countContaining("Failed to open " + QFile::encodeName(store.rootPath() + "/d/e.txt")), 1);
+}
+
+TEST_F(AssetBaseTest, FoldersDeeperThanTheLimitAreNotListed)
+{
+  QString deepest;
+  for (int depth = 0; depth <= FileListDepthLimit; ++depth)
+    deepest += "/d";
+  ASSERT_TRUE(put(deepest.left(deepest.size() - 2) + "/kept", "at the limit"));
+  ASSERT_TRUE(put(deepest + "/dropped", "below the limit"));
+  Bastion::LogCapture log;
+  AssetBase store(root());
+  ASSERT_TRUE(store.waitForFileList(10000));
+  EXPECT_EQ(store.fileList().keys(), QStringList({deepest.left(deepest.size() - 2) + "/kept"}));
+  EXPECT_EQ(log.countContaining(QByteArray("deeper than ") + QByteArray::number(FileListDepthLimit) + " folders"), 1);
 }
 
 TEST_F(AssetBaseTest, FileThatCannotBeReadIsLeftOutAndHashedAgain)
