@@ -17,19 +17,36 @@ namespace Bastion
     {
       return QString::fromLocal8Bit(qgetenv(name));
     }
+
+    /// A relative base folder would depend on the working directory of whoever runs the program.
+    QString absoluteOrEmpty(const QString& path)
+    {
+      return QDir::isAbsolutePath(path) ? path : QString();
+    }
   }
 
   QString PlatformUtils::getModuleUserDataPath(const QString& module, bool systemWide)
   {
     QString base;
     if (systemWide) {
-      base = envPath("XDG_DATA_DIRS").section(QLatin1Char(':'), 0, 0);
+      for (const QString& entry : envPath("XDG_DATA_DIRS").split(QLatin1Char(':'))) {
+        base = absoluteOrEmpty(entry);
+        if (!base.isEmpty())
+          break;
+      }
       if (base.isEmpty())
         base = QStringLiteral("/usr/local/share");
     } else {
-      base = envPath("XDG_DATA_HOME");
-      if (base.isEmpty())
-        base = envPath("HOME") + QStringLiteral("/.local/share");
+      base = absoluteOrEmpty(envPath("XDG_DATA_HOME"));
+      if (base.isEmpty()) {
+        const QString home = absoluteOrEmpty(envPath("HOME"));
+        if (home.isEmpty()) {
+          error("PlatformUtils::getModuleUserDataPath # no folder for %s: HOME is not an absolute path",
+                module.toUtf8().constData());
+          return QString();
+        }
+        base = home + QStringLiteral("/.local/share");
+      }
     }
     QString path = QDir::cleanPath(base + QLatin1Char('/') + module);
     while (path.size() > 1 && path.endsWith(QLatin1Char('/')))

@@ -14,8 +14,9 @@ namespace Bastion
 
     /// The folder where `module` keeps its data, created when missing, without a trailing '/'.
     /// Per user: $XDG_DATA_HOME/<module>, default $HOME/.local/share/<module>. System wide: the
-    /// first entry of $XDG_DATA_DIRS, default /usr/local/share, + /<module>. Empty when the
-    /// folder cannot be created.
+    /// first entry of $XDG_DATA_DIRS, default /usr/local/share, + /<module>. Relative paths in these
+    /// variables are ignored, as the base directory rules say. Empty (and logged) when the folder
+    /// cannot be created, or when no absolute home folder is known.
     static QString getModuleUserDataPath(const QString& module, bool systemWide);
 
     /// Lets TCP connections in on `port` under the rule name `ruleName`. Linux has nothing to

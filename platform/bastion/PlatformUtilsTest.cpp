@@ -64,6 +64,19 @@ TEST(PlatformUtils, UserDataPathFollowsXdgOrHomeAndIsCreated)
     EXPECT_EQ(PlatformUtils::getModuleUserDataPath("Shared", true), tmp.path() + "/sys/Shared");
   }
   {
+    // Relative folders are ignored; without an absolute home there is no per-user folder at all.
+    EnvScope xdg("XDG_DATA_HOME", "relative/data");
+    EnvScope dirs("XDG_DATA_DIRS", ("relative:" + tmp.path() + "/sys2").toLocal8Bit());
+    EnvScope home("HOME", tmp.path().toLocal8Bit());
+    EXPECT_EQ(PlatformUtils::getModuleUserDataPath("Module", false), tmp.path() + "/.local/share/Module");
+    EXPECT_EQ(PlatformUtils::getModuleUserDataPath("Shared", true), tmp.path() + "/sys2/Shared");
+    EnvScope relativeHome("HOME", "relative-home");
+    LogCapture log;
+    EXPECT_TRUE(PlatformUtils::getModuleUserDataPath("Module", false).isEmpty());
+    EXPECT_EQ(log.countContaining("no folder for Module: HOME is not an absolute path"), 1);
+    EXPECT_FALSE(QFileInfo::exists("relative/data") || QFileInfo::exists("relative-home"));
+  }
+  {
     LogCapture log;
     // A plain file where the folder should be: no path, and a reason in the log.
     QFile blocker(tmp.path() + "/file");

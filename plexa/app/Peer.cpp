@@ -14,6 +14,7 @@
 #include "plexa/app/SessionHost.hpp"
 #include "plexa/app/TrafficMeter.hpp"
 #include "plexa/files/AssetBase.hpp"
+#include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleController.hpp"
@@ -312,7 +313,7 @@ namespace Plexa
       // Every fetch of the path in that session: one download serves them all.
       bool matched = false;
       for (auto it = fetches.begin(); it != fetches.end();) {
-        if (!it->session || it->session != event.session || it->path != event.path) {
+        if (!it->session || it->session != event.session || FileTransferCommand::canonicalPath(it->path) != event.path) {
           ++it;
           continue;
         }

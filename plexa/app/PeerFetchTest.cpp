@@ -89,6 +89,12 @@ TEST_F(PeerFetchTest, FilesArriveVerifiedWithTheirProgress)
   EXPECT_EQ(result, FetchResult::Verified);
   EXPECT_EQ(readFile(m_clientRoot.path() + "/deep/er/data.bin"), randomBytes(300000, 7));
   EXPECT_EQ(m_progress["/deep/er/data.bin"], std::make_pair(int64_t(300000), int64_t(300000)));
+
+  // Another spelling of a path names the same file.
+  ASSERT_TRUE(QFile::remove(m_clientRoot.path() + "/hello.txt"));
+  ASSERT_TRUE(fetch("//./hello.txt", 5000, result));
+  EXPECT_EQ(result, FetchResult::Verified);
+  EXPECT_EQ(readFile(m_clientRoot.path() + "/hello.txt"), QByteArray("hello, world\n"));
 }
 
 TEST_F(PeerFetchTest, AFileThatDoesNotMatchItsChecksumFails)

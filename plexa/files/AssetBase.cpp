@@ -1,6 +1,7 @@
 #include "plexa/files/AssetBase.hpp"
 
 #include "plexa/files/FileListThread.hpp"
+#include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/files/FileTransferFormat.hpp"
 #include "plexa/files/ProgressSender.hpp"
 #include "plexa/files/RootDirectory.hpp"
@@ -142,25 +143,46 @@ namespace Plexa
     void loadFileList();
     void saveFileList(const FileList& list);
     void publish() BASTION_REQUIRES(fileListMutex);
-    /// One level of the directory scan; `relative` begins and ends with '/'.
+
     /// A file found by the scan that must be hashed.
     struct Pending
     {
       QString path;
       QDateTime modified;
+      /// A symbolic link that led to a regular file below the root when the scan met it.
+      bool link = false;
     };
 
-    /// `cursor` walks `old` alongside the scan, which meets paths mostly in the list's order, so most
-    /// lookups are one comparison.
-    void scan(const QString& relative, const FileList& old, FileList::const_iterator& cursor, FileList& result,
-              QList<Pending>& toHash)
+    /// One rebuild; the caller holds `rebuildMutex`.
+    FileList rebuild(ProgressSender* progress) BASTION_REQUIRES(rebuildMutex);
+    /// Runs the rebuilds asked for with `rebuildRequested` while no other is running, without
+    /// waiting for one that is.
+    void serveRebuildRequests() BASTION_NO_THREAD_SAFETY_ANALYSIS;
+    /// One level of the directory scan of the folder open as `folder` (closed here); `relative`
+    /// begins and ends with '/'. `cursor` walks `old` alongside the scan, which meets paths mostly
+    /// in the list's order, so most lookups are one comparison.
+    void scan(const RootDirectory& root, int folder, const QString& relative, int depth, const FileList& old,
+              FileList::const_iterator& cursor, FileList& result, QList<Pending>& toHash)
       BASTION_REQUIRES(fileListMutex, removeQueueMutex);
+    /// Hashes one file through `root`; false (logged) when it is not a regular file below the root
+    /// or cannot be read to its end.
+    bool hash(const RootDirectory& root, const Pending& pending, QByteArray& block, FileInfo& row,
+              ProgressSender* progress) const;
+
+    /// Held for a whole rebuild, so that two never run side by side; the file list lock is taken only
+    /// for the scan and for entering the result, never while files are hashed.
+    Bastion::Mutex rebuildMutex;
+    std::atomic<bool> rebuildRequested{false};
 
     Bastion::Mutex fileListMutex;
     FileList fileList BASTION_GUARDED_BY(fileListMutex);
     /// True when the saved array differs from `fileList` (a download added a row, or a rebuild was
     /// stopped before saving).
     bool fileListUnsaved BASTION_GUARDED_BY(fileListMutex) = false;
+    /// True from a rebuild's scan until its result is entered.
+    bool rebuilding BASTION_GUARDED_BY(fileListMutex) = false;
+    /// Rows of downloads that finished while a rebuild hashed: newer than anything its scan saw.
+    FileList enteredDuringRebuild BASTION_GUARDED_BY(fileListMutex);
     const QString rootPath;
     std::unique_ptr<FileListThread> thread;
     std::atomic<bool> running{true};
@@ -226,15 +248,13 @@ namespace Plexa
     snapshot = std::move(published);
   }
 
-  void AssetBase::D::scan(const QString& relative, const FileList& old, FileList::const_iterator& cursor,
-                          FileList& result, QList<Pending>& toHash)
+  void AssetBase::D::scan(const RootDirectory& root, int folder, const QString& relative, int depth,
+                          const FileList& old, FileList::const_iterator& cursor, FileList& result,
+                          QList<Pending>& toHash)
   {
-    const int fd = ::open(QFile::encodeName(rootPath + relative).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-      return;
-    std::unique_ptr<DIR, DirCloser> dir(fdopendir(fd));
+    std::unique_ptr<DIR, DirCloser> dir(fdopendir(folder));
     if (!dir) {
-      ::close(fd);
+      ::close(folder);
       return;
     }
     QList<QByteArray> names;
@@ -249,25 +269,30 @@ namespace Plexa
       if (isFiltered(name))
         continue;
       struct stat st;
-      if (fstatat(fd, encoded.constData(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+      if (fstatat(dirfd(dir.get()), encoded.constData(), &st, AT_SYMLINK_NOFOLLOW) != 0)
         continue;
       if (S_ISDIR(st.st_mode)) {
-        scan(relative + name + '/', old, cursor, result, toHash);
-        continue;
-      }
-      if (S_ISLNK(st.st_mode)) {
-        // A linked folder could lead out of the root or back into itself: only linked files that
-        // resolve inside the root are listed.
-        char target[PATH_MAX];
-        const QByteArray linkName = QFile::encodeName(rootPath + relative + name);
-        if (fstatat(fd, encoded.constData(), &st, 0) != 0 || !S_ISREG(st.st_mode) ||
-            !realpath(linkName.constData(), target) ||
-            !QFile::decodeName(target).startsWith(rootPath + '/'))
+        if (depth >= FileListDepthLimit) {
+          Bastion::error("AssetBase::buildFileList # Not listing below %s: deeper than %d folders",
+                         QFile::encodeName(rootPath + relative + name).constData(), FileListDepthLimit);
           continue;
-      }
-      if (!S_ISREG(st.st_mode) || !isReadable(fd, encoded, st))
+        }
+        // Opened from the folder just listed and never through a link, so the walk stays below the
+        // root whatever is renamed or swapped meanwhile.
+        const int child = ::openat(dirfd(dir.get()), encoded.constData(),
+                                   O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (child >= 0)
+          scan(root, child, relative + name + '/', depth + 1, old, cursor, result, toHash);
         continue;
+      }
       const QString path = relative + name;
+      const bool link = S_ISLNK(st.st_mode);
+      // A link is listed when it leads to a regular file below the root, judged as a transfer of the
+      // file would judge it; a linked folder could lead back into itself and is never walked.
+      if (link && (!root.stat(RootDirectory::encode(path), st) || !S_ISREG(st.st_mode)))
+        continue;
+      if (!S_ISREG(st.st_mode) || !isReadable(dirfd(dir.get()), encoded, st))
+        continue;
       if (removeQueue.contains(path))
         continue;
       const QDateTime modified = modificationTime(st);
@@ -277,8 +302,60 @@ namespace Plexa
       if (previous != old.cend() && previous->time == modified)
         result.insert(result.cend(), path, *previous);
       else
-        toHash.append({path, modified});
+        toHash.append({path, modified, link});
     }
+  }
+
+  bool AssetBase::D::hash(const RootDirectory& root, const Pending& pending, QByteArray& block, FileInfo& row,
+                          ProgressSender* progress) const
+  {
+    const QString localName = rootPath + pending.path;
+    // Non-blocking, so that a FIFO or a device swapped in after the scan cannot stall the rebuild in
+    // open(); a regular file found by the scan is opened only if it still is one, never through a
+    // link.
+    const int fd = pending.link ? root.open(RootDirectory::encode(pending.path), O_RDONLY | O_NONBLOCK)
+                                : root.open(RootDirectory::encode(pending.path), O_RDONLY | O_NONBLOCK | O_NOFOLLOW,
+                                            0, RootDirectory::Links::Refused);
+    if (fd < 0) {
+      tell(progress, QStringLiteral("Failed to open: %1").arg(pending.path));
+      Bastion::error("Failed to open %s", localName.toUtf8().constData());
+      return false;
+    }
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+      ::close(fd);
+      tell(progress, QStringLiteral("Not a regular file: %1").arg(pending.path));
+      Bastion::error("AssetBase::buildFileList # Not hashing %s: not a regular file", localName.toUtf8().constData());
+      return false;
+    }
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    qint64 size = 0;
+    ssize_t got;
+    while ((got = ::read(fd, block.data(), size_t(block.size()))) != 0) {
+      if (got < 0 && errno == EINTR)
+        continue;
+      if (got < 0)
+        break;
+      hash.addData(block.constData(), int(got));
+      size += got;
+    }
+    const int readError = errno;
+    ::close(fd);
+    if (got < 0) {
+      // Not listed, so it is hashed again at the next rescan; a checksum of what could be read would
+      // make every download of the file fail.
+      tell(progress, QStringLiteral("Failed to read: %1").arg(pending.path));
+      Bastion::error("AssetBase::buildFileList # Failed to read %s: %s", localName.toUtf8().constData(),
+                     qt_error_string(readError).toUtf8().constData());
+      return false;
+    }
+    // The time seen by the scan, before hashing: a change during the hashing shows as a newer time at
+    // the next rescan and is hashed again.
+    row.time = pending.modified;
+    row.md5 = hash.result();
+    row.size = size;
+    row.stamp = Bastion::TimeStamp::getTime();
+    return true;
   }
 
   AssetBase::AssetBase(const QString& root) : d(new D(root))
@@ -302,69 +379,81 @@ namespace Plexa
 
   AssetBase::FileList AssetBase::buildFileList(ProgressSender* progress)
   {
-    Bastion::Guard listGuard(d->fileListMutex);
-    tell(progress, QStringLiteral("Scanning directory tree..."));
-    FileList result;
-    QList<D::Pending> toHash;
+    FileList list;
     {
-      Bastion::Guard queueGuard(d->removeQueueMutex);
-      FileList::const_iterator cursor = d->fileList.cbegin();
-      d->scan(QStringLiteral("/"), d->fileList, cursor, result, toHash);
+      Bastion::Guard rebuildGuard(d->rebuildMutex);
+      d->rebuildRequested = false;
+      list = d->rebuild(progress);
+    }
+    d->serveRebuildRequests();
+    return list;
+  }
+
+  void AssetBase::D::serveRebuildRequests()
+  {
+    // A request made while a rebuild ran is served by whoever finishes one after it: its maker did
+    // not wait.
+    while (rebuildRequested && rebuildMutex.tryLock()) {
+      rebuildRequested = false;
+      rebuild(nullptr);
+      rebuildMutex.unlock();
+    }
+  }
+
+  AssetBase::FileList AssetBase::D::rebuild(ProgressSender* progress)
+  {
+    tell(progress, QStringLiteral("Scanning directory tree..."));
+    const RootDirectory root(rootPath);
+    FileList result;
+    QList<Pending> toHash;
+    {
+      Bastion::Guard listGuard(fileListMutex);
+      Bastion::Guard queueGuard(removeQueueMutex);
+      rebuilding = true;
+      enteredDuringRebuild.clear();
+      const int top = root.open("/", O_RDONLY | O_DIRECTORY | O_NONBLOCK);
+      FileList::const_iterator cursor = fileList.cbegin();
+      if (top >= 0)
+        scan(root, top, QStringLiteral("/"), 0, fileList, cursor, result, toHash);
     }
 
     QByteArray block(FileHashBlockSize, Qt::Uninitialized);
-    for (const D::Pending& pending : toHash) {
-      if (!d->running)
+    for (const Pending& pending : toHash) {
+      if (!running)
         break;
-      const QString localName = d->rootPath + pending.path;
-      const int fd = ::open(QFile::encodeName(localName).constData(), O_RDONLY | O_CLOEXEC);
-      if (fd < 0) {
-        tell(progress, QStringLiteral("Failed to open: %1").arg(pending.path));
-        Bastion::error("Failed to open %s", localName.toUtf8().constData());
-        continue;
-      }
-      QCryptographicHash hash(QCryptographicHash::Md5);
-      qint64 size = 0;
-      ssize_t got;
-      while ((got = ::read(fd, block.data(), size_t(block.size()))) > 0 || (got < 0 && errno == EINTR)) {
-        if (got > 0) {
-          hash.addData(block.constData(), int(got));
-          size += got;
-        }
-      }
-      ::close(fd);
       FileInfo row;
-      // The time seen by the scan, before hashing: a change during the hashing shows as a newer
-      // time at the next rescan and is hashed again.
-      row.time = pending.modified;
-      row.md5 = hash.result();
-      row.size = size;
-      row.stamp = Bastion::TimeStamp::getTime();
+      if (!hash(root, pending, block, row, progress))
+        continue;
       result.insert(pending.path, row);
       tell(progress, QStringLiteral("Generated checksums: %1").arg(pending.path));
     }
 
+    Bastion::Guard listGuard(fileListMutex);
+    for (auto it = enteredDuringRebuild.cbegin(); it != enteredDuringRebuild.cend(); ++it)
+      result.insert(it.key(), it.value());
     // An unchanged list keeps its published snapshot: copying it again would cost more than the scan.
     // Without hashing, the new list holds old rows only, unchanged: it differs when it lost some.
-    const bool differs = !toHash.isEmpty() || result.size() != d->fileList.size();
-    const bool changed = d->fileListUnsaved || differs;
+    const bool differs = !toHash.isEmpty() || !enteredDuringRebuild.isEmpty() || result.size() != fileList.size();
+    const bool changed = fileListUnsaved || differs;
+    rebuilding = false;
+    enteredDuringRebuild.clear();
     if (differs) {
-      d->fileList = result;
-      d->publish();
+      fileList = result;
+      publish();
     }
-    if (d->running) {
+    if (running) {
       // An unchanged list is not written again: rewriting every row costs more than the whole rescan.
       if (changed)
-        d->saveFileList(result);
-      d->fileListUnsaved = false;
+        saveFileList(result);
+      fileListUnsaved = false;
     } else {
-      d->fileListUnsaved = true;
+      fileListUnsaved = true;
     }
     tell(progress, QStringLiteral("Checksum list generated"));
     // The published snapshot is never changed and its strings are its own, so handing out a shared
     // copy of it costs nothing and releases nothing on two threads that Qt counted inside its library.
-    Bastion::Guard guard(d->snapshotMutex);
-    return *d->snapshot;
+    Bastion::Guard guard(snapshotMutex);
+    return *snapshot;
   }
 
   bool AssetBase::waitForFileList(int timeoutMs)
@@ -415,6 +504,20 @@ namespace Plexa
   {
     Bastion::Guard guard(d->downloadMutex);
     return d->downloadList.contains(path);
+  }
+
+  bool AssetBase::isDownloadingFor(const QString& path, Bastion::TimeStamp owner) const
+  {
+    Bastion::Guard guard(d->downloadMutex);
+    auto it = d->downloadList.constFind(path);
+    return it != d->downloadList.cend() && it->stamp == owner;
+  }
+
+  qint64 AssetBase::downloadListSize(const QString& path) const
+  {
+    Bastion::Guard guard(d->downloadMutex);
+    auto it = d->downloadList.constFind(path);
+    return it == d->downloadList.cend() ? -1 : it->size;
   }
 
   qint64 AssetBase::totalParts(const QString& path) const
@@ -495,13 +598,18 @@ namespace Plexa
       row.stamp = Bastion::TimeStamp::getTime();
       Bastion::Guard guard(d->fileListMutex);
       d->fileList.insert(deepCopy(path), row);
+      if (d->rebuilding)
+        d->enteredDuringRebuild.insert(deepCopy(path), row);
       d->fileListUnsaved = true;
       d->publish();
     }
     Bastion::Guard guard(d->downloadMutex);
     const bool removed = d->downloadList.remove(path) > 0;
     if (removed && d->downloadList.isEmpty()) {
-      buildFileList(nullptr);
+      // A rebuild that is hashing already does this one's work when it ends: the connection that
+      // finished the download must not wait for it.
+      d->rebuildRequested = true;
+      d->serveRebuildRequests();
       transferFinished();
     }
     return removed;
@@ -545,15 +653,15 @@ namespace Plexa
 
   bool AssetBase::removeFileAndEmptyFolders(const QString& path)
   {
-    const QString localName = d->rootPath + path;
-    QString folder = QFileInfo(QFileInfo(localName).absolutePath()).canonicalFilePath();
-    if (!QFile::remove(localName))
+    const RootDirectory root(d->rootPath);
+    QString relative = FileTransferCommand::canonicalPath(path);
+    if (relative.isEmpty() || !root.remove(RootDirectory::encode(relative), RootDirectory::Links::Refused))
       return false;
-    // rmdir only takes empty folders; the walk stops at the root, and at anything outside it.
-    while (!folder.isEmpty() && folder != d->rootPath && folder.startsWith(d->rootPath + '/')) {
-      if (!QDir().rmdir(folder))
+    // rmdir only takes empty folders; the walk follows no link and stops below the root.
+    for (relative.truncate(relative.lastIndexOf('/')); !relative.isEmpty();
+         relative.truncate(relative.lastIndexOf('/'))) {
+      if (!root.removeDirectory(RootDirectory::encode(relative)))
         break;
-      folder = QFileInfo(QFileInfo(folder).absolutePath()).canonicalFilePath();
     }
     return true;
   }

@@ -24,7 +24,8 @@ namespace Plexa
   /// counts and a running MD5 of the bytes received) and a queue of files to be removed.
   ///
   /// All FileTransferHandlers of a process share one store; every operation may be called from any
-  /// thread. The locks are taken in the order download list, file list, remove queue, never another.
+  /// thread. The locks are taken in the order download list, rebuild, file list, remove queue, never
+  /// another (the download list's holder only tries the rebuild lock, never waits for it).
   /// The constructor starts a FileListThread that rebuilds the list once; the destructor stops and
   /// joins it.
   class AssetBase
@@ -63,7 +64,12 @@ namespace Plexa
 
     /// Rescans the root and brings the file list up to date, hashing only new and changed files,
     /// then saves it (unless stopped, or unchanged since it was last saved). Returns the new list.
-    /// `progress` may be null; it is called with the file list lock held. Blocks for the whole scan.
+    /// Blocks for the whole scan, and first for a rebuild in progress. The walk and the hashing
+    /// stay below the root and follow no link into folders; only regular files are hashed, and one
+    /// that cannot be read to its end is left out (logged) until a later rescan reads it. The file
+    /// list lock is held for the scan and for entering the result, not while hashing, so finished
+    /// downloads enter their rows meanwhile. `progress` may be null; it is called on this thread
+    /// without the file list lock, except for its first text.
     FileList buildFileList(ProgressSender* progress);
     /// Waits for the rebuild started by the constructor, at most `timeoutMs` (negative: no limit).
     bool waitForFileList(int timeoutMs = -1);
@@ -80,6 +86,10 @@ namespace Plexa
     bool addFileToDownloadList(const QString& path, qint64 size, qint64 parts, const QString& md5Hex,
                                Bastion::TimeStamp owner);
     bool isDownloading(const QString& path) const;
+    /// Whether `path` is being downloaded by the connection `owner` (the one that entered it).
+    bool isDownloadingFor(const QString& path, Bastion::TimeStamp owner) const;
+    /// The announced size in bytes, or -1 if `path` is not being downloaded.
+    qint64 downloadListSize(const QString& path) const;
     /// The announced part count, or -1 if `path` is not being downloaded.
     qint64 totalParts(const QString& path) const;
     /// Parts received so far, or -1 if `path` is not being downloaded.
@@ -98,9 +108,10 @@ namespace Plexa
     /// When the download was entered; an invalid date-time if absent.
     QDateTime downloadListStartTime(const QString& path) const;
     /// Ends the download of `path`. When `succeeded`, the file list gets a row for it (the MD5 was
-    /// verified by the caller). When the download list becomes empty, the file list is rebuilt and
-    /// transferFinished() is called, both with the download lock held: transferFinished must not
-    /// use the download list (the lock is not recursive). True when a row was removed.
+    /// verified by the caller). When the download list becomes empty, the file list is rebuilt (or,
+    /// when a rebuild is running, that one rebuilds again as it ends, and this call does not wait
+    /// for it) and transferFinished() is called, both with the download lock held: transferFinished
+    /// must not use the download list (the lock is not recursive). True when a row was removed.
     bool removeFileFromDownloadList(const QString& path, bool succeeded);
     /// Drops every download owned by `owner` and deletes the temporary files of those that had
     /// received a part.
@@ -113,8 +124,9 @@ namespace Plexa
     RemoveQueue removeQueue() const;
     /// Takes `path` off the remove queue; false if it was not queued.
     bool removeFromRemoveQueue(const QString& path);
-    /// Deletes root + `path`, then the folders above it that this leaves empty, up to (never
-    /// including) the root. False when the file could not be deleted.
+    /// Deletes the file `path` below the root, then the folders above it that this leaves empty, up
+    /// to (never including) the root. Nothing outside the root is touched and no link is followed
+    /// (a link at `path` is deleted itself). False when the file could not be deleted.
     bool removeFileAndEmptyFolders(const QString& path);
 
     /// Makes a rebuild in progress skip the remaining files and the saving. Any thread.

@@ -1,5 +1,6 @@
 #include "plexa/files/AssetBase.hpp"
 #include "plexa/files/FileTestSupport.hpp"
+#include "plexa/files/FileTransferFormat.hpp"
 #include "plexa/files/ProgressSender.hpp"
 
 #include "bastion/LogCapture.hpp"
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <sys/stat.h>
 #include <thread>
 
 using namespace Plexa;
@@ -212,6 +214,73 @@ TEST_F(AssetBaseTest, FileThatCannotBeOpenedIsSkipped)
   EXPECT_EQ(savedRows(store.rootPath()).keys(), QStringList({"/a.txt"}));
 }
 
+// Files swapped after the scan: for a link out of the root, a FIFO (which would block a plain open
+// for good) and a folder turned into a link out of the root, nothing is hashed and nothing hangs.
+TEST_F(AssetBaseTest, HashingStaysBelowTheRootAndTakesOnlyRegularFiles)
+{
+  QTemporaryDir outside;
+  ASSERT_TRUE(writeFile(outside.path() + "/secret", "secret"));
+  ASSERT_TRUE(writeFile(outside.path() + "/e.txt", "outside e"));
+  AssetBase store(root());
+  ASSERT_TRUE(store.waitForFileList(10000));
+  for (const char* path : {"/a.txt", "/b.txt", "/c.txt", "/d/e.txt"})
+    ASSERT_TRUE(put(path, path));
+  RecordingProgress progress;
+  progress.hook = [&](const QString& text) {
+    if (text != "Generated checksums: /a.txt")
+      return;
+    QFile::remove(file("/b.txt"));
+    QFile::link(outside.path() + "/secret", file("/b.txt"));
+    QFile::remove(file("/c.txt"));
+    mkfifo(QFile::encodeName(file("/c.txt")).constData(), 0666);
+    QDir(file("/d")).removeRecursively();
+    QFile::link(outside.path(), file("/d"));
+  };
+  Bastion::LogCapture log;
+  store.buildFileList(&progress);
+  EXPECT_EQ(store.fileList().keys(), QStringList({"/a.txt"}));
+  EXPECT_EQ(log.countContaining("Failed to open " + QFile::encodeName(store.rootPath() + "/b.txt")), 1);
+  EXPECT_EQ(log.countContaining("Not hashing " + QFile::encodeName(store.rootPath() + "/c.txt") +
+                                ": not a regular file"),
+            1);
+  EXPECT_EQ(log.countContaining("Failed to open " + QFile::encodeName(store.rootPath() + "/d/e.txt")), 1);
+}
+
+TEST_F(AssetBaseTest, FoldersDeeperThanTheLimitAreNotListed)
+{
+  QString deepest;
+  for (int depth = 0; depth <= FileListDepthLimit; ++depth)
+    deepest += "/d";
+  ASSERT_TRUE(put(deepest.left(deepest.size() - 2) + "/kept", "at the limit"));
+  ASSERT_TRUE(put(deepest + "/dropped", "below the limit"));
+  Bastion::LogCapture log;
+  AssetBase store(root());
+  ASSERT_TRUE(store.waitForFileList(10000));
+  EXPECT_EQ(store.fileList().keys(), QStringList({deepest.left(deepest.size() - 2) + "/kept"}));
+  EXPECT_EQ(log.countContaining(QByteArray("deeper than ") + QByteArray::number(FileListDepthLimit) + " folders"), 1);
+}
+
+TEST_F(AssetBaseTest, FileThatCannotBeReadIsLeftOutAndHashedAgain)
+{
+  // The process's security attributes are regular files whose reads fail where no security module
+  // answers them: a read error on a real file system is hard to come by.
+  const QString attributes = QFileInfo("/proc/self/attr").canonicalFilePath();
+  QFile probe(attributes + "/current");
+  char byte;
+  if (!probe.open(QIODevice::ReadOnly | QIODevice::Unbuffered) || probe.read(&byte, 1) >= 0)
+    GTEST_SKIP() << "reading " << attributes.toStdString() << "/current does not fail here";
+  Bastion::LogCapture log;
+  const QByteArray failure = "Failed to read " + QFile::encodeName(attributes) + "/current: ";
+  AssetBase store(attributes);
+  ASSERT_TRUE(store.waitForFileList(10000));
+  EXPECT_FALSE(store.fileList().contains("/current"));
+  EXPECT_FALSE(savedRows(attributes).contains("/current"));
+  EXPECT_EQ(log.countContaining(failure), 1);
+  store.buildFileList(nullptr);
+  EXPECT_EQ(log.countContaining(failure), 2);
+  EXPECT_FALSE(store.fileList().contains("/current"));
+}
+
 TEST_F(AssetBaseTest, DownloadListBookkeeping)
 {
   AssetBase store(root());
@@ -300,6 +369,54 @@ TEST_F(AssetBaseTest, RemoveFileAndEmptyFoldersStopsAtRoot)
   EXPECT_TRUE(store.removeFileAndEmptyFolders("/top.txt"));
   EXPECT_TRUE(QFileInfo::exists(root()));
   EXPECT_FALSE(store.removeFileAndEmptyFolders("/top.txt"));
+
+  // Nothing outside the root, and no link followed: a link is removed itself.
+  QTemporaryDir outside;
+  ASSERT_TRUE(writeFile(outside.path() + "/sub/secret", "secret"));
+  ASSERT_TRUE(QFile::link(outside.path(), file("/out")));
+  ASSERT_TRUE(QFile::link("x", file("/inner")));
+  ASSERT_TRUE(QFile::link(outside.path() + "/sub/secret", file("/secret-link")));
+  EXPECT_FALSE(store.removeFileAndEmptyFolders("/out/sub/secret"));
+  EXPECT_FALSE(store.removeFileAndEmptyFolders("/../" + QFileInfo(outside.path()).fileName() + "/sub/secret"));
+  EXPECT_TRUE(QFileInfo::exists(outside.path() + "/sub/secret"));
+  EXPECT_FALSE(store.removeFileAndEmptyFolders("/inner/keep.txt"));
+  EXPECT_TRUE(QFileInfo::exists(file("/x/keep.txt")));
+  EXPECT_TRUE(store.removeFileAndEmptyFolders("/secret-link"));
+  EXPECT_FALSE(QFileInfo(file("/secret-link")).isSymLink());
+  EXPECT_EQ(readFile(outside.path() + "/sub/secret"), "secret");
+}
+
+TEST_F(AssetBaseTest, FinishedDownloadDoesNotWaitForRebuildHashing)
+{
+  CountingStore store(root());
+  ASSERT_TRUE(store.waitForFileList(10000));
+  ASSERT_TRUE(put("/a.txt", "alpha"));
+  ASSERT_TRUE(store.addFileToDownloadList("/dl", 3, 1, md5Hex("announced"), Bastion::TimeStamp::fromValue(1)));
+  Signal hashing, release, finished;
+  RecordingProgress progress;
+  progress.hook = [&](const QString& text) {
+    if (text == "Generated checksums: /a.txt") {
+      hashing.raise();
+      release.wait(1, 10000);
+    }
+  };
+  std::thread rebuild([&] { store.buildFileList(&progress); });
+  ASSERT_TRUE(hashing.wait());
+  ASSERT_TRUE(put("/dl", "dl"));
+  std::thread download([&] {
+    store.removeFileFromDownloadList("/dl", true);
+    finished.raise();
+  });
+  EXPECT_TRUE(finished.wait(1, 5000));
+  EXPECT_EQ(store.md5("/dl"), md5Hex("announced"));
+  release.raise();
+  rebuild.join();
+  download.join();
+  // The rebuild kept the download's row, and rescanned for it as it ended.
+  EXPECT_EQ(store.finished, 1);
+  EXPECT_EQ(store.md5("/dl"), md5Hex("announced"));
+  EXPECT_EQ(savedRows(store.rootPath()).value("/dl"), md5Hex("announced"));
+  EXPECT_EQ(store.md5("/a.txt"), md5Hex("alpha"));
 }
 
 TEST_F(AssetBaseTest, Md5NeverWaitsForRebuildInProgress)

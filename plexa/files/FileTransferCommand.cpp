@@ -1,6 +1,7 @@
 #include "plexa/files/FileTransferCommand.hpp"
 
 #include <QLatin1String>
+#include <QVector>
 
 namespace Plexa
 {
@@ -37,9 +38,9 @@ namespace Plexa
         const int length = m_pos - start;
         if (m_pos >= m_line.size() || length < 2 || m_line.at(start) != QLatin1Char('/'))
           return false;
-        result = m_line.mid(start, length);
+        result = FileTransferCommand::canonicalPath(m_line.mid(start, length));
         ++m_pos;
-        return true;
+        return !result.isEmpty();
       }
 
       bool digits(QString& result, bool allowMinus)
@@ -76,6 +77,19 @@ namespace Plexa
       const QString& m_line;
       int m_pos = 0;
     };
+  }
+
+  QString FileTransferCommand::canonicalPath(const QString& path)
+  {
+    QString result;
+    result.reserve(path.size());
+    for (const QStringRef& part : path.splitRef(QLatin1Char('/'), Qt::SkipEmptyParts)) {
+      if (part == QLatin1String("."))
+        continue;
+      result += QLatin1Char('/');
+      result += part;
+    }
+    return result;
   }
 
   FileTransferCommand FileTransferCommand::parse(const QString& line)

@@ -15,6 +15,10 @@ namespace Plexa
   ///   sendparts PATH
   /// where PATH is a double quote, one or more segments of a '/' and one or more characters other
   /// than ? * < > : and the double quote, and a double quote; digits are ASCII digits.
+  ///
+  /// The path is handed on in its canonical form (see `canonicalPath`): "/a", "//a" and "/./a" name
+  /// one file on disk, so they must key one download and one row. A path with no name left in it
+  /// ("//", "/.") is no command.
   struct FileTransferCommand
   {
     enum Kind
@@ -28,9 +32,12 @@ namespace Plexa
 
     /// The command in `line`; `None` (and the other fields empty) when it is none of the four.
     static FileTransferCommand parse(const QString& line);
+    /// `path` with empty and "." components dropped: '/' and the remaining components joined by
+    /// '/'. ".." components are kept (every user refuses them). Empty when no component remains.
+    static QString canonicalPath(const QString& path);
 
     Kind kind = None;
-    /// The path between the quotes.
+    /// The path between the quotes, canonical.
     QString path;
     /// FileInfo: size and part count. FilePart: byte count and part number. Decimal text as sent,
     /// possibly too large for any integer type.

@@ -12,7 +12,8 @@ using namespace Plexa;
 
 namespace
 {
-  /// The protocol's definition: the four expressions, tried in order, matched whole.
+  /// The protocol's definition: the four expressions, tried in order, matched whole; the path made
+  /// canonical, and no command when that leaves no name.
   FileTransferCommand reference(const QString& line)
   {
     const char* patterns[] = {FileInfoExpression, SendFileInfoExpression, FilePartExpression, SendPartsExpression};
@@ -36,6 +37,11 @@ namespace
           c.second = expression.cap(3);
         }
       }
+      QStringList names = c.path.split('/', Qt::SkipEmptyParts);
+      names.removeAll(".");
+      if (names.isEmpty())
+        return FileTransferCommand();
+      c.path = '/' + names.join('/');
       return c;
     }
     return FileTransferCommand();
@@ -76,6 +82,15 @@ TEST(FileTransferCommand, ReadsEachCommand)
   EXPECT_EQ(c.second, "12");
   for (const QString& line : validLines)
     EXPECT_TRUE(agrees(line));
+}
+
+TEST(FileTransferCommand, PathsComeOutCanonical)
+{
+  EXPECT_EQ(FileTransferCommand::parse("sendparts \"//a/./b//\"").path, "/a/b");
+  EXPECT_EQ(FileTransferCommand::parse("fileinfo -5 \"//x/\" 0 d41d8cd98f00b204e9800998ecf8427e").path, "/x");
+  EXPECT_EQ(FileTransferCommand::parse("filepart \"/./a/../b\" 1 1").path, "/a/../b");
+  EXPECT_EQ(FileTransferCommand::parse("sendfileinfo \"/./.\"").kind, FileTransferCommand::None);
+  EXPECT_EQ(FileTransferCommand::parse("sendfileinfo \"//\"").kind, FileTransferCommand::None);
 }
 
 TEST(FileTransferCommand, RefusesEachCorruption)

@@ -43,6 +43,10 @@ namespace Plexa
   /// connection that ends drops what of it is still queued, which the next connection's peer would
   /// take for parts and answers out of place.
   constexpr const char* FileBufferName = "filesync";
+  /// Folders nested deeper than this below the root are not listed (logged). A tree that peers may
+  /// have grown through downloads could otherwise make a rescan hold one descriptor and one stack
+  /// frame per level without bound.
+  constexpr int FileListDepthLimit = 256;
   /// Suffix of the file that a download is written into before it is verified and moved in place.
   constexpr const char* TemporarySuffix = ".filesync.part";
 

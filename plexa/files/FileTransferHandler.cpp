@@ -80,6 +80,14 @@ namespace Plexa
 
     /// How much of a refused path a log line shows.
     constexpr int LoggedPathChars = 200;
+
+    /// A download under such a name would be written to, and moved onto, another download's
+    /// temporary file, or make a folder where one belongs. The file list never lists such names.
+    bool isTemporaryName(const QString& path)
+    {
+      return path.endsWith(QLatin1String(TemporarySuffix)) ||
+             path.contains(QLatin1String(TemporarySuffix) + QLatin1Char('/'));
+    }
   }
 
   /// Runs the handler's sending on the background thread. The handler pointer is cleared (and a
@@ -130,6 +138,12 @@ namespace Plexa
 
     AssetBase& assets;
 
+    ~D()
+    {
+      for (const int fd : downloadFiles)
+        ::close(fd);
+    }
+
     // Connection thread only.
     QMap<QString, qint64> bytesSinceReport;
     Bastion::TimeStamp connectedTime;
@@ -151,6 +165,10 @@ namespace Plexa
     /// part of an old upload can slip in behind the drop.
     std::atomic<uint64_t> generation{0};
     Bastion::Mutex sendMutex;
+    /// The temporary file of each download of this connection that has received its first part,
+    /// open from that part until the file is moved into place: every part goes into the file that
+    /// was created for it, whatever happens to the name meanwhile.
+    QMap<QString, int> downloadFiles;
 
     Bastion::Mutex uploadMutex;
     std::shared_ptr<UploadTask> uploadTask BASTION_GUARDED_BY(uploadMutex);
@@ -202,15 +220,15 @@ namespace Plexa
   {
     if (!d->acceptUnrequested.load()) {
       Bastion::Guard guard(d->requestMutex);
-      d->requested.insert(path);
+      d->requested.insert(FileTransferCommand::canonicalPath(path));
     }
-    writeFileTraffic(QStringLiteral("sendfileinfo \"%1\"\n").arg(path).toUtf8());
+    writeFileTraffic(QStringLiteral("sendfileinfo \"%1\"\n").arg(FileTransferCommand::canonicalPath(path)).toUtf8());
   }
 
   void FileTransferHandler::forgetFileInfoRequest(const QString& path)
   {
     Bastion::Guard guard(d->requestMutex);
-    d->requested.remove(path);
+    d->requested.remove(FileTransferCommand::canonicalPath(path));
   }
 
   void FileTransferHandler::setAcceptUnrequestedFileInfo(bool accept)
@@ -220,7 +238,7 @@ namespace Plexa
 
   void FileTransferHandler::requestFileParts(const QString& path)
   {
-    writeFileTraffic(QStringLiteral("sendparts \"%1\"\n").arg(path).toUtf8());
+    writeFileTraffic(QStringLiteral("sendparts \"%1\"\n").arg(FileTransferCommand::canonicalPath(path)).toUtf8());
   }
 
   void FileTransferHandler::writeFileTraffic(const QByteArray& data)
@@ -258,6 +276,11 @@ namespace Plexa
     case FileTransferCommand::FileInfo: {
       if (command.path.contains(QLatin1String("..")) || !command.path.startsWith('/')) {
         Bastion::error("Filename can't contain '..' and it has to start with '/': %s",
+                       command.path.toUtf8().constData());
+        return true;
+      }
+      if (isTemporaryName(command.path)) {
+        Bastion::error("FileTransferHandler::receiveFileInfo # Refusing '%s': a download's temporary name",
                        command.path.toUtf8().constData());
         return true;
       }
@@ -308,6 +331,9 @@ namespace Plexa
 
   void FileTransferHandler::disconnected()
   {
+    for (const int fd : d->downloadFiles)
+      ::close(fd);
+    d->downloadFiles.clear();
     d->assets.clearDownloadList(d->connectedTime);
     d->bytesSinceReport.clear();
     d->booked.clear();
@@ -437,6 +463,13 @@ namespace Plexa
     if (!readData(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size()))
       return;
 
+    // A download takes parts only from the connection that booked it.
+    if (!d->assets.isDownloadingFor(path, d->connectedTime) && d->assets.isDownloading(path)) {
+      Bastion::error("FileTransferHandler::receiveFilePart # Refusing part %lld of '%s': another connection "
+                     "is downloading that file",
+                     (long long)partNumber, path.toUtf8().constData());
+      return;
+    }
     const qint64 expected = d->assets.currentParts(path) + 1;
     if (partNumber != expected || !d->assets.isDownloading(path)) {
       Bastion::error("received file part %lld but we expected %lld: '%s'", (long long)partNumber,
@@ -446,23 +479,29 @@ namespace Plexa
 
     const QString root = rootPath();
     const QString temporaryName = root + path + QLatin1String(TemporarySuffix);
-    const RootDirectory directory(root);
-    const QByteArray temporary = RootDirectory::encode(path + QLatin1String(TemporarySuffix));
-    // Made only for a download that was booked; a parent that leads outside the root fails here or
-    // in the open below.
-    directory.makeDirectories(parentOf(temporary));
-    if (partNumber == 1)
-      directory.remove(temporary);
     const qint64 total = d->assets.totalParts(path);
-
-    const int fd = directory.open(temporary, O_WRONLY | O_CREAT | O_APPEND, 0666);
+    int fd = d->downloadFiles.value(path, -1);
+    if (partNumber == 1) {
+      if (fd >= 0)
+        ::close(fd);
+      d->downloadFiles.remove(path);
+      const RootDirectory directory(root);
+      const QByteArray temporary = RootDirectory::encode(path + QLatin1String(TemporarySuffix));
+      // Made only for a download that was booked; a parent that leads outside the root fails here or
+      // in the open below. The file is made afresh: whatever is at its name (a leftover, a link)
+      // is never written to.
+      directory.makeDirectories(parentOf(temporary));
+      directory.remove(temporary);
+      fd = directory.open(temporary, O_WRONLY | O_CREAT | O_EXCL, 0666);
+      if (fd >= 0)
+        d->downloadFiles.insert(path, fd);
+    }
     if (fd < 0) {
       Bastion::error("Failed to open %s", temporaryName.toUtf8().constData());
       return;
     }
     const bool written = writeAll(fd, bytes);
     const int writeError = errno;
-    ::close(fd);
     if (!written) {
       Bastion::error("FileTransferHandler::receiveFilePart # Failed to write %s: %s",
                      temporaryName.toUtf8().constData(), qt_error_string(writeError).toUtf8().constData());
@@ -490,6 +529,8 @@ namespace Plexa
   {
     d->bytesSinceReport.remove(path);
     d->booked.remove(path);
+    const int fd = d->downloadFiles.value(path, -1);
+    d->downloadFiles.remove(path);
     const QString root = rootPath();
     const QString localName = root + path;
     const QString temporaryName = localName + QLatin1String(TemporarySuffix);
@@ -500,29 +541,46 @@ namespace Plexa
     const QString announced = d->assets.downloadListMD5(path);
     const QString received = d->assets.downloadListPartMD5(path);
     const QDateTime started = d->assets.downloadListStartTime(path);
+    const qint64 size = d->assets.downloadListSize(path);
+    struct stat st = {};
     bool succeeded = false;
-    if (announced == received) {
-      // rename() replaces the old file atomically; only where that is refused (a folder in the
-      // way, say) is the old one deleted first.
-      succeeded = directory.rename(temporary, local);
-      if (!succeeded) {
-        directory.remove(local);
-        succeeded = directory.rename(temporary, local);
-      }
-      if (!succeeded) {
+    if (announced != received) {
+      Bastion::error("md5 mismatch for '%s'", temporaryName.toUtf8().constData());
+      directory.remove(temporary);
+    } else if (::fstat(fd, &st) != 0 || st.st_size != size) {
+      Bastion::error("FileTransferHandler::finishDownload # '%s' has %lld bytes, %lld were announced",
+                     temporaryName.toUtf8().constData(), (long long)st.st_size, (long long)size);
+      directory.remove(temporary);
+    } else {
+      // The move replaces the old file atomically; only where something is in the way is the old
+      // one deleted first. Any other failure (a flush that failed, say) leaves the old file alone.
+      succeeded = directory.moveIntoPlace(fd, temporary, local);
+      const int moveError = errno;
+      if (!succeeded && moveError == ESTALE) {
+        // Something else was put at the temporary name: it is not ours to move or delete.
+        Bastion::error("FileTransferHandler::finishDownload # '%s' is no longer the file that was received",
+                       temporaryName.toUtf8().constData());
+      } else if (!succeeded && moveError != EISDIR && moveError != ENOTEMPTY && moveError != EEXIST) {
         Bastion::error("Failed to rename '%s' to '%s'", temporaryName.toUtf8().constData(),
                        localName.toUtf8().constData());
         directory.remove(temporary);
-        Bastion::error("File Download for '%s' failed", path.toUtf8().constData());
-      } else {
-        Bastion::debug("FileTransferHandler::receiveFilePart # '%s' received in %lld ms", path.toUtf8().constData(),
-                       (long long)started.msecsTo(QDateTime::currentDateTimeUtc()));
+      } else if (!succeeded) {
+        directory.remove(local);
+        succeeded = directory.moveIntoPlace(fd, temporary, local);
+        if (!succeeded) {
+          Bastion::error("Failed to rename '%s' to '%s'", temporaryName.toUtf8().constData(),
+                         localName.toUtf8().constData());
+          directory.remove(temporary);
+        }
       }
-    } else {
-      Bastion::error("md5 mismatch for '%s'", temporaryName.toUtf8().constData());
-      directory.remove(temporary);
-      Bastion::error("File Download for '%s' failed", path.toUtf8().constData());
     }
+    if (fd >= 0)
+      ::close(fd);
+    if (succeeded)
+      Bastion::debug("FileTransferHandler::receiveFilePart # '%s' received in %lld ms", path.toUtf8().constData(),
+                     (long long)started.msecsTo(QDateTime::currentDateTimeUtc()));
+    else
+      Bastion::error("File Download for '%s' failed", path.toUtf8().constData());
     d->assets.removeFileFromDownloadList(path, succeeded);
   }
 

@@ -8,6 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <mutex>
+#include <sys/syscall.h>
 #include <thread>
 
 using namespace Plexa;
@@ -27,6 +30,46 @@ namespace
     return true;
   }
 
+  std::mutex g_syncMutex;
+  /// "fdatasync <file>" and "fsync <file>" for every such call of the process, in order.
+  QStringList g_syncs;
+  /// Makes fdatasync fail with EIO, as a failing disk would.
+  std::atomic<bool> g_failDataSync{false};
+
+  void recordSync(const char* call, int fd)
+  {
+    const QString file = QFile::symLinkTarget(QStringLiteral("/proc/self/fd/%1").arg(fd));
+    std::lock_guard<std::mutex> lock(g_syncMutex);
+    g_syncs.append(QString::fromLatin1(call) + ' ' + file);
+  }
+
+  QStringList syncs()
+  {
+    std::lock_guard<std::mutex> lock(g_syncMutex);
+    return g_syncs;
+  }
+}
+
+// These stand in for the C library's calls of the library under test, so that the tests see when
+// data and folders are flushed.
+extern "C" int fdatasync(int fd)
+{
+  recordSync("fdatasync", fd);
+  if (g_failDataSync) {
+    errno = EIO;
+    return -1;
+  }
+  return int(syscall(SYS_fdatasync, fd));
+}
+
+extern "C" int fsync(int fd)
+{
+  recordSync("fsync", fd);
+  return int(syscall(SYS_fsync, fd));
+}
+
+namespace
+{
   /// A handler with its store over a temporary root, connected to a RawPeer that plays the other end.
   class FileTransferHandlerTest : public ::testing::TestWithParam<bool>
   {
@@ -158,9 +201,15 @@ TEST_P(FileTransferHandlerTest, ReceivedFileIsVerifiedAndMovedIntoPlace)
   EXPECT_EQ(readFile(root() + "/deep/er/f.bin"), "old content");
   EXPECT_EQ(m_store->currentParts("/deep/er/f.bin"), 1);
 
+  const int syncsBefore = syncs().size();
   m_peer->send(part("/deep/er/f.bin", second, 2));
   ASSERT_TRUE(m_store->finished.wait());
   EXPECT_EQ(readFile(root() + "/deep/er/f.bin"), first + second);
+  // The data reached the disk under the temporary name, then the folder with the new name did.
+  const QStringList flushed = syncs().mid(syncsBefore);
+  const int data = flushed.indexOf("fdatasync " + canonical("/deep/er/f.bin.filesync.part"));
+  EXPECT_GE(data, 0) << flushed.join(", ").toStdString();
+  EXPECT_GT(flushed.indexOf("fsync " + canonical("/deep/er"), data), data) << flushed.join(", ").toStdString();
   EXPECT_FALSE(QFileInfo::exists(root() + "/deep/er/f.bin.filesync.part"));
   EXPECT_EQ(m_store->md5("/deep/er/f.bin"), md5Hex(first + second));
   EXPECT_EQ(m_handler->progressOf("/deep/er/f.bin"), first.size() + second.size());
@@ -173,7 +222,7 @@ TEST_P(FileTransferHandlerTest, ReceivedFileIsVerifiedAndMovedIntoPlace)
   EXPECT_EQ(QFileInfo(root() + "/empty").size(), 0);
 }
 
-TEST_P(FileTransferHandlerTest, ChecksumMismatchLeavesOldFileAlone)
+TEST_P(FileTransferHandlerTest, FailedDownloadLeavesOldFileAlone)
 {
   Bastion::LogCapture log;
   ASSERT_TRUE(writeFile(root() + "/f.txt", "old"));
@@ -188,6 +237,43 @@ TEST_P(FileTransferHandlerTest, ChecksumMismatchLeavesOldFileAlone)
   EXPECT_EQ(readFile(root() + "/f.txt"), "old");
   EXPECT_FALSE(QFileInfo::exists(root() + "/f.txt.filesync.part"));
   EXPECT_FALSE(m_store->isDownloading("/f.txt"));
+
+  // The right bytes, but they cannot be flushed to the disk.
+  g_failDataSync = true;
+  m_peer->send(announcement + part("/f.txt", "right", 1));
+  ASSERT_TRUE(m_store->finished.wait(2));
+  g_failDataSync = false;
+  EXPECT_EQ(log.countContaining("File Download for '/f.txt' failed"), 2);
+  EXPECT_EQ(readFile(root() + "/f.txt"), "old");
+  EXPECT_FALSE(QFileInfo::exists(root() + "/f.txt.filesync.part"));
+}
+
+TEST_P(FileTransferHandlerTest, OnlyTheFileThatWasReceivedLandsUnderItsName)
+{
+  Bastion::LogCapture log;
+  // The temporary file is replaced behind the download's back: the rest of the parts still go into
+  // the file they were written to, and the stranger at its name is not moved into place.
+  const QByteArray content = randomBytes(65536 + 100, 11);
+  m_peer->send(fileInfo("/s", content, 2) + part("/s", content.left(65536), 1));
+  ASSERT_TRUE(roundTrip(1));
+  ASSERT_TRUE(QFile::rename(root() + "/s.filesync.part", root() + "/elsewhere"));
+  ASSERT_TRUE(writeFile(root() + "/s.filesync.part", "planted"));
+  m_peer->send(part("/s", content.mid(65536), 2));
+  ASSERT_TRUE(m_store->finished.wait());
+  EXPECT_EQ(log.countContaining("'" + QFile::encodeName(canonical("/s.filesync.part")) +
+                                "' is no longer the file that was received"),
+            1);
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "File Download for '/s' failed"));
+  EXPECT_FALSE(QFileInfo::exists(root() + "/s"));
+  EXPECT_EQ(readFile(root() + "/elsewhere"), content);
+  EXPECT_EQ(m_store->md5("/s"), QString());
+
+  // Bytes that match the checksum but not the announced size are not the announced file either.
+  m_peer->send("fileinfo 5 \"/short\" 1 " + md5Hex("abc").toLatin1() + "\n" + part("/short", "abc", 1));
+  ASSERT_TRUE(m_store->finished.wait(2));
+  EXPECT_EQ(log.countContaining("short.filesync.part' has 3 bytes, 5 were announced"), 1);
+  EXPECT_FALSE(QFileInfo::exists(root() + "/short"));
+  EXPECT_FALSE(QFileInfo::exists(root() + "/short.filesync.part"));
 }
 
 TEST_P(FileTransferHandlerTest, ReceivingThroughLinkOutOfRootFails)
@@ -253,6 +339,43 @@ INSTANTIATE_TEST_SUITE_P(Resolution, FileTransferHandlerTest, ::testing::Values(
                          [](const ::testing::TestParamInfo<bool>& info) {
                            return std::string(info.param ? "Kernel" : "ComponentWalk");
                          });
+
+// A second connection names the same file in other words, or the first download's temporary file,
+// or sends parts for it: none of that reaches the download, which lands with exactly its own bytes.
+TEST_P(FileTransferHandlerTest, SecondConnectionCannotReachAnotherConnectionsDownload)
+{
+  Bastion::LogCapture log;
+  std::shared_ptr<TestHandler> otherHandler;
+  std::shared_ptr<RawPeer> otherPeer;
+  std::tie(otherHandler, otherPeer) = connectPair<TestHandler, RawPeer>(
+    [&](Bastion::TCPSocket* socket) { return std::make_shared<TestHandler>(socket, true, *m_store, root()); },
+    [] { return std::make_shared<RawPeer>(nullptr, false); });
+  ASSERT_TRUE(otherHandler && otherPeer);
+  const QByteArray mine = randomBytes(65536 + 10, 12), foreign = randomBytes(100, 13);
+  m_peer->send(fileInfo("/a", mine, 2) + part("/a", mine.left(65536), 1));
+  ASSERT_TRUE(roundTrip(1));
+
+  for (const char* path : {"/a.filesync.part", "/a.filesync.part/b", "//a", "/./a"})
+    otherPeer->send(fileInfo(path, foreign, 1) + part(path, foreign, 1));
+  otherPeer->send(part("/a", foreign, 2));
+  otherPeer->send("sendfileinfo \"/known.txt\"\n");
+  ASSERT_TRUE(otherPeer->waitLines(1));
+  EXPECT_EQ(otherPeer->lines(), QStringList({knownInfo()}));
+  EXPECT_EQ(log.countContaining("Refusing '/a.filesync.part': a download's temporary name"), 1);
+  EXPECT_EQ(log.countContaining("Refusing '/a.filesync.part/b': a download's temporary name"), 1);
+  EXPECT_EQ(log.countContaining("File '/a' is being downloaded already"), 2);
+  EXPECT_EQ(log.countContaining("Refusing part 1 of '/a': another connection is downloading that file"), 2);
+  EXPECT_EQ(log.countContaining("Refusing part 2 of '/a': another connection is downloading that file"), 1);
+  EXPECT_EQ(m_store->currentParts("/a"), 1);
+
+  m_peer->send(part("/a", mine.mid(65536), 2));
+  ASSERT_TRUE(m_store->finished.wait());
+  EXPECT_EQ(readFile(root() + "/a"), mine);
+  EXPECT_EQ(m_store->md5("/a"), md5Hex(mine));
+  EXPECT_FALSE(QFileInfo::exists(root() + "/a.filesync.part"));
+  otherPeer.reset();
+  otherHandler.reset();
+}
 
 TEST_P(FileTransferHandlerTest, DroppedConnectionClearsOnlyItsDownloads)
 {

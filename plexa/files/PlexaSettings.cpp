@@ -3,12 +3,24 @@
 #include "bastion/FileWriter.hpp"
 #include "bastion/PlatformUtils.hpp"
 
+#include "bastion/Log.hpp"
+
 namespace Plexa
 {
-  PlexaSettings::PlexaSettings(bool vanta)
-    : QSettings(QString("%1/%2").arg(Bastion::PlatformUtils::getModuleUserDataPath("Brandwick", false),
-                                     QStringLiteral("plexa.ini")),
-                QSettings::IniFormat)
+  namespace
+  {
+    QString settingsFile()
+    {
+      const QString folder = Bastion::PlatformUtils::getModuleUserDataPath(QStringLiteral("Brandwick"), false);
+      if (!folder.isEmpty())
+        return folder + QStringLiteral("/plexa.ini");
+      // Without a folder the name would come out as "/plexa.ini", at the top of the file system.
+      Bastion::error("PlexaSettings # No user data folder: the settings are neither read nor saved");
+      return QString();
+    }
+  }
+
+  PlexaSettings::PlexaSettings(bool vanta) : QSettings(settingsFile(), QSettings::IniFormat)
   {
     beginGroup(vanta ? QStringLiteral("vanta") : QStringLiteral("config"));
   }

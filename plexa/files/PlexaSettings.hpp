@@ -14,6 +14,8 @@ namespace Plexa
   public:
     /// Opens "<user data of Brandwick>/plexa.ini" and enters the group "vanta" (true) or
     /// "config" (false): every key read or written through this object lies under that group.
+    /// Without a user data folder (see Bastion::PlatformUtils) no file is used: nothing is read,
+    /// and `sync()` leaves the status QSettings::AccessError.
     explicit PlexaSettings(bool vanta);
 
     /// Writes pending changes back. When the write is refused, it is tried once more inside a

@@ -82,6 +82,32 @@ TEST_F(PlexaSettingsTest, RefusedWriteIsRetriedOnceInsideWriterGuard)
   EXPECT_EQ(PlexaSettings(true).value("key").toInt(), 1);
 }
 
+TEST_F(PlexaSettingsTest, NoUserDataFolderMeansNoFile)
+{
+  const QByteArray oldData = qgetenv("XDG_DATA_HOME"), oldHome = qgetenv("HOME");
+  QTemporaryDir tmp;
+  // A plain file where the data folder should be, then no usable home at all.
+  ASSERT_TRUE(FileTestSupport::writeFile(tmp.path() + "/file", "not a folder"));
+  for (const QByteArray& home : {QByteArray(), QByteArray("relative")}) {
+    qputenv("XDG_DATA_HOME", home.isNull() ? QFile::encodeName(tmp.path() + "/file") : QByteArray("relative"));
+    if (!home.isNull())
+      qputenv("HOME", home);
+    Bastion::LogCapture log;
+    {
+      PlexaSettings settings(false);
+      settings.setValue("key", "value");
+      settings.sync();
+      EXPECT_EQ(settings.status(), QSettings::AccessError);
+      EXPECT_EQ(settings.fileName(), QString());
+    }
+    EXPECT_EQ(log.countContaining("PlexaSettings # No user data folder"), 1);
+    EXPECT_FALSE(QFileInfo::exists("/plexa.ini"));
+    EXPECT_FALSE(QFileInfo::exists("relative"));
+  }
+  qputenv("XDG_DATA_HOME", oldData);
+  qputenv("HOME", oldHome);
+}
+
 TEST_F(PlexaSettingsTest, SuccessfulWriteTakesNoGuard)
 {
   Bastion::LogCapture log;

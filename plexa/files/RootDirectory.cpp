@@ -1,5 +1,7 @@
 #include "plexa/files/RootDirectory.hpp"
 
+#include "bastion/Log.hpp"
+
 #include <QFile>
 
 #include <atomic>
@@ -36,12 +38,13 @@ namespace Plexa
       int m_fd;
     };
 
-    long openat2Beneath(int dirFd, const char* path, int flags, mode_t mode)
+    long openat2Beneath(int dirFd, const char* path, int flags, mode_t mode, bool followLinks = true)
     {
       struct open_how how = {};
       how.flags = uint64_t(unsigned(flags));
-      how.mode = (flags & (O_CREAT | O_TMPFILE)) ? mode : 0;
-      how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+      // O_TMPFILE includes O_DIRECTORY's bit: test it whole, or a folder opened with a mode fails.
+      how.mode = ((flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE) ? mode : 0;
+      how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS | (followLinks ? 0 : RESOLVE_NO_SYMLINKS);
       long fd;
       do {
         fd = syscall(SYS_openat2, dirFd, path, &how, sizeof how);
@@ -130,7 +133,8 @@ namespace Plexa
     return joined;
   }
 
-  int RootDirectory::openComponents(const QList<QByteArray>& parts, int count, int flags, mode_t mode) const
+  int RootDirectory::openComponents(const QList<QByteArray>& parts, int count, int flags, mode_t mode,
+                                    Links links) const
   {
     if (m_fd < 0) {
       errno = EBADF;
@@ -138,7 +142,7 @@ namespace Plexa
     }
     flags |= O_CLOEXEC;
     if (kernelResolveEnabled())
-      return int(openat2Beneath(m_fd, join(parts, count).constData(), flags, mode));
+      return int(openat2Beneath(m_fd, join(parts, count).constData(), flags, mode, links == Links::Beneath));
 
     if (count == 0)
       return ::openat(m_fd, ".", flags, mode);
@@ -166,17 +170,17 @@ namespace Plexa
     return fd;
   }
 
-  int RootDirectory::open(const QByteArray& path, int flags, mode_t mode) const
+  int RootDirectory::open(const QByteArray& path, int flags, mode_t mode, Links links) const
   {
     QList<QByteArray> parts;
     if (!components(path, parts)) {
       errno = EXDEV;
       return -1;
     }
-    return openComponents(parts, parts.size(), flags, mode);
+    return openComponents(parts, parts.size(), flags, mode, links);
   }
 
-  int RootDirectory::openParent(const QByteArray& path, QByteArray& name) const
+  int RootDirectory::openParent(const QByteArray& path, QByteArray& name, Links links, int flags) const
   {
     QList<QByteArray> parts;
     if (!components(path, parts)) {
@@ -188,7 +192,7 @@ namespace Plexa
       return -1;
     }
     name = parts.last();
-    return openComponents(parts, parts.size() - 1, O_PATH | O_DIRECTORY, 0);
+    return openComponents(parts, parts.size() - 1, flags | O_DIRECTORY, 0, links);
   }
 
   bool RootDirectory::makeDirectories(const QByteArray& path) const
@@ -201,17 +205,17 @@ namespace Plexa
     // Go down from the root: each level is opened below the root before its child is made in it, so
     // a symbolic link met on the way is judged like any other path.
     for (int depth = 1; depth <= parts.size(); ++depth) {
-      FdHolder existing(openComponents(parts, depth, O_PATH | O_DIRECTORY, 0));
+      FdHolder existing(openComponents(parts, depth, O_PATH | O_DIRECTORY, 0, Links::Beneath));
       if (existing.get() >= 0)
         continue;
       if (errno != ENOENT)
         return false;
-      FdHolder parent(openComponents(parts, depth - 1, O_PATH | O_DIRECTORY, 0));
+      FdHolder parent(openComponents(parts, depth - 1, O_PATH | O_DIRECTORY, 0, Links::Beneath));
       if (parent.get() < 0)
         return false;
       if (::mkdirat(parent.get(), parts.at(depth - 1).constData(), 0777) != 0 && errno != EEXIST)
         return false;
-      FdHolder made(openComponents(parts, depth, O_PATH | O_DIRECTORY, 0));
+      FdHolder made(openComponents(parts, depth, O_PATH | O_DIRECTORY, 0, Links::Beneath));
       if (made.get() < 0)
         return false;
     }
@@ -230,18 +234,62 @@ namespace Plexa
     return ::renameat(fromParent.get(), fromName.constData(), toParent.get(), toName.constData()) == 0;
   }
 
-  bool RootDirectory::remove(const QByteArray& path) const
+  bool RootDirectory::moveIntoPlace(int fd, const QByteArray& from, const QByteArray& to) const
+  {
+    QByteArray fromName, toName;
+    FdHolder fromParent(openParent(from, fromName));
+    if (fromParent.get() < 0)
+      return false;
+    // Opened for reading, not as a mere path: it is synced after the rename.
+    FdHolder toParent(openParent(to, toName, Links::Beneath, O_RDONLY));
+    if (toParent.get() < 0)
+      return false;
+    // The name is checked in the very folder that the rename takes it from: whatever was put at it
+    // meanwhile (another file, a link) fails the move instead of landing under the final name.
+    struct stat written, named;
+    if (::fstat(fd, &written) != 0)
+      return false;
+    if (::fstatat(fromParent.get(), fromName.constData(), &named, AT_SYMLINK_NOFOLLOW) != 0)
+      return false;
+    if (written.st_dev != named.st_dev || written.st_ino != named.st_ino) {
+      errno = ESTALE;
+      return false;
+    }
+    // Data first, then the name: after a power loss the final name holds either the old file or the
+    // whole new one, never a new one cut short.
+    if (::fdatasync(fd) != 0)
+      return false;
+    if (::renameat(fromParent.get(), fromName.constData(), toParent.get(), toName.constData()) != 0)
+      return false;
+    // The move has happened: a caller must not undo it, so a folder that cannot be flushed is only
+    // reported.
+    if (::fsync(toParent.get()) != 0)
+      Bastion::error("RootDirectory::moveIntoPlace # Failed to flush the folder of %s: %s", to.constData(),
+                     qt_error_string(errno).toUtf8().constData());
+    return true;
+  }
+
+  bool RootDirectory::remove(const QByteArray& path, Links links) const
   {
     QByteArray name;
-    FdHolder parent(openParent(path, name));
+    FdHolder parent(openParent(path, name, links));
     if (parent.get() < 0)
       return false;
     return ::unlinkat(parent.get(), name.constData(), 0) == 0;
   }
 
-  bool RootDirectory::stat(const QByteArray& path, struct stat& result) const
+  bool RootDirectory::removeDirectory(const QByteArray& path) const
   {
-    FdHolder fd(open(path, O_PATH));
+    QByteArray name;
+    FdHolder parent(openParent(path, name, Links::Refused));
+    if (parent.get() < 0)
+      return false;
+    return ::unlinkat(parent.get(), name.constData(), AT_REMOVEDIR) == 0;
+  }
+
+  bool RootDirectory::stat(const QByteArray& path, struct stat& result, Links links) const
+  {
+    FdHolder fd(open(path, O_PATH, 0, links));
     if (fd.get() < 0)
       return false;
     return ::fstat(fd.get(), &result) == 0;
