@@ -212,11 +212,12 @@ namespace Plexa
       const qint64 byteCount = command.first.toLongLong(&countOk);
       const qint64 partNumber = command.second.toLongLong(&numberOk);
       if (!countOk) {
-        // The bytes that follow cannot be counted, so the stream cannot be kept in step.
+        // The bytes that follow cannot be counted, so the stream cannot be kept in step: this
+        // connection ends; a client reconnects as after any other drop.
         Bastion::error("FileTransferHandler::receiveFilePart # Byte count %s of a part of '%s' is out of range, "
                        "closing the connection",
-                       command.first.toUtf8().constData(), command.path.toUtf8().constData());
-        stop();
+                       loggedText(command.first).constData(), loggedText(command.path).constData());
+        dropConnection();
         return true;
       }
       // An unrepresentable part number can match no download: 0 makes it an unexpected part.

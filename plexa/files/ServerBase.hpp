@@ -84,7 +84,10 @@ namespace Plexa
     };
 
     bool bind();
+    /// Starts and lists a new connection; stops it instead when the server stopped meanwhile.
     void accepted(Bastion::TCPSocket* socket);
+    /// The pause after the `failures`-th failed accept in a row (errno `error`); ends early on stop.
+    void waitAfterFailedAccept(int error, int failures);
     /// Retires listed connections whose thread has ended without a "disconnected" event (a failed
     /// handshake sends none).
     void retireEnded();
