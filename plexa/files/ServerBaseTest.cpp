@@ -287,9 +287,11 @@ TEST(ServerBase, FailedAcceptBacksOff)
   for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
     fillers.push_back(fd);
   // The client takes the last free descriptor; the server has none left for accepting.
-  ASSERT_FALSE(fillers.empty());
-  ::close(fillers.back());
-  fillers.pop_back();
+  if (!fillers.empty())
+  {
+    ::close(fillers.back());
+    fillers.pop_back();
+  }
   const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -303,7 +305,7 @@ TEST(ServerBase, FailedAcceptBacksOff)
   for (int fd : fillers)
     ::close(fd);
   setrlimit(RLIMIT_NOFILE, &saved);
-  ASSERT_TRUE(connected);
+  ASSERT_TRUE(connected) << fillers.size() << " descriptors filled";
   EXPECT_LT(cpu, 0.1);
   EXPECT_EQ(log.countContaining("ServerBase # Cannot accept a connection (Too many open files)"), 1);
   EXPECT_TRUE(server.waitFor([&] { return server.created() == 1; }));
