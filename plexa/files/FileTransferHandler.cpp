@@ -189,16 +189,18 @@ namespace Plexa
     switch (command.kind) {
     case FileTransferCommand::FileInfo: {
       if (command.path.contains(QLatin1String("..")) || !command.path.startsWith('/')) {
-        Bastion::error("Filename can't contain '..' and it has to start with '/': %s",
-                       command.path.toUtf8().constData());
+        if (mayLog("Filename can't contain '..'"))
+          Bastion::error("Filename can't contain '..' and it has to start with '/': %s",
+                         loggedText(command.path).constData());
         return true;
       }
       bool sizeOk = false, partsOk = false;
       const qint64 size = command.first.toLongLong(&sizeOk);
       const qint64 parts = command.second.toLongLong(&partsOk);
       if (!sizeOk || !partsOk) {
-        Bastion::error("FileTransferHandler::parse # Size or part count out of range for '%s'",
-                       command.path.toUtf8().constData());
+        if (mayLog("Size or part count out of range"))
+          Bastion::error("FileTransferHandler::parse # Size or part count out of range for '%s'",
+                         loggedText(command.path).constData());
         return true;
       }
       receiveFileInfo(command.path, size, parts, command.md5);

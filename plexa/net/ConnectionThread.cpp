@@ -745,7 +745,7 @@ namespace Plexa
     const QByteArray rest = readData(size - MapBlock::SizeItemBytes);
     if (rest.size() != size - MapBlock::SizeItemBytes)
       return map;
-    if (!MapBlock::decode(sizeItem + rest, count, map))
+    if (!MapBlock::decode(sizeItem + rest, count, map) && mayLog("malformed map block"))
       Bastion::error("ConnectionThread::readMap # malformed map block from %s (%d pairs announced, %d read)",
                      addressUtf8().constData(), count, map.size());
     return map;
