@@ -12,6 +12,7 @@
 #include "plexa/net/NetFormat.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <exception>
 
@@ -219,11 +220,33 @@ namespace Plexa
         failedAccepts = 0;
         accepted(socket);
       }
-      else if (m_running)
+      else if (m_running && !failedOnItsOwn(error))
         waitAfterFailedAccept(error, ++failedAccepts);
     }
     // A stop that raced with the bind may have left the socket open.
     close();
+  }
+
+  bool ServerBase::failedOnItsOwn(int error)
+  {
+    // Errors of the one connection being taken (it is gone from the queue): the next one may be
+    // fine, so these cost no pause, or a peer could slow the accepting down with them.
+    switch (error)
+    {
+    case ECONNABORTED:
+    case EPROTO:
+    case EPERM:
+    case ENETDOWN:
+    case ENOPROTOOPT:
+    case EHOSTDOWN:
+    case ENONET:
+    case EHOSTUNREACH:
+    case EOPNOTSUPP:
+    case ENETUNREACH:
+      return true;
+    default:
+      return false;
+    }
   }
 
   void ServerBase::waitAfterFailedAccept(int error, int failures)
