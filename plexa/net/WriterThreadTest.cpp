@@ -166,12 +166,13 @@ TEST(WriterThread, PingTimeoutFromTheHandshakeOn)
   Connected quiet(false);
   for (Connected* c : {&silent, &answering, &quiet})
   {
-    c->connection->setPingTimeout(0.6);
+    c->connection->setPingTimeout(1.0);
     ASSERT_TRUE(c->start());
   }
   EXPECT_EQ(answering.client().readLine(), "ping initialized");
   answering.client().write("pong initialized\n");
-  for (int i = 0; i < 4; ++i)
+  // Answered pings keep it up well past the timeout.
+  for (int i = 0; i < 3; ++i)
   {
     ASSERT_EQ(answering.client().readLine(), "ping");
     answering.client().write("pong\n");
