@@ -141,8 +141,10 @@ namespace Bastion
     return rc > 0 && (p.revents & POLLIN) && isOpen();
   }
 
-  TCPSocket* TCPServerSocket::accept()
+  TCPSocket* TCPServerSocket::accept(int* error)
   {
+    if (error)
+      *error = 0;
     Descriptor fd = m_d->current();
     if (!fd)
       return nullptr;
@@ -150,8 +152,12 @@ namespace Bastion
       int raw = ::accept4(*fd, nullptr, nullptr, SOCK_CLOEXEC);
       if (raw >= 0)
         return new TCPSocket(raw);
-      if (errno != EINTR || !isOpen())
+      const int failure = errno;
+      if (failure != EINTR || !isOpen()) {
+        if (error)
+          *error = failure;
         return nullptr;
+      }
     }
   }
 

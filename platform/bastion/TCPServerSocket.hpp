@@ -28,8 +28,9 @@ namespace Bastion
     /// open or when closed meanwhile.
     bool isPendingConnection(int usec);
     /// Takes the next connection (blocking if none is pending). The caller owns the result; null
-    /// on failure or when closed.
-    TCPSocket* accept();
+    /// on failure or when closed, with the errno value in `error` when given (EMFILE, ENFILE:
+    /// out of descriptors, the connection stays pending; 0 when closed).
+    TCPSocket* accept(int* error = nullptr);
     /// Stops listening; any thread, idempotent.
     void close();
 

@@ -275,8 +275,9 @@ namespace Plexa
     switch (command.kind) {
     case FileTransferCommand::FileInfo: {
       if (command.path.contains(QLatin1String("..")) || !command.path.startsWith('/')) {
-        Bastion::error("Filename can't contain '..' and it has to start with '/': %s",
-                       command.path.toUtf8().constData());
+        if (mayLog("Filename can't contain '..'"))
+          Bastion::error("Filename can't contain '..' and it has to start with '/': %s",
+                         loggedText(command.path).constData());
         return true;
       }
       if (isTemporaryName(command.path)) {
@@ -288,8 +289,9 @@ namespace Plexa
       const qint64 size = command.first.toLongLong(&sizeOk);
       const qint64 parts = command.second.toLongLong(&partsOk);
       if (!sizeOk || !partsOk) {
-        Bastion::error("FileTransferHandler::parse # Size or part count out of range for '%s'",
-                       command.path.toUtf8().constData());
+        if (mayLog("Size or part count out of range"))
+          Bastion::error("FileTransferHandler::parse # Size or part count out of range for '%s'",
+                         loggedText(command.path).constData());
         return true;
       }
       receiveFileInfo(command.path, size, parts, command.md5);
@@ -303,11 +305,12 @@ namespace Plexa
       const qint64 byteCount = command.first.toLongLong(&countOk);
       const qint64 partNumber = command.second.toLongLong(&numberOk);
       if (!countOk) {
-        // The bytes that follow cannot be counted, so the stream cannot be kept in step.
+        // The bytes that follow cannot be counted, so the stream cannot be kept in step: this
+        // connection ends; a client reconnects as after any other drop.
         Bastion::error("FileTransferHandler::receiveFilePart # Byte count %s of a part of '%s' is out of range, "
                        "closing the connection",
-                       command.first.toUtf8().constData(), command.path.toUtf8().constData());
-        stop();
+                       loggedText(command.first).constData(), loggedText(command.path).constData());
+        dropConnection();
         return true;
       }
       // An unrepresentable part number can match no download: 0 makes it an unexpected part.

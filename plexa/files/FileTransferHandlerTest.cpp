@@ -486,3 +486,23 @@ TEST(FileTransferReconnectTest, QueuedPartsDoNotReachTheNextConnection)
   EXPECT_EQ(second->lines().at(0), QStringLiteral("fileinfo 5 \"/known.txt\" 1 %1").arg(md5Hex("known")));
   uploader->shutdown();
 }
+
+// A byte count that no 64-bit number holds ends that connection only: a client reconnects.
+TEST(FileTransferHandlerClient, OutOfRangeByteCountDropsOnlyTheConnection)
+{
+  Bastion::LogCapture log;
+  QTemporaryDir root;
+  NotifyingStore store(root.path());
+  Listener listener;
+  auto client = std::make_shared<TestHandler>(nullptr, false, store, root.path());
+  client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
+  auto first = std::make_shared<RawPeer>(listener.accept(), true);
+  first->run();
+  ASSERT_TRUE(client->connectedSignal.wait());
+  first->send("filepart \"/f\" 123456789012345678901234567890 1\n");
+  ASSERT_TRUE(client->disconnectedSignal.wait());
+  EXPECT_EQ(log.countContaining("Byte count 123456789012345678901234567890 of a part of '/f' is out of range"), 1);
+  auto second = std::make_shared<RawPeer>(listener.accept(), true);
+  second->run();
+  EXPECT_TRUE(client->connectedSignal.wait(2));
+}

@@ -12,6 +12,8 @@
 #include "plexa/net/NetFormat.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 
 namespace Plexa
@@ -194,6 +196,7 @@ namespace Plexa
       Bastion::info("Listening %s:%d", m_host.toUtf8().constData(), m_port);
     }
     Bastion::TimeStamp lastSweep = Bastion::TimeStamp::getTime();
+    int failedAccepts = 0;
     while (m_running)
     {
       if (!isPendingConnection(NetFormat::AcceptPollUsec))
@@ -207,13 +210,65 @@ namespace Plexa
       }
       if (!m_running)
         break;
-      Bastion::TCPSocket* socket = accept();
+      int error = 0;
+      Bastion::TCPSocket* socket = accept(&error);
       retireEnded();
       if (socket)
+      {
+        if (failedAccepts > 0)
+          Bastion::info("ServerBase # Accepting connections again after %d failed attempts", failedAccepts);
+        failedAccepts = 0;
         accepted(socket);
+      }
+      else if (m_running && !failedOnItsOwn(error))
+        waitAfterFailedAccept(error, ++failedAccepts);
     }
     // A stop that raced with the bind may have left the socket open.
     close();
+  }
+
+  bool ServerBase::failedOnItsOwn(int error)
+  {
+    // Errors of the one connection being taken (it is gone from the queue): the next one may be
+    // fine, so these cost no pause, or a peer could slow the accepting down with them.
+    switch (error)
+    {
+    case ECONNABORTED:
+    case EPROTO:
+    case EPERM:
+    case ENETDOWN:
+    case ENOPROTOOPT:
+    case EHOSTDOWN:
+    case ENONET:
+    case EHOSTUNREACH:
+    case EOPNOTSUPP:
+    case ENETUNREACH:
+      return true;
+    default:
+      return false;
+    }
+  }
+
+  void ServerBase::waitAfterFailedAccept(int error, int failures)
+  {
+    // Out of descriptors, the connection stays pending and the next poll returns at once: without
+    // a pause the loop would spin until a descriptor frees up. One line per run of failures.
+    if (failures == 1)
+      Bastion::error("ServerBase # Cannot accept a connection (%s), retrying at most every %d ms",
+                     std::strerror(error), NetFormat::AcceptRetryMaxMs);
+    int pauseMs = NetFormat::AcceptRetryMinMs;
+    for (int i = 1; i < failures && pauseMs < NetFormat::AcceptRetryMaxMs; ++i)
+      pauseMs *= 2;
+    pauseMs = qMin(pauseMs, NetFormat::AcceptRetryMaxMs);
+    const Bastion::TimeStamp start = Bastion::TimeStamp::getTime();
+    Bastion::Guard guard(m_waitMutex);
+    while (m_running)
+    {
+      const double left = pauseMs / 1000.0 - start.sinceSecondsD();
+      if (left <= 0)
+        break;
+      m_waitCondition.wait(m_waitMutex, int(left * 1000.0) + 1);
+    }
   }
 
   void ServerBase::accepted(Bastion::TCPSocket* socket)
@@ -248,11 +303,22 @@ namespace Plexa
         removeInstance(alive);
       },
       Carafe::Node::After);
-    // Started and listed under one hold: its retirement, which needs the mutex, cannot come first.
-    Bastion::Guard guard(m_instancesMutex);
-    m_listeners[connection.get()] = listeners;
-    connection->Bastion::Thread::run();
-    m_instances.push_back(connection);
+    {
+      // Started and listed under one hold: its retirement, which needs the mutex, cannot come
+      // first. Tested under it too: a `stop` that came while the socket was being set up has
+      // stopped the listed connections already, and this one would escape it.
+      Bastion::Guard guard(m_instancesMutex);
+      if (m_running)
+      {
+        m_listeners[connection.get()] = listeners;
+        connection->Bastion::Thread::run();
+        m_instances.push_back(connection);
+        return;
+      }
+    }
+    connection->eventRemoveListener(listeners.connected);
+    connection->eventRemoveListener(listeners.disconnected);
+    connection->stop();
   }
 
   void ServerBase::retireEnded()

@@ -84,7 +84,13 @@ namespace Plexa
     };
 
     bool bind();
+    /// Starts and lists a new connection; stops it instead when the server stopped meanwhile.
     void accepted(Bastion::TCPSocket* socket);
+    /// True for an accept error that concerns only the connection being taken.
+    static bool failedOnItsOwn(int error);
+    /// The pause after the `failures`-th failed accept in a row (errno `error`, out of descriptors
+    /// or memory, or an error of the listening socket); ends early on stop.
+    void waitAfterFailedAccept(int error, int failures);
     /// Retires listed connections whose thread has ended without a "disconnected" event (a failed
     /// handshake sends none).
     void retireEnded();

@@ -5,10 +5,18 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <netinet/in.h>
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 using namespace PlexaTest;
 
@@ -56,12 +64,16 @@ namespace
       std::lock_guard<std::recursive_mutex> lock(m_mutex);
       return m_created;
     }
+    /// Runs in the factory, on the server's thread, before the connection is handed back.
+    std::function<void()> onCreate;
 
   protected:
     std::shared_ptr<Plexa::ConnectionThread> createConnection(Bastion::TCPSocket* socket) override
     {
       auto connection = std::make_shared<RecordingConnection>(socket, true);
       connection->setHandshakeTimeout(2000);
+      if (onCreate)
+        onCreate();
       std::lock_guard<std::recursive_mutex> lock(m_mutex);
       ++m_created;
       m_changed.notify_all();
@@ -229,4 +241,74 @@ TEST(ServerBase, StopAndCloseConnections)
   server.closeConnections();
   EXPECT_TRUE(server.instances().empty());
   EXPECT_TRUE(peer->waitDisconnected());
+}
+
+TEST(ServerBase, ConnectionAcceptedWhileStoppingIsStopped)
+{
+  TestServer server;
+  const int port = startOnFreePort(server);
+  ASSERT_NE(port, 0);
+  // The stop comes while the accepted socket is being set up.
+  server.onCreate = [&] { server.stop(true); };
+  auto* socket = new Bastion::TCPSocket();
+  ASSERT_EQ(socket->open("127.0.0.1", port), 0);
+  RawPeer peer(socket);
+  ASSERT_TRUE(server.waitFor([&] { return server.created() == 1; }));
+  EXPECT_TRUE(server.waitEnd(WaitMs));
+  // Closed without a word: no handshake was started.
+  EXPECT_TRUE(peer.readLine().isNull());
+  EXPECT_TRUE(server.instances().empty());
+}
+
+namespace
+{
+  double processCpuSeconds()
+  {
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
+  }
+}
+
+// Out of descriptors, a pending connection cannot be accepted and the next poll returns at once:
+// the loop pauses instead of spinning, and takes the connection once descriptors are free again.
+TEST(ServerBase, FailedAcceptBacksOff)
+{
+  Bastion::LogCapture log;
+  TestServer server;
+  const int port = startOnFreePort(server);
+  ASSERT_NE(port, 0);
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit low = saved;
+  low.rlim_cur = std::min<rlim_t>(saved.rlim_cur, 256);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<int> fillers;
+  for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+    fillers.push_back(fd);
+  // The client takes the last free descriptor; the server has none left for accepting.
+  if (!fillers.empty())
+  {
+    ::close(fillers.back());
+    fillers.pop_back();
+  }
+  const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(uint16_t(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool connected = client >= 0 && ::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+  // Not a synchronisation: the server's CPU time is measured over a fixed stretch of time.
+  const double cpuBefore = processCpuSeconds();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const double cpu = processCpuSeconds() - cpuBefore;
+  for (int fd : fillers)
+    ::close(fd);
+  setrlimit(RLIMIT_NOFILE, &saved);
+  ASSERT_TRUE(connected) << fillers.size() << " descriptors filled";
+  EXPECT_LT(cpu, 0.1);
+  EXPECT_EQ(log.countContaining("ServerBase # Cannot accept a connection (Too many open files)"), 1);
+  EXPECT_TRUE(server.waitFor([&] { return server.created() == 1; }));
+  EXPECT_EQ(log.countContaining("ServerBase # Accepting connections again after"), 1);
+  ::close(client);
 }

@@ -1,9 +1,12 @@
 #include "bastion/LogCapture.hpp"
 #include "plexa/net/ConnectionTestSupport.hpp"
 #include "plexa/net/MapBlock.hpp"
+#include "plexa/net/WriterThread.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 using namespace PlexaTest;
@@ -47,6 +50,33 @@ TEST(ConnectionLines, UnknownCommandIsLoggedAndConnectionStays)
   EXPECT_TRUE(c.connection->isConnected());
 }
 
+TEST(ConnectionLines, UnknownLinesAreLoggedShortAndRateLimited)
+{
+  Bastion::LogCapture log;
+  Connected c;
+  c.connection->setHandler([](RecordingConnection&, const QString& line) { return !line.startsWith("unknown"); });
+  ASSERT_TRUE(c.start());
+  QByteArray flood = "unknown" + QByteArray(Plexa::NetFormat::MaxLineBytes - 7, 'x') + "\n";
+  for (int i = 0; i < 29; ++i)
+    flood += "unknown " + QByteArray::number(i) + "\n";
+  c.client().write(flood + "last\n");
+  ASSERT_TRUE(c.connection->waitForLines(31));
+  c.client().socket().close();
+  ASSERT_TRUE(c.connection->waitEnd(WaitMs));
+  // Ten lines of the kind per connection and window; the first one cut to a short prefix.
+  const auto texts = log.texts();
+  std::vector<QByteArray> logged;
+  std::copy_if(texts.begin(), texts.end(), std::back_inserter(logged),
+               [](const QByteArray& t) { return t.startsWith("Failed to parse command"); });
+  ASSERT_EQ(logged.size(), size_t(Plexa::NetFormat::LogBurstLines));
+  EXPECT_EQ(logged[0], "Failed to parse command 'unknown" + QByteArray(Plexa::NetFormat::LoggedTextChars - 7, 'x') +
+                         "... (1048576 characters)'");
+  EXPECT_EQ(logged[1], "Failed to parse command 'unknown 0'");
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Warning,
+                           "127.0.0.1:" + QByteArray::number(c.connection->remotePort()) +
+                             ": 20 more \"Failed to parse command\" lines were not logged"));
+}
+
 TEST(ConnectionLines, ExceptionFromParseEndsConnectionNotProcess)
 {
   Bastion::LogCapture log;
@@ -70,6 +100,46 @@ TEST(ConnectionLines, ExceptionFromParseEndsConnectionNotProcess)
   other.client().write("anything\n");
   ASSERT_TRUE(other.connection->waitDisconnected());
   EXPECT_EQ(log.countContaining("Unknown exception while handling a command"), 1);
+}
+
+// Whatever hook throws, only that connection ends, and it ends whole: "disconnected" sent, the
+// writer stopped, and a client goes on reconnecting.
+TEST(ConnectionLines, HookExceptionsEndOnlyThatConnection)
+{
+  Bastion::LogCapture log;
+  for (const QByteArray hook : {"connected", "listener", "pong", "disconnected"})
+  {
+    Connected c;
+    if (hook == "listener")
+      c.connection->eventAddListener("connected", [](Bastion::BinaryData&) { throw std::runtime_error("listener"); });
+    else
+      c.connection->setThrowingHook(hook);
+    ASSERT_TRUE(c.start()) << hook.constData();
+    if (hook == "pong")
+      c.client().write("pong\n");
+    if (hook == "disconnected")
+      c.client().socket().close();
+    EXPECT_TRUE(c.connection->waitDisconnected()) << hook.constData();
+    EXPECT_TRUE(c.connection->waitEnd(WaitMs)) << hook.constData();
+    EXPECT_FALSE(c.connection->isConnected()) << hook.constData();
+    EXPECT_FALSE(c.connection->writerThread()->isActive()) << hook.constData();
+    EXPECT_EQ(log.countContaining(": " + hook), 1) << hook.constData();
+  }
+
+  // A client whose pong hook throws reconnects, and the new connection starts with no pong.
+  Listener listener;
+  auto client = std::make_shared<RecordingConnection>(nullptr, false);
+  client->setThrowingHook("pong");
+  client->connectToHost("127.0.0.1", listener.port());
+  RawPeer first(listener.accept());
+  ASSERT_TRUE(first.isValid() && first.serverHandshake());
+  EXPECT_EQ(first.readLine(), "ping initialized");
+  first.write("pong initialized\n");
+  ASSERT_TRUE(client->waitDisconnected());
+  RawPeer second(listener.accept());
+  ASSERT_TRUE(second.isValid() && second.serverHandshake());
+  ASSERT_TRUE(client->waitConnected(2));
+  EXPECT_FALSE(client->pongReceived());
 }
 
 TEST(ConnectionLines, PingIsAnsweredAndPongReported)

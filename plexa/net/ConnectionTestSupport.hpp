@@ -21,6 +21,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <vector>
 
 namespace PlexaTest
@@ -43,6 +44,14 @@ namespace PlexaTest
     {
       std::lock_guard<std::recursive_mutex> lock(m_mutex);
       m_handler = std::move(handler);
+    }
+
+    /// Makes the hook of this name ("connected", "disconnected" or "pong") throw std::runtime_error
+    /// after it has recorded its call.
+    void setThrowingHook(const QByteArray& hook)
+    {
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      m_throwingHook = hook;
     }
 
     /// Waits until `predicate` holds (checked under the recorder's lock after every hook call).
@@ -128,8 +137,16 @@ namespace PlexaTest
       m_changed.notify_all();
       return result;
     }
-    void connected() override { bump(m_connectedCount); }
-    void disconnected() override { bump(m_disconnectedCount); }
+    void connected() override
+    {
+      bump(m_connectedCount);
+      throwIf("connected");
+    }
+    void disconnected() override
+    {
+      bump(m_disconnectedCount);
+      throwIf("disconnected");
+    }
     void connectionFailed() override { bump(m_failedCount); }
     void retryProgress(double secondsLeft) override
     {
@@ -142,9 +159,16 @@ namespace PlexaTest
       std::lock_guard<std::recursive_mutex> lock(m_mutex);
       m_pongs.push_back(payload);
       m_changed.notify_all();
+      throwIf("pong");
     }
 
   private:
+    void throwIf(const char* hook)
+    {
+      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      if (m_throwingHook == hook)
+        throw std::runtime_error(hook);
+    }
     void bump(int& counter)
     {
       std::lock_guard<std::recursive_mutex> lock(m_mutex);
@@ -156,6 +180,7 @@ namespace PlexaTest
     mutable std::recursive_mutex m_mutex;
     std::condition_variable_any m_changed;
     Handler m_handler;
+    QByteArray m_throwingHook;
     std::vector<QString> m_lines;
     std::vector<QByteArray> m_pongs;
     std::vector<double> m_retries;

@@ -14,6 +14,16 @@
 
 namespace Plexa
 {
+  namespace
+  {
+    void reportHeldBack(const QByteArray& peer, const char* kind, int64_t count)
+    {
+      if (count > 0)
+        Bastion::warning("%s: %lld more \"%s\" lines were not logged", peer.constData(), static_cast<long long>(count),
+                         kind);
+    }
+  }
+
   ConnectionThread::ConnectionThread(Bastion::TCPSocket* socket, bool accepted)
     : Bastion::Thread("Plexa::Connection"),
       m_socket(socket),
@@ -62,10 +72,15 @@ namespace Plexa
     m_stopRequested = false;
     if (Bastion::Thread::run())
       return;
-    // Already running: drop the current connection; the loop reconnects to the new address.
+    // Already running: the loop reconnects to the new address.
+    dropConnection();
+  }
+
+  void ConnectionThread::dropConnection()
+  {
+    m_running = false;
     m_writer->stop();
     closeSocket();
-    m_running = false;
   }
 
   void ConnectionThread::stop()
@@ -246,8 +261,11 @@ namespace Plexa
       const Bastion::TimeStamp start = Bastion::TimeStamp::getTime();
       if (m_reconnect)
         m_running = true;
-      if (!openConnection() || !m_running)
-        connectionFailed();
+      // A hook that throws costs this attempt, never the retries that follow.
+      bool opened = false;
+      guarded("connecting", "retrying", [&] { opened = openConnection(); });
+      if (!opened || !m_running)
+        guarded("reporting a failed attempt", "retrying", [&] { connectionFailed(); });
       else
         handleConnection();
       if (!m_stopRequested)
@@ -277,7 +295,7 @@ namespace Plexa
         // Hooks never run under our locks; stop() re-checks the flags under the mutex, so
         // nothing is lost while it is released.
         m_waitMutex.unlock();
-        retryProgress(left);
+        guarded("reporting the retry wait", "retrying", [&] { retryProgress(left); });
         m_waitMutex.lock();
       }
     }
@@ -311,6 +329,9 @@ namespace Plexa
   void ConnectionThread::handleConnection()
   {
     touch();
+    // What an earlier peer answered says nothing about this one.
+    m_pongReceived = false;
+    m_logBudgets.clear();
     Bastion::TCPSocket* socket = m_socket.load();
     if (!socket)
     {
@@ -319,15 +340,15 @@ namespace Plexa
     }
     socket->setWriteTimeout(m_writeTimeoutMs);
     bool shookHands = false;
-    {
+    guarded("shaking hands", "closing connection", [&] {
       Bastion::Guard guard(m_writeMutex);
       const int timeoutMs = m_handshakeTimeoutMs;
       m_readDeadline = timeoutMs > 0 ? Bastion::TimeStamp::getTime() + Bastion::TimeStamp::createSeconds(timeoutMs / 1000.0)
                                      : Bastion::TimeStamp();
       shookHands = handshake();
-      m_readDeadline = Bastion::TimeStamp();
-      socket->setReadTimeout(0);
-    }
+    });
+    m_readDeadline = Bastion::TimeStamp();
+    socket->setReadTimeout(0);
     if (!shookHands)
     {
       Bastion::error("Handshake failed, closing connection");
@@ -337,16 +358,25 @@ namespace Plexa
       return;
     }
     m_connectedFlag = true;
-    connected();
-    m_writer->run();
-    eventSend("connected");
-    if (m_usePing)
-      ping(NetFormat::InitialPingPayload);
-    handOverPending();
-    lineLoop();
+    const bool started = guarded("starting the connection", "closing connection", [&] {
+      connected();
+      m_writer->run();
+      eventSend("connected");
+    });
+    if (started)
+    {
+      if (m_usePing)
+        ping(NetFormat::InitialPingPayload);
+      handOverPending();
+      lineLoop();
+    }
+    // Every way out of a connection that shook hands comes here, whatever a hook threw: the
+    // application always hears of the end, and the socket and the writer never outlive it.
     m_connectedFlag = false;
-    disconnected();
-    eventSend("disconnected");
+    m_running = false;
+    guarded("ending the connection", "closing connection", [&] { disconnected(); });
+    guarded("ending the connection", "closing connection", [&] { eventSend("disconnected"); });
+    reportHeldBackLogs();
     closeSocket();
     m_writer->stop();
   }
@@ -361,51 +391,95 @@ namespace Plexa
 
   void ConnectionThread::lineLoop()
   {
-    QString pongPayload;
     while (m_running)
     {
-      QString text = line();
-      if (text.isEmpty())
+      bool more = false;
+      const bool survived = guarded("handling a command", "closing connection", [&] {
+        QString text = line();
+        if (text.isEmpty())
+          return;
+        touch();
+        dispatch(text);
+        more = true;
+      });
+      if (!survived)
+        m_running = false;
+      if (!more)
         break;
-      touch();
-      if (m_usePing && LineSyntax::isPing(text))
-      {
-        text[1] = QLatin1Char('o');
-        Bastion::Guard guard(m_writeMutex);
-        puts(text);
-      }
-      else if (m_usePing && LineSyntax::matchPong(text, pongPayload))
-      {
-        m_pongReceived = true;
-        pong(pongPayload.toUtf8());
-      }
-      else
-      {
-        bool understood = false;
-        try
-        {
-          understood = parse(text);
-        }
-        catch (const std::exception& e)
-        {
-          Bastion::error("ConnectionThread::handleConnection # Exception while handling a command from %s, "
-                         "closing connection: %s",
-                         addressUtf8().constData(), e.what());
-          m_running = false;
-          break;
-        }
-        catch (...)
-        {
-          Bastion::error("ConnectionThread::handleConnection # Unknown exception while handling a command from %s, "
-                         "closing connection",
-                         addressUtf8().constData());
-          m_running = false;
-          break;
-        }
-        if (!understood)
-          Bastion::error("Failed to parse command '%s'", text.toUtf8().constData());
-      }
     }
+  }
+
+  void ConnectionThread::dispatch(QString& text)
+  {
+    QString pongPayload;
+    if (m_usePing && LineSyntax::isPing(text))
+    {
+      text[1] = QLatin1Char('o');
+      Bastion::Guard guard(m_writeMutex);
+      puts(text);
+    }
+    else if (m_usePing && LineSyntax::matchPong(text, pongPayload))
+    {
+      m_pongReceived = true;
+      pong(pongPayload.toUtf8());
+    }
+    else if (!parse(text) && mayLog("Failed to parse command"))
+      Bastion::error("Failed to parse command '%s'", loggedText(text).constData());
+  }
+
+  bool ConnectionThread::guarded(const char* what, const char* consequence, const std::function<void()>& step)
+  {
+    try
+    {
+      step();
+      return true;
+    }
+    catch (const std::exception& e)
+    {
+      Bastion::error("ConnectionThread # Exception while %s with %s, %s: %s", what, addressUtf8().constData(),
+                     consequence, e.what());
+    }
+    catch (...)
+    {
+      Bastion::error("ConnectionThread # Unknown exception while %s with %s, %s", what, addressUtf8().constData(),
+                     consequence);
+    }
+    return false;
+  }
+
+  bool ConnectionThread::mayLog(const char* kind)
+  {
+    LogBudget& budget = m_logBudgets[kind];
+    const Bastion::TimeStamp now = Bastion::TimeStamp::getTime();
+    if (budget.written > 0 && (now - budget.windowStart).secondsD() >= NetFormat::LogWindowSecs)
+    {
+      reportHeldBack(addressUtf8(), kind, budget.heldBack);
+      budget = LogBudget();
+    }
+    if (budget.written == 0)
+      budget.windowStart = now;
+    if (budget.written < NetFormat::LogBurstLines)
+    {
+      ++budget.written;
+      return true;
+    }
+    ++budget.heldBack;
+    return false;
+  }
+
+  void ConnectionThread::reportHeldBackLogs()
+  {
+    for (const auto& kind : m_logBudgets)
+      reportHeldBack(addressUtf8(), kind.first, kind.second.heldBack);
+    m_logBudgets.clear();
+  }
+
+  QByteArray ConnectionThread::loggedText(const QString& text)
+  {
+    if (text.size() <= NetFormat::LoggedTextChars)
+      return text.toUtf8();
+    return text.left(NetFormat::LoggedTextChars).toUtf8() + "... (" + QByteArray::number(text.size()) +
+           " characters)";
   }
 
   // ---- handshake ----
@@ -468,7 +542,7 @@ namespace Plexa
     LineSyntax::Version version;
     if (!LineSyntax::parseVersion(first, version))
     {
-      Bastion::error("Unknown server version '%s', expected \"Orrery (1|2).*.*\"", first.toUtf8().constData());
+      Bastion::error("Unknown server version '%s', expected \"Orrery (1|2).*.*\"", loggedText(first).constData());
       return false;
     }
     setRemoteVersion(version.major, version.minor, version.patch, version.suffix);
@@ -487,7 +561,7 @@ namespace Plexa
       return false;
     if (reply != QLatin1String(NetFormat::HandshakeOk))
     {
-      Bastion::error("Remote host sent handshake error: %s", reply.toUtf8().constData());
+      Bastion::error("Remote host sent handshake error: %s", loggedText(reply).constData());
       return false;
     }
     return true;
@@ -671,7 +745,7 @@ namespace Plexa
     const QByteArray rest = readData(size - MapBlock::SizeItemBytes);
     if (rest.size() != size - MapBlock::SizeItemBytes)
       return map;
-    if (!MapBlock::decode(sizeItem + rest, count, map))
+    if (!MapBlock::decode(sizeItem + rest, count, map) && mayLog("malformed map block"))
       Bastion::error("ConnectionThread::readMap # malformed map block from %s (%d pairs announced, %d read)",
                      addressUtf8().constData(), count, map.size());
     return map;
@@ -745,8 +819,7 @@ namespace Plexa
     {
       // The reader may be blocked on a silent peer: closing the socket ends it now rather than at
       // the next line that might never come.
-      m_running = false;
-      closeSocket();
+      dropConnection();
       return;
     }
     if (id == "data-written")

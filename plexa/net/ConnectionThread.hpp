@@ -15,6 +15,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 
 namespace Bastion
@@ -37,7 +39,7 @@ namespace Plexa
   /// WriterThread; only the handshake and the ping answers are written directly.
   ///
   /// Events (Carafe node events, sent on the connection thread): "connected" after a successful
-  /// handshake, "disconnected" when the line loop ends. The writer's "error" arrives here as
+  /// handshake, "disconnected" when the connection ends after one. The writer's "error" arrives here as
   /// "write-error" and ends the connection; its "data-written" is linked to this node's incoming
   /// "data-written" (ignored here: listen on `writerThread()` for progress).
   ///
@@ -46,6 +48,10 @@ namespace Plexa
   /// thread may call `connectToHost`, `stop`, the writing functions (`queue`, `writeBuffer...`,
   /// `ping`), and the accessors. The reading functions (`line`, `readData`, `skip`, `readMap`)
   /// belong to the connection thread, i.e. to `parse`.
+  ///
+  /// An exception that escapes a hook (`parse`, `pong`, `connected`, `disconnected`, a listener of
+  /// "connected" or "disconnected", ...) is logged and ends that connection only: "disconnected" is
+  /// still sent, the socket closed, the writer stopped, and a client goes on reconnecting.
   ///
   /// Lifetime: held by std::shared_ptr. Subclasses that override `parse` or the hooks must call
   /// `shutdown()` first thing in their destructor, so the thread never calls into a destroyed
@@ -70,6 +76,9 @@ namespace Plexa
     virtual void stop();
     /// `stop()`, then waits for this thread and the writer thread to end. Not on either thread.
     void shutdown();
+    /// Ends the current connection only: the writer stopped, the socket closed, the line loop
+    /// ended. Unlike `stop`, a client then reconnects as usual. Any thread.
+    void dropConnection();
 
     /// Connected: the handshake succeeded and the line loop runs.
     bool isConnected() const;
@@ -127,10 +136,11 @@ namespace Plexa
 
     bool usePing() const { return m_usePing.load(); }
     void setUsePing(bool usePing);
-    /// Seconds of silence after which the writer gives up on the peer (default 10).
+    /// Seconds of silence after which the writer gives up on the peer (default 10), counted from
+    /// the handshake on; 0 or less: never.
     double pingTimeout() const { return m_pingTimeout.load(); }
     void setPingTimeout(double seconds);
-    /// True once the peer answered a ping.
+    /// True once the peer answered a ping on the current connection.
     bool pongReceived() const { return m_pongReceived.load(); }
     /// Time of the last byte read or of the last complete read.
     Bastion::TimeStamp lastActivity() const;
@@ -150,6 +160,10 @@ namespace Plexa
     /// Replaces the key of every later handshake in this process (both ends must agree); an empty
     /// key restores the built-in one. Any thread.
     static void setSharedKey(const QByteArray& key);
+
+    /// `text` in UTF-8 for a log line: whole when short, otherwise its first
+    /// NetFormat::LoggedTextChars characters, "..." and its full size.
+    static QByteArray loggedText(const QString& text);
 
   protected:
     void childLoop() override;
@@ -176,6 +190,12 @@ namespace Plexa
     /// A "pong" line arrived with this payload.
     virtual void pong(const QByteArray& payload);
 
+    /// Connection thread: true when a log line of `kind` (a string literal of the caller, compared
+    /// by address) may be written now: at most NetFormat::LogBurstLines per kind and connection
+    /// within NetFormat::LogWindowSecs. Lines held back are counted and reported in one line when
+    /// the window ends or the connection does.
+    bool mayLog(const char* kind);
+
   private:
     friend class WriterThread;
 
@@ -198,6 +218,13 @@ namespace Plexa
     void waitBeforeRetry(Bastion::TimeStamp start);
     void handOverPending();
     void lineLoop();
+    /// Handles one line of the line loop: keep-alive lines here, the rest through `parse`.
+    void dispatch(QString& text);
+    /// Runs `step`; an exception that escapes it is logged ("while `what`", then `consequence`)
+    /// and makes this return false.
+    bool guarded(const char* what, const char* consequence, const std::function<void()>& step);
+    /// Logs the counts of the lines that `mayLog` held back and forgets the counts.
+    void reportHeldBackLogs();
     QByteArray addressUtf8() const;
 
     // Recursive: the writer's tasks and "data-written" listeners run with it held and may write.
@@ -241,5 +268,14 @@ namespace Plexa
 
     // Connection thread only: end of the handshake's read time (0 = no limit).
     Bastion::TimeStamp m_readDeadline;
+
+    struct LogBudget
+    {
+      Bastion::TimeStamp windowStart;
+      int written = 0;
+      int64_t heldBack = 0;
+    };
+    // Connection thread only: one entry per kind of line given to mayLog (a fixed set of literals).
+    std::map<const char*, LogBudget> m_logBudgets;
   };
 }

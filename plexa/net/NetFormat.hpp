@@ -41,11 +41,15 @@ namespace Plexa
 
     /// A client waits this long between the starts of two connection attempts.
     constexpr double RetryIntervalSecs = 3.0;
-    /// Silence after which the writer sends a ping (once the peer has answered one).
+    /// Silence after which the writer sends a ping; half the ping timeout when that is shorter, so
+    /// that the peer always has time to answer.
     constexpr double KeepAliveIdleSecs = 5.0;
     /// Silence after which the writer declares the peer dead, unless the application sets another.
+    /// Runs from the handshake on, whether or not the peer ever answered a ping: a peer that holds
+    /// a connection open and says nothing is dropped after this time.
     constexpr double DefaultPingTimeoutSecs = 10.0;
-    /// The writer wakes at least this often to run the keep-alive.
+    /// The writer wakes at least this often to run the keep-alive (more often for ping timeouts
+    /// shorter than a few seconds).
     constexpr int WriterWakeMs = 1000;
     /// Chunk of the writer's "data-written" progress: one event per chunk of at most this size.
     constexpr int WriteChunkBytes = 16384;
@@ -60,6 +64,11 @@ namespace Plexa
     constexpr double BindRetrySecs = 5.0;
     constexpr int AcceptPollUsec = 50000;
     constexpr int AcceptBacklog = 2;
+    /// After a failed accept (out of descriptors: the connection stays pending, so polling again
+    /// would return at once) the server waits this long, doubling up to AcceptRetryMaxMs, instead
+    /// of spinning at full speed until a descriptor frees up.
+    constexpr int AcceptRetryMinMs = 50;
+    constexpr int AcceptRetryMaxMs = 1000;
 
     // Limits on what a peer can make this process do. Breaking one ends that connection only,
     // with an error line naming the limit, the peer and the size.
@@ -81,5 +90,13 @@ namespace Plexa
     /// Time limit of one socket write: a peer that stops reading cannot block the writer (and,
     /// through the write mutex, the reader's pong) for ever.
     constexpr int DefaultWriteTimeoutMs = 30000;
+    /// Longest piece of a peer's text quoted in a log line (in characters; longer texts are cut and
+    /// their full size given). Stops a peer from writing a megabyte into the log with each line.
+    constexpr int LoggedTextChars = 200;
+    /// At most this many log lines of one kind per connection within LogWindowSecs; the lines held
+    /// back are counted and the count is logged when the window ends or the connection does. Stops
+    /// a peer from filling the log at line rate.
+    constexpr int LogBurstLines = 10;
+    constexpr double LogWindowSecs = 10.0;
   }
 }

@@ -40,6 +40,8 @@ namespace Plexa
   {
     {
       Bastion::Guard guard(m_mutex);
+      // A write that ended badly on an earlier run must not keep this one from taking entries.
+      m_writing = false;
       m_running = true;
     }
     return Bastion::Thread::run();
@@ -130,8 +132,7 @@ namespace Plexa
       if (removed > 0)
         callbacks = subtractLocked(removed);
     }
-    for (auto& callback : callbacks)
-      callback();
+    runDrainCallbacks(callbacks);
   }
 
   void WriterThread::update(const QString& name, std::function<void()> task)
@@ -209,12 +210,37 @@ namespace Plexa
     return callbacks;
   }
 
+  void WriterThread::runDrainCallbacks(std::vector<std::function<void()>>& callbacks)
+  {
+    // A producer's callback that throws must not take the writer (or a caller of
+    // removeFromBuffer) with it; the other callbacks still run.
+    for (auto& callback : callbacks)
+      runListener("A drain listener", callback);
+  }
+
+  void WriterThread::runListener(const char* who, const std::function<void()>& call)
+  {
+    try
+    {
+      call();
+    }
+    catch (const std::exception& e)
+    {
+      Bastion::error("WriterThread # %s failed: %s", who, e.what());
+    }
+    catch (...)
+    {
+      Bastion::error("WriterThread # %s failed", who);
+    }
+  }
+
   void WriterThread::sendProgress(const QByteArray& name, int bytes)
   {
     Bastion::BinaryData progress;
     progress.writeString(name);
     progress.writeInt32(bytes);
-    eventSend("data-written", progress);
+    // The chunk is on the wire: a listener that throws must not cut the entry it belongs to.
+    runListener("A \"data-written\" listener", [&] { eventSend("data-written", progress); });
   }
 
   bool WriterThread::writeRest(const Entry& entry)
@@ -320,18 +346,33 @@ namespace Plexa
     return true;
   }
 
+  double WriterThread::keepAliveIdleSecs() const
+  {
+    const double timeout = m_connection->pingTimeout();
+    return timeout > 0 ? qMin(NetFormat::KeepAliveIdleSecs, timeout / 2) : NetFormat::KeepAliveIdleSecs;
+  }
+
+  int WriterThread::wakeMs() const
+  {
+    // Often enough that a short ping timeout is noticed in time.
+    return qBound(10, int(keepAliveIdleSecs() * 250.0), NetFormat::WriterWakeMs);
+  }
+
   bool WriterThread::keepAliveLocked()
   {
-    if (!m_connection->usePing() || !m_connection->pongReceived())
+    // From the handshake on, whether or not the peer ever answered: a peer that holds the
+    // connection open and stays silent must not keep it (and a server slot) for hours.
+    if (!m_connection->usePing())
     {
       m_pingOutstanding = false;
       return true;
     }
+    const double idle = keepAliveIdleSecs();
     const Bastion::TimeStamp now = Bastion::TimeStamp::getTime();
     const double silence = (now - m_connection->lastActivity()).secondsD();
     if (!m_pingOutstanding)
     {
-      if (silence > NetFormat::KeepAliveIdleSecs)
+      if (silence > idle)
       {
         Entry ping;
         ping.parts = QList<QByteArray>{QByteArray(NetFormat::PingLine)};
@@ -350,14 +391,14 @@ namespace Plexa
       }
       return true;
     }
-    if (m_connection->rxBytes() != m_pingReceivedBytes || silence <= NetFormat::KeepAliveIdleSecs)
+    if (m_connection->rxBytes() != m_pingReceivedBytes || silence <= idle)
     {
       m_pingOutstanding = false;
       return true;
     }
     const double timeout = m_connection->pingTimeout();
     const double sincePing = (now - m_pingTime).secondsD();
-    return !(silence > timeout && sincePing + NetFormat::KeepAliveIdleSecs > timeout);
+    return !(timeout > 0 && silence > timeout && sincePing + idle > timeout);
   }
 
   void WriterThread::childLoop()
@@ -410,9 +451,18 @@ namespace Plexa
         std::vector<std::function<void()>> callbacks = subtractLocked(entry.size - entry.sent);
         m_writing = true;
         m_mutex.unlock();
-        for (auto& callback : callbacks)
-          callback();
-        if (!writeEntry(entry))
+        runDrainCallbacks(callbacks);
+        bool written = false;
+        try
+        {
+          written = writeEntry(entry);
+        }
+        catch (const std::exception& e)
+        {
+          // The entry may be cut: the stream is out of step, the connection has to end.
+          Bastion::error("WriterThread::childLoop # Writing failed: %s", e.what());
+        }
+        if (!written)
         {
           Bastion::debug("WriterThread::childLoop # Write error");
           m_running = false;
@@ -435,7 +485,7 @@ namespace Plexa
       }
       if (!m_queue.empty() && !m_writing)
         continue;
-      m_condition.wait(m_mutex, NetFormat::WriterWakeMs);
+      m_condition.wait(m_mutex, wakeMs());
     }
     m_mutex.unlock();
   }

@@ -30,9 +30,9 @@ namespace Plexa
   /// write mutex is held, so nothing else reaches the socket in the middle of an entry; socket
   /// calls take at most NetFormat::WriteGatherBytes, progress is reported per chunk of at most
   /// NetFormat::WriteChunkBytes. Named tasks run on this thread, also under
-  /// the write mutex. While the connection uses pings and the peer has answered one, the writer
-  /// sends "ping" after 5 s of silence and closes the connection after the connection's ping
-  /// timeout.
+  /// the write mutex. While the connection uses pings, the writer sends "ping" after 5 s of silence
+  /// (half the ping timeout when that is shorter) and closes the connection when the peer stays
+  /// silent for the connection's ping timeout, from the first moment of the connection on.
   ///
   /// An entry of at most one chunk that arrives while the writer is idle (nothing queued, nothing
   /// being written) is written at once by the thread that hands it over, as far as the socket takes
@@ -41,7 +41,8 @@ namespace Plexa
   ///
   /// Events: "data-written" (string: entry name, int32: bytes of the chunk just written; sent with
   /// the write mutex held, on the thread that finished the chunk) and "error" (no payload, on this
-  /// thread) after a write failure or a ping timeout.
+  /// thread) after a write failure or a ping timeout. An exception that escapes a "data-written"
+  /// listener or a drain callback is logged and the writing goes on.
   ///
   /// Threads: `writeData`, `removeFromBuffer`, `update`, `stop`, `bufferedDataSize` and the drain
   /// functions may be called from any thread. The owning ConnectionThread starts it (`run`) and
@@ -119,6 +120,13 @@ namespace Plexa
     /// non-empty part written in full. False when not all of them were.
     bool reportParts(const Entry& entry, int from, int end, int64_t written);
     void sendProgress(const QByteArray& name, int bytes);
+    /// Runs `call`, logging an exception that escapes it as a failure of `who`.
+    static void runListener(const char* who, const std::function<void()>& call);
+    static void runDrainCallbacks(std::vector<std::function<void()>>& callbacks);
+    /// Silence after which the keep-alive sends a ping.
+    double keepAliveIdleSecs() const;
+    /// Longest sleep of the loop between two keep-alive steps.
+    int wakeMs() const;
     /// The keep-alive step; false when the peer timed out and the loop must end.
     bool keepAliveLocked() BASTION_REQUIRES(m_mutex);
 

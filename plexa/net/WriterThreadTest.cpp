@@ -156,30 +156,66 @@ TEST(WriterThread, StuckPeerMakesWriteTimeOut)
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Debug, "WriterThread::childLoop # Write error"));
 }
 
-TEST(WriterThread, PingTimeoutOnlyWhenPinging)
+// The keep-alive runs from the handshake on: a peer that never answers a ping, not even the
+// first, is dropped after the ping timeout; one that answers stays, however short the timeout.
+TEST(WriterThread, PingTimeoutFromTheHandshakeOn)
 {
   Bastion::LogCapture log;
-  Connected pinging(true);
+  Connected silent(true);
+  Connected answering(true);
   Connected quiet(false);
-  pinging.connection->setPingTimeout(1.0);
-  quiet.connection->setPingTimeout(1.0);
-  ASSERT_TRUE(pinging.start());
-  ASSERT_TRUE(quiet.start());
-  // The peer answers the first ping, which turns the keep-alive on, then falls silent.
-  EXPECT_EQ(pinging.client().readLine(), "ping initialized");
-  pinging.client().write("pong initialized\n");
-  ASSERT_TRUE(pinging.connection->waitFor([&] { return pinging.connection->pongs().size() == 1; }));
-  // After 5 s of silence a ping jumps the queue; nobody answers; the connection ends.
-  pinging.client().socket().setReadTimeout(9000);
-  EXPECT_EQ(pinging.client().readLine(), "ping");
-  ASSERT_TRUE(pinging.connection->waitDisconnected(1, 5000));
-  const QByteArray expected = QByteArray("127.0.0.1:") + QByteArray::number(pinging.connection->remotePort()) +
+  for (Connected* c : {&silent, &answering, &quiet})
+  {
+    c->connection->setPingTimeout(1.0);
+    ASSERT_TRUE(c->start());
+  }
+  EXPECT_EQ(answering.client().readLine(), "ping initialized");
+  answering.client().write("pong initialized\n");
+  // Answered pings keep it up well past the timeout.
+  for (int i = 0; i < 3; ++i)
+  {
+    ASSERT_EQ(answering.client().readLine(), "ping");
+    answering.client().write("pong\n");
+  }
+  EXPECT_TRUE(answering.connection->isConnected());
+
+  EXPECT_EQ(silent.client().readLine(), "ping initialized");
+  EXPECT_EQ(silent.client().readLine(), "ping");
+  ASSERT_TRUE(silent.connection->waitDisconnected());
+  const QByteArray expected = QByteArray("127.0.0.1:") + QByteArray::number(silent.connection->remotePort()) +
                               ": Ping timeout, disconnecting";
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, expected));
   // The connection without pings wrote nothing and is still up after the same silence.
   EXPECT_TRUE(quiet.connection->isConnected());
   quiet.connection->queue("still here\n");
   EXPECT_EQ(quiet.client().readLine(), "still here");
+  EXPECT_EQ(log.countContaining("Ping timeout"), 1);
+}
+
+// A producer's callback or listener that throws is logged; the writer goes on taking entries.
+TEST(WriterThread, ThrowingCallbacksDoNotJamTheWriter)
+{
+  Bastion::LogCapture log;
+  Connected c(false);
+  Plexa::WriterThread* writer = c.connection->writerThread();
+  const QByteArray big(Plexa::NetFormat::WriteChunkBytes + 1, 'x');
+  // Called when an entry of `big` is taken: over one chunk, so the writer thread takes it.
+  writer->addDrainListener(big.size(), [] { throw std::runtime_error("drain callback"); });
+  std::atomic<int> progressCalls{0};
+  writer->eventAddListener("data-written", [&](Bastion::BinaryData&) {
+    if (progressCalls++ == 0)
+      throw std::runtime_error("progress listener");
+  });
+  ASSERT_TRUE(c.start());
+  c.connection->writeBufferData(big + "\n", QByteArray());
+  EXPECT_EQ(c.client().readLine(), big);
+  c.connection->writeBufferData(big + "\n", QByteArray());
+  c.connection->writeBufferData("after\n", QByteArray());
+  EXPECT_EQ(c.client().readLine(), big);
+  EXPECT_EQ(c.client().readLine(), "after");
+  EXPECT_TRUE(c.connection->isConnected());
+  EXPECT_EQ(log.countContaining("WriterThread # A drain listener failed: drain callback"), 2);
+  EXPECT_EQ(log.countContaining("WriterThread # A \"data-written\" listener failed: progress listener"), 1);
 }
 
 namespace
