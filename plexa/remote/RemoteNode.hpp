@@ -136,6 +136,10 @@ namespace Plexa
     /// deletes it in a later session too, instead of leaving a copy behind. Application thread.
     void markCreatedByPeer(Carafe::Attribute* attribute) { m_createdByPeer.insert(attribute); }
     bool isCreatedByPeer(Carafe::Attribute* attribute) const { return m_createdByPeer.count(attribute) != 0; }
+    /// Counts a node or attribute that a session created for a peer, until it leaves the tree:
+    /// the sessions' shared cap on what peers make this tree hold. Application thread.
+    void countCreatedForPeer(Carafe::Attribute* object) { m_countedForPeer.insert(object); }
+    int createdForPeerCount() const { return int(m_countedForPeer.size()); }
 
     /// Cap on the bytes held by the peer's unfinished sliced events (default 256 MiB).
     void setMaxSlicedEventBytes(int64_t bytes) { m_slices.setMaxBytes(bytes); }
@@ -173,6 +177,9 @@ namespace Plexa
     std::unordered_map<uint32_t, std::map<unsigned long, AttributeCallback>> m_attributeListeners;
     /// Attributes in the tree that sessions created for the peer; forgotten when they leave it.
     std::unordered_set<Carafe::Attribute*> m_createdByPeer;
+    /// Nodes and attributes in the tree that sessions created for peers; forgotten when they
+    /// leave it.
+    std::unordered_set<Carafe::Attribute*> m_countedForPeer;
     unsigned long m_nextAttributeListenerKey = 0;
 
     std::shared_mutex m_eventListenerLock;
