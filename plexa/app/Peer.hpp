@@ -40,8 +40,10 @@ namespace Plexa
     bool dropStaleValues = false;
     PeerLimits limits;
     /// Server side: live connections at most (0: no cap); one more is closed right after it was
-    /// accepted, with a logged warning.
-    int maxConnections = 0;
+    /// accepted, with a logged warning. Each connection costs two threads and its buffers, so
+    /// the default keeps a flood of connections from exhausting them.
+    int maxConnections = DefaultMaxConnections;
+    static constexpr int DefaultMaxConnections = 64;
     /// Folder that files are served from and fetched into; empty: no file transfer.
     QString fileRoot;
   };
