@@ -194,3 +194,19 @@ TEST_F(PeerSyncTest, ASessionOverAFloodingCapIsLoggedOnceAndDisconnected)
   EXPECT_GE(server.size(), 1u);
   EXPECT_LE(server.size(), 10u);
 }
+
+TEST_F(PeerSyncTest, AReconnectingPeerCannotGrowTheTreePastTheTreeCap)
+{
+  Bastion::LogCapture log;
+  for (int i = 0; i < 40; ++i)
+    m_clientNode.addAttribute("a" + QByteArray::number(i), new Int(i));
+  PeerOptions options;
+  options.limits.maxCreatedNodes = 10;
+  options.limits.maxTreeCreatedNodes = 15;
+  start(options);
+  // The first session stops at its own cap; the client comes back and its second session
+  // meets the tree's.
+  ASSERT_TRUE(pump([&] { return log.countContaining("Limit of 15 nodes and attributes created for peers") > 0; }));
+  EXPECT_EQ(log.countContaining("Limit of 10 created nodes and attributes reached"), 1);
+  EXPECT_EQ(treeState(m_serverNode).size(), 15u);
+}
