@@ -137,8 +137,8 @@ namespace Carafe
   void Node::deleteDescendants()
   {
     // The same steps and order as deleting each child in turn, last child first, with each node's
-    // children going before the node itself, but with an explicit stack: a tree as deep as the
-    // thread's stack allows (a chain of nodes built by a peer or a program) cannot overflow it.
+    // children going before the node itself, but with an explicit stack: a tree of any depth (a
+    // long chain of nodes built by a program or a peer) cannot overflow the thread's stack.
     // Every node on the stack has begun its destruction, so nothing can be added to it.
     std::vector<Node*> stack{this};
     while (!stack.empty()) {
