@@ -186,8 +186,8 @@ TEST_F(PeerSyncTest, ASessionOverAFloodingCapIsLoggedOnceAndDisconnected)
   EXPECT_EQ(clientLog.events[0], "+127.0.0.1:" + QString::number(m_port));
   EXPECT_EQ(clientLog.events[1], "-127.0.0.1:" + QString::number(m_port));
   EXPECT_EQ(log.countContaining(line), 1);
-  EXPECT_EQ(log.countContaining("went over a flooding limit (symbols 100000, session attributes 100000, created "
-                                "nodes 10, in the tree 200000), disconnecting"),
+  EXPECT_EQ(log.countContaining("went over a flooding limit (symbols 250000, session attributes 250000, created "
+                                "nodes 10, in the tree 500000), disconnecting"),
             1);
   // What was applied before the cap stays.
   const TreeState server = treeState(m_serverNode);

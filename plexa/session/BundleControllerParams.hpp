@@ -40,8 +40,10 @@ namespace Plexa
     // the receivers refuse what goes beyond it, log it once per session, and
     // `BundleController::limitExceeded()` turns true: the session applies nothing more from the
     // peer, and the application should end it.
-    // The defaults leave room for large real trees while bounding what one peer can make this
-    // process hold (in the order of a few hundred MiB at worst).
+    // The defaults leave room for trees larger than the 100,000 attributes the benchmarks mirror,
+    // while bounding what one peer can make this process hold: a node created for a peer costs
+    // about 2 KiB with its listeners, cache and registry entries and path, so a session that
+    // reaches `maxCreatedNodes` with long paths holds about 550 MiB.
 
     /// Paths the peer may define in the receive-side symbol registry (every path and event name
     /// it uses once): stops a peer that defines ever new paths.
@@ -64,11 +66,11 @@ namespace Plexa
     /// Names in one path, and so the depth of the nodes a peer can make this side create.
     int maxPathDepth = DefaultMaxPathDepth;
 
-    static constexpr int DefaultMaxSymbols = 100000;
-    static constexpr int DefaultMaxSessionAttributes = 100000;
-    static constexpr int DefaultMaxCreatedNodes = 100000;
-    static constexpr int DefaultMaxTreeCreatedNodes = 200000;
-    static constexpr int DefaultMaxPathLength = 1024;
+    static constexpr int DefaultMaxSymbols = 250000;
+    static constexpr int DefaultMaxSessionAttributes = 250000;
+    static constexpr int DefaultMaxCreatedNodes = 250000;
+    static constexpr int DefaultMaxTreeCreatedNodes = 500000;
+    static constexpr int DefaultMaxPathLength = 512;
     static constexpr int DefaultMaxPathDepth = 64;
   };
 }

@@ -472,7 +472,7 @@ TEST(BundleControllerTest, ADeepLocalTreeIsWatchedSentAndDeletedWhileThePeerRefu
     EXPECT_EQ(mirrored.size(), 1u);
     EXPECT_EQ(mirrored.count("n/n/shallow"), 1u);
     EXPECT_EQ(log.countContaining("SymbolRegistryReceiver::handleBundle # Refused the peer's symbol"), 1);
-    EXPECT_EQ(log.countContaining("path of 8004 bytes is over the limit of 1024 bytes"), 1);
+    EXPECT_EQ(log.countContaining("path of 8004 bytes is over the limit of 512 bytes"), 1);
     EXPECT_FALSE(cb->limitExceeded());
 
     EXPECT_TRUE(a.removeAttribute("n"));
@@ -504,7 +504,7 @@ TEST(BundleControllerTest, AFloodOfPathsStopsAtTheDefaultCapWithOneLineAndNothin
   controller->scheduleProcess({definitions.bundle(), records.bundle()});
   BundleController::update();
   EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
-                           "SymbolRegistryReceiver::handleBundle # Symbol limit of 100000 reached; refusing new paths"}));
+                           "SymbolRegistryReceiver::handleBundle # Symbol limit of 250000 reached; refusing new paths"}));
   EXPECT_TRUE(controller->limitExceeded());
   EXPECT_EQ(controller->symbolRegistryRecv()->count(), BundleControllerParams::DefaultMaxSymbols);
   EXPECT_EQ(node.attributeCount(), 0);
