@@ -10,6 +10,7 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <typeinfo>
 
 namespace Carafe
 {
@@ -114,22 +115,62 @@ namespace Carafe
   Node::~Node()
   {
     beginDestruction();
-    // Reverse order: the last child is found at the end of the list, so each unlink is cheap.
-    while (!m_d->children.empty()) {
-      Attribute* child = m_d->children.back();
-      delete child;
-      if (!m_d->children.empty() && m_d->children.back() == child) {
-        // Unreachable unless the child's deletion failed to unlink it; never loop on it.
-        m_d->children.pop_back();
-        m_d->index.remove(child->name());
-      }
-    }
+    deleteDescendants();
     std::shared_ptr<EventHub> hub = m_d->hub;
     std::unique_lock<std::mutex> lock(hub->mutex);
     std::vector<std::shared_ptr<EventEntry>> entries;
     entries.swap(hub->entries);
     for (const auto& e : entries)
       hub->retire(lock, e);
+  }
+
+  namespace
+  {
+    /// Plain nodes are taken apart by the walks below; a subclass has destructor steps (or a
+    /// `setAsDefaults`) of its own, so it gets the ordinary virtual call.
+    Node* plainNode(Attribute* attribute)
+    {
+      return attribute && typeid(*attribute) == typeid(Node) ? static_cast<Node*>(attribute) : nullptr;
+    }
+  }
+
+  void Node::deleteDescendants()
+  {
+    // The same steps and order as deleting each child in turn, last child first, with each node's
+    // children going before the node itself, but with an explicit stack: a tree of any depth (a
+    // long chain of nodes built by a program or a peer) cannot overflow the thread's stack.
+    // Every node on the stack has begun its destruction, so nothing can be added to it.
+    std::vector<Node*> stack{this};
+    while (!stack.empty()) {
+      Node* node = stack.back();
+      std::vector<Attribute*>& children = node->m_d->children;
+      if (children.empty()) {
+        stack.pop_back();
+        if (node != this)
+          delete node;   // begun and emptied: its own destructor has nothing left to walk
+        continue;
+      }
+      Attribute* child = children.back();
+      if (Node* childNode = plainNode(child)) {
+        // What its destructor would do first: its deletion listeners, unlinking, its links.
+        childNode->beginDestruction();
+        stack.push_back(childNode);
+      } else {
+        delete child;
+      }
+      if (!children.empty() && children.back() == child) {
+        // Unreachable unless the child failed to unlink itself; never loop on it (nor read it:
+        // it may be gone).
+        children.pop_back();
+        QHash<QByteArray, Attribute*>& index = node->m_d->index;
+        for (auto it = index.begin(); it != index.end(); ++it) {
+          if (it.value() == child) {
+            index.erase(it);
+            break;
+          }
+        }
+      }
+    }
   }
 
   // ---- tree ----
@@ -201,8 +242,28 @@ namespace Carafe
 
   void Node::setAsDefaults()
   {
-    for (Attribute* child : attributes())
-      child->setAsDefaults();
+    // Depth first in child order with an explicit stack, so that a deep tree cannot overflow the
+    // thread's stack. Each level walks a copy of its children, as the listeners of a child may
+    // change the tree.
+    struct Level
+    {
+      std::vector<Attribute*> children;
+      size_t next = 0;
+    };
+    std::vector<Level> stack;
+    stack.push_back({attributes()});
+    while (!stack.empty()) {
+      Level& level = stack.back();
+      if (level.next == level.children.size()) {
+        stack.pop_back();
+        continue;
+      }
+      Attribute* child = level.children[level.next++];
+      if (Node* node = plainNode(child))
+        stack.push_back({node->attributes()});
+      else
+        child->setAsDefaults();
+    }
   }
 
   QString Node::asText() const

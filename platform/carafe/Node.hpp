@@ -109,6 +109,8 @@ namespace Carafe
 
     /// Deletion steps of the node's own: incoming links stop.
     void closeIncomingLinks();
+    /// Deletes every child and their descendants, without recursion.
+    void deleteDescendants();
     /// Unlinks a child being deleted (or taken) and sends "attribute-removed".
     void detachChild(Attribute* child);
     void deliver(const QByteArray& name, Bastion::BinaryData& data);

@@ -96,6 +96,32 @@ TEST(Node, SetAsDefaultsReachesEveryDescendant)
   EXPECT_EQ(a->value(), 4);
 }
 
+TEST(Node, AVeryDeepChainIsSetAsDefaultsAndDeletedWithoutOverflowingTheStack)
+{
+  // Built from the bottom up: adding a child under a deep node walks the node's hosts.
+  auto* leaf = new AttributeT<int>;
+  leaf->setValue(3, Attribute::LayerReceived);
+  std::vector<QByteArray> log;
+  leaf->addListener([&] { log.push_back("leaf deleted"); }, Attribute::RoleDeleted);
+  auto* top = new Node;
+  top->addAttribute("v", leaf);
+  recordTreeEvents(*top, "bottom", log);
+  for (int i = 0; i < 200000; ++i) {
+    auto* up = new Node;
+    up->addAttribute("n", top);
+    top = up;
+  }
+  top->addListener([&] { log.push_back("top deleted"); }, Attribute::RoleDeleted);
+  Node root;
+  root.addAttribute("chain", top);
+  root.setAsDefaults();
+  EXPECT_EQ(leaf->topLayer(), Attribute::LayerDefault);
+  EXPECT_EQ(leaf->value(), 3);
+  EXPECT_TRUE(root.removeAttribute("chain"));
+  EXPECT_EQ(log, (std::vector<QByteArray>{"top deleted", "leaf deleted", "bottom attribute-removed v"}));
+  EXPECT_EQ(root.attributeCount(), 0);
+}
+
 TEST(Node, DeletionTellsEveryoneInOrderWhileObjectsAreWhole)
 {
   // root -> n -> {a, b}; aliases x -> n and y -> a; a holder listening on n and a.

@@ -220,6 +220,9 @@ namespace Plexa
       params.maxSymbols = options.limits.maxSymbols;
       params.maxSessionAttributes = options.limits.maxSessionAttributes;
       params.maxCreatedNodes = options.limits.maxCreatedNodes;
+      params.maxTreeCreatedNodes = options.limits.maxTreeCreatedNodes;
+      params.maxPathLength = options.limits.maxPathLength;
+      params.maxPathDepth = options.limits.maxPathDepth;
       // Each session gets its own sender id, so that slices of sliced events from two sessions
       // are never put together.
       const long senderId = ++sessionNumber;
@@ -299,9 +302,10 @@ namespace Plexa
           continue;
         s.overLimit = true;
         Bastion::error("Peer::update # The session with %s went over a flooding limit (symbols %d, session "
-                       "attributes %d, created nodes %d), disconnecting",
+                       "attributes %d, created nodes %d, in the tree %d), disconnecting",
                        s.session->peerAddress().toUtf8().constData(), options.limits.maxSymbols,
-                       options.limits.maxSessionAttributes, options.limits.maxCreatedNodes);
+                       options.limits.maxSessionAttributes, options.limits.maxCreatedNodes,
+                       options.limits.maxTreeCreatedNodes);
         s.session->disconnect();
       }
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "plexa/session/BundleControllerParams.hpp"
+
 #include <QByteArray>
 #include <QString>
 
@@ -11,16 +13,23 @@ namespace Plexa
 {
   class RemoteNode;
 
-  /// Caps against a peer that floods a session. 0 means no cap. A session that goes over a cap
-  /// logs one error and is disconnected; the tree keeps what it already applied.
+  /// Caps against a peer that floods a session or the tree; 0 means no cap. The defaults and what
+  /// each one stops are those of `BundleControllerParams`. A session that goes over a flooding cap
+  /// logs one error and is disconnected; the tree keeps what it already applied. A path over a
+  /// path limit is refused on its own.
   struct PeerLimits
   {
     /// Paths the peer may define in its symbol registry per session.
-    int maxSymbols = 0;
-    /// Session attribute records (paths mentioned by either side) per session.
-    int maxSessionAttributes = 0;
+    int maxSymbols = BundleControllerParams::DefaultMaxSymbols;
+    /// Session attribute records for paths the peer announces, per session.
+    int maxSessionAttributes = BundleControllerParams::DefaultMaxSessionAttributes;
     /// Nodes and attributes the receivers may create in the local tree per session.
-    int maxCreatedNodes = 0;
+    int maxCreatedNodes = BundleControllerParams::DefaultMaxCreatedNodes;
+    /// Nodes and attributes created for peers that the tree may hold, across sessions.
+    int maxTreeCreatedNodes = BundleControllerParams::DefaultMaxTreeCreatedNodes;
+    /// Bytes and names of one path the peer defines.
+    int maxPathLength = BundleControllerParams::DefaultMaxPathLength;
+    int maxPathDepth = BundleControllerParams::DefaultMaxPathDepth;
   };
 
   struct PeerOptions
@@ -31,8 +40,10 @@ namespace Plexa
     bool dropStaleValues = false;
     PeerLimits limits;
     /// Server side: live connections at most (0: no cap); one more is closed right after it was
-    /// accepted, with a logged warning.
-    int maxConnections = 0;
+    /// accepted, with a logged warning. Each connection costs two threads and its buffers, so
+    /// the default keeps a flood of connections from exhausting them.
+    int maxConnections = DefaultMaxConnections;
+    static constexpr int DefaultMaxConnections = 64;
     /// Folder that files are served from and fetched into; empty: no file transfer.
     QString fileRoot;
     /// A fetch whose file was announced but of which no part arrived for this long (milliseconds)

@@ -186,11 +186,27 @@ TEST_F(PeerSyncTest, ASessionOverAFloodingCapIsLoggedOnceAndDisconnected)
   EXPECT_EQ(clientLog.events[0], "+127.0.0.1:" + QString::number(m_port));
   EXPECT_EQ(clientLog.events[1], "-127.0.0.1:" + QString::number(m_port));
   EXPECT_EQ(log.countContaining(line), 1);
-  EXPECT_EQ(log.countContaining("went over a flooding limit (symbols 0, session attributes 0, created nodes 10), "
-                                "disconnecting"),
+  EXPECT_EQ(log.countContaining("went over a flooding limit (symbols 250000, session attributes 250000, created "
+                                "nodes 10, in the tree 500000), disconnecting"),
             1);
   // What was applied before the cap stays.
   const TreeState server = treeState(m_serverNode);
   EXPECT_GE(server.size(), 1u);
   EXPECT_LE(server.size(), 10u);
+}
+
+TEST_F(PeerSyncTest, AReconnectingPeerCannotGrowTheTreePastTheTreeCap)
+{
+  Bastion::LogCapture log;
+  for (int i = 0; i < 40; ++i)
+    m_clientNode.addAttribute("a" + QByteArray::number(i), new Int(i));
+  PeerOptions options;
+  options.limits.maxCreatedNodes = 10;
+  options.limits.maxTreeCreatedNodes = 15;
+  start(options);
+  // The first session stops at its own cap; the client comes back and its second session
+  // meets the tree's.
+  ASSERT_TRUE(pump([&] { return log.countContaining("Limit of 15 nodes and attributes created for peers") > 0; }));
+  EXPECT_EQ(log.countContaining("Limit of 10 created nodes and attributes reached"), 1);
+  EXPECT_EQ(treeState(m_serverNode).size(), 15u);
 }

@@ -34,6 +34,14 @@ namespace Plexa
       m_limitExceeded = true;
       return false;
     }
+    if (m_maxTreeCreated > 0 && m_node.createdForPeerCount() >= m_maxTreeCreated) {
+      if (!m_treeLimitExceeded)
+        Bastion::error("NewAttributeReceiver::handleBundle # Limit of %d nodes and attributes created for peers in "
+                       "the tree reached; refusing to create more",
+                       m_maxTreeCreated);
+      m_treeLimitExceeded = true;
+      return false;
+    }
     return true;
   }
 
@@ -84,7 +92,8 @@ namespace Plexa
       const QByteArray name = parts.takeLast();
       Carafe::Node* node = name.isEmpty() ? nullptr : createOrFindNode(parts);
       if (!node) {
-        if (m_createMissingAttributes)
+        // A cap that refused the node has said so once already.
+        if (m_createMissingAttributes && !limitExceeded())
           Bastion::error("NewAttributeReceiver::handleBundle # Failed to create target node at path %s",
                          path.constData());
         session->createdMark = 0;
@@ -122,6 +131,7 @@ namespace Plexa
           if (node->addAttribute(name, raw)) {
             created.release();
             ++m_created;
+            m_node.countCreatedForPeer(raw);
             session->createdMark = m_node.markCreatedByPeer(raw);
             m_node.processPendingAdditions();
           } else {
@@ -173,6 +183,7 @@ namespace Plexa
         return nullptr;
       }
       ++m_created;
+      m_node.countCreatedForPeer(node);
       current = node;
     }
     return current;

@@ -52,7 +52,12 @@ namespace Plexa
     /// Beyond it the records are handled as if creation were off, one error is logged and
     /// `limitExceeded()` turns true: it keeps a peer from growing the local tree without bound.
     void setMaxCreated(int maxCreated) { m_maxCreated = maxCreated; }
-    bool limitExceeded() const { return m_limitExceeded; }
+    /// Cap on the nodes and attributes that sessions created for peers and that the tree still
+    /// holds (the remote node counts them across sessions; 0, the default: none). Beyond it as
+    /// above, with an error of its own: without it each new session of a reconnecting peer could
+    /// add another session's worth.
+    void setMaxTreeCreated(int maxTreeCreated) { m_maxTreeCreated = maxTreeCreated; }
+    bool limitExceeded() const { return m_limitExceeded || m_treeLimitExceeded; }
     int createdCount() const { return m_created; }
 
   private:
@@ -73,5 +78,7 @@ namespace Plexa
     int m_maxCreated = 0;
     int m_created = 0;
     bool m_limitExceeded = false;
+    int m_maxTreeCreated = 0;
+    bool m_treeLimitExceeded = false;
   };
 }

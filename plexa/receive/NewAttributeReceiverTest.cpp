@@ -218,6 +218,88 @@ TEST(NewAttributeReceiverTest, CreationCapRefusesBeyondItAndReportsIt)
   EXPECT_EQ(node.attribute("n3"), nullptr);
 }
 
+TEST(NewAttributeReceiverTest, PathsOverTheLengthOrDepthLimitAreRefusedWithOneLineEachAndCreateNothing)
+{
+  RemoteNode node(nullptr, "root");
+  SessionTest::SessionSide side(node);
+  side.added.setCreateMissingAttributes(true);
+  side.symbols.setMaxPathLength(8);
+  side.symbols.setMaxPathDepth(3);
+  Bastion::LogCapture log;
+  side.feed(side.symbols, BundleBytes(10)
+                            .words({1}).blob("a/b/c")
+                            .words({2}).blob("a/b/c/d")
+                            .words({3}).blob("abcdefgh")
+                            .words({4}).blob("abcdefghi")
+                            .words({5}).blob("a/b/c/d/e")
+                            .words({6}).blob(QByteArray(100000, 'x'))
+                            .words({7}).blob("/")
+                            .bundle());
+  EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
+                           "SymbolRegistryReceiver::handleBundle # Refused the peer's symbol 2: its path of 4 levels is "
+                           "over the limit of 3 levels (further paths over it are refused silently)",
+                           "SymbolRegistryReceiver::handleBundle # Refused the peer's symbol 4: its path of 9 bytes is "
+                           "over the limit of 8 bytes (further paths over it are refused silently)"}));
+  EXPECT_EQ(side.received.count(), 3);
+  EXPECT_EQ(side.received.lookup("a/b/c"), 1u);
+  EXPECT_EQ(side.received.lookup("abcdefgh"), 3u);
+  EXPECT_EQ(side.received.lookup("/"), 7u);
+  EXPECT_FALSE(side.symbols.limitExceeded());
+
+  // The peer's records for a refused symbol create nothing.
+  BundleBytes b(NewType);
+  floatRecord(b, 2, 1.f);
+  floatRecord(b, 6, 1.f);
+  side.feed(side.added, b.bundle());
+  EXPECT_EQ(node.attribute("a"), nullptr);
+  EXPECT_EQ(side.added.createdCount(), 0);
+}
+
+TEST(NewAttributeReceiverTest, TheTreeCapCountsWhatPeersCreatedAcrossSessionsUntilItLeaves)
+{
+  RemoteNode node(nullptr, "root");
+  Bastion::LogCapture log;
+  const auto announce = [&](SessionTest::SessionSide& side, std::initializer_list<const char*> paths) {
+    BundleBytes b(NewType);
+    uint32_t symbol = 0;
+    for (const char* path : paths) {
+      side.define(++symbol, path);
+      floatRecord(b, symbol, 1.f);
+    }
+    side.feed(side.added, b.bundle());
+  };
+  const auto session = [&](SessionTest::SessionSide& side) {
+    side.added.setCreateMissingAttributes(true);
+    side.added.setMaxTreeCreated(4);
+  };
+  {
+    SessionTest::SessionSide first(node);
+    session(first);
+    announce(first, {"a/v", "b/v"});
+    EXPECT_FALSE(first.added.limitExceeded());
+  }
+  EXPECT_EQ(node.createdForPeerCount(), 4);
+
+  // A new session of a reconnecting peer starts its own count, but the tree is full.
+  SessionTest::SessionSide second(node);
+  session(second);
+  announce(second, {"c/v", "d/v", "e/v"});
+  EXPECT_TRUE(second.added.limitExceeded());
+  EXPECT_EQ(node.attribute("c"), nullptr);
+  EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
+                           "NewAttributeReceiver::handleBundle # Limit of 4 nodes and attributes created for peers in "
+                           "the tree reached; refusing to create more"}));
+
+  // What leaves the tree (here a node with its attribute) makes room again.
+  EXPECT_TRUE(node.removeAttribute("a"));
+  EXPECT_EQ(node.createdForPeerCount(), 2);
+  announce(second, {"c/v", "d/v"});
+  EXPECT_EQ(floatAt(*dynamic_cast<Carafe::Node*>(node.attribute("c")), "v"), 1.f);
+  EXPECT_EQ(node.attribute("d"), nullptr);
+  EXPECT_EQ(node.createdForPeerCount(), 4);
+  EXPECT_EQ(log.countContaining("Limit of 4 nodes"), 1);
+}
+
 TEST(NewAttributeReceiverTest, ATruncatedRecordThrowsTheReadersTextAndCreatesNothing)
 {
   RemoteNode node(nullptr, "root");

@@ -9,16 +9,43 @@ namespace Plexa
 {
   namespace
   {
-    void walkWithPath(Carafe::Node& node, const QByteArray& prefix,
-                      const std::function<void(Carafe::Attribute&, const QByteArray&)>& visit)
+    /// Depth first in each node's order, with an explicit stack so that a deep tree cannot
+    /// overflow the thread's stack. `visit` gets each plain attribute and the length its path
+    /// has in `path`, the one buffer that the walk extends and cuts back level by level (a path
+    /// copy per level would cost memory quadratic in the depth). `skip` filters the top level.
+    void walk(Carafe::Node& node, const std::function<bool(Carafe::Attribute&)>& skip, bool withPath,
+              const std::function<void(Carafe::Attribute&, const QByteArray&)>& visit)
     {
-      for (Carafe::Attribute* entry : node.attributes()) {
+      struct Level
+      {
+        std::vector<Carafe::Attribute*> entries;
+        size_t next;
+        int pathLength;
+      };
+      QByteArray path;
+      std::vector<Level> stack;
+      stack.push_back({node.attributes(), 0, 0});
+      while (!stack.empty()) {
+        Level& level = stack.back();
+        if (level.next == level.entries.size()) {
+          stack.pop_back();
+          continue;
+        }
+        Carafe::Attribute* entry = level.entries[level.next++];
         Carafe::Attribute* target = finalTarget(entry);
         if (!target)
           continue;
-        const QByteArray path = prefix.isEmpty() ? entry->name() : prefix + '/' + entry->name();
+        // The filter applies to the top level only: deeper levels are walked unfiltered.
+        if (stack.size() == 1 && skip && skip(*target))
+          continue;
+        if (withPath) {
+          path.truncate(level.pathLength);
+          if (!path.isEmpty())
+            path += '/';
+          path += entry->name();
+        }
         if (auto* child = dynamic_cast<Carafe::Node*>(target))
-          walkWithPath(*child, path, visit);
+          stack.push_back({child->attributes(), 0, path.size()});
         else
           visit(*target, path);
       }
@@ -28,24 +55,13 @@ namespace Plexa
   void walkAttributes(Carafe::Node& node, const std::function<void(Carafe::Attribute&)>& visit,
                       const std::function<bool(Carafe::Attribute&)>& skip)
   {
-    for (Carafe::Attribute* entry : node.attributes()) {
-      Carafe::Attribute* target = finalTarget(entry);
-      if (!target)
-        continue;
-      if (skip && skip(*target))
-        continue;
-      // The filter applies to the top level only: deeper levels are walked unfiltered.
-      if (auto* child = dynamic_cast<Carafe::Node*>(target))
-        walkAttributes(*child, visit, nullptr);
-      else
-        visit(*target);
-    }
+    walk(node, skip, false, [&visit](Carafe::Attribute& attribute, const QByteArray&) { visit(attribute); });
   }
 
   void walkAttributesWithPath(Carafe::Node& node,
                               const std::function<void(Carafe::Attribute&, const QByteArray& path)>& visit)
   {
-    walkWithPath(node, QByteArray(), visit);
+    walk(node, nullptr, true, visit);
   }
 
   Carafe::Node* findOrCreateNode(QList<QByteArray> parts, Carafe::Node* node, QMap<QByteArray, Carafe::Node*>* created,

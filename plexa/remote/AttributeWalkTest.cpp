@@ -92,3 +92,30 @@ TEST(AttributeWalkTest, FindOrCreateNodeReusesCreatesAndRefuses)
   EXPECT_EQ(t.n->attribute("b")->host(), t.n);
   EXPECT_EQ(created.size(), 2);
 }
+
+TEST(AttributeWalkTest, AVeryDeepChainIsWalkedWithoutOverflowingTheStack)
+{
+  // Built from the bottom up (adding under a deep node walks the node's hosts); "n/" per level.
+  constexpr int Depth = 200000;
+  auto* top = new Carafe::Node;
+  top->addAttribute("v", new Float);
+  for (int i = 1; i < Depth; ++i) {
+    auto* up = new Carafe::Node;
+    up->addAttribute("n", top);
+    top = up;
+    if (i == Depth / 2)
+      up->addAttribute("mid", new Float);
+  }
+  Carafe::Node root;
+  root.addAttribute("n", top);
+
+  std::vector<QByteArray> names;
+  Plexa::walkAttributes(root, [&](Carafe::Attribute& a) { names.push_back(a.name()); }, nullptr);
+  EXPECT_EQ(names, (std::vector<QByteArray>{"v", "mid"}));
+
+  std::vector<QByteArray> paths;
+  Plexa::walkAttributesWithPath(root, [&](Carafe::Attribute&, const QByteArray& path) { paths.push_back(path); });
+  ASSERT_EQ(paths.size(), 2u);
+  EXPECT_EQ(paths[0], QByteArray("n/").repeated(Depth) + "v");
+  EXPECT_EQ(paths[1], QByteArray("n/").repeated(Depth / 2) + "mid");
+}

@@ -218,11 +218,19 @@ namespace Plexa
     case NodeWatcher::AttributeChanged:
       queueNotify(event.symbol);
       break;
+    case NodeWatcher::NodeRemoved:
+      if (!m_countedForPeer.empty()) {
+        if (Carafe::Attribute* node = m_cache.find(event.symbol))
+          m_countedForPeer.erase(node);
+      }
+      break;
     case NodeWatcher::AttributeRemoved: {
       // The cache still holds the attribute while its removal is reported.
-      if (!m_createdByPeer.empty()) {
-        if (Carafe::Attribute* attribute = m_cache.find(event.symbol))
+      if (!m_createdByPeer.empty() || !m_countedForPeer.empty()) {
+        if (Carafe::Attribute* attribute = m_cache.find(event.symbol)) {
           m_createdByPeer.erase(attribute);
+          m_countedForPeer.erase(attribute);
+        }
       }
       std::lock_guard<std::mutex> lock(m_updateMutex);
       if (m_notifySet.erase(event.symbol) != 0)

@@ -150,6 +150,10 @@ namespace Plexa
       const auto it = m_createdByPeer.find(attribute);
       return it == m_createdByPeer.end() ? 0 : it->second;
     }
+    /// Counts a node or attribute that a session created for a peer, until it leaves the tree:
+    /// the sessions' shared cap on what peers make this tree hold. Application thread.
+    void countCreatedForPeer(Carafe::Attribute* object) { m_countedForPeer.insert(object); }
+    int createdForPeerCount() const { return int(m_countedForPeer.size()); }
 
     /// Cap on the bytes held by the peer's unfinished sliced events (default 256 MiB).
     void setMaxSlicedEventBytes(int64_t bytes) { m_slices.setMaxBytes(bytes); }
@@ -189,6 +193,9 @@ namespace Plexa
     /// when they leave it.
     std::unordered_map<Carafe::Attribute*, uint64_t> m_createdByPeer;
     uint64_t m_nextCreatedMark = 1;
+    /// Nodes and attributes in the tree that sessions created for peers; forgotten when they
+    /// leave it.
+    std::unordered_set<Carafe::Attribute*> m_countedForPeer;
     unsigned long m_nextAttributeListenerKey = 0;
 
     std::shared_mutex m_eventListenerLock;

@@ -75,8 +75,8 @@ namespace Plexa
     const BundleControllerParams& params() const { return m_params; }
     /// The core; null once it has been released after the node's destruction.
     std::shared_ptr<Core> core() const;
-    /// True once a flooding cap of the parameters was hit; the application should then end the
-    /// session. Update thread.
+    /// True once a flooding cap of the parameters was hit; from then on the session applies
+    /// nothing more that the peer sends, and the application should end it. Update thread.
     bool limitExceeded() const;
     /// True once the peer's "initialized" event has arrived in this session. Any thread.
     bool peerInitialized() const;

@@ -6,6 +6,7 @@
 #include "carafe/AttributeT.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/Connection.hpp"
+#include "plexa/receive/SessionTestSupport.hpp"
 #include "plexa/remote/AttributeWalk.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleReceiver.hpp"
@@ -21,6 +22,8 @@
 #include <map>
 #include <stdexcept>
 #include <thread>
+
+#include <pthread.h>
 
 using namespace Plexa;
 using Float = Carafe::AttributeT<float>;
@@ -120,6 +123,23 @@ namespace
     auto* attribute = new A;
     EXPECT_TRUE(node.addAttribute(name, attribute));
     return attribute;
+  }
+
+  /// Runs `body` on a thread with a stack of `bytes` and waits for it: code that recurses once
+  /// per level of a tree overflows it at a depth the test can afford to build.
+  void onSmallStack(size_t bytes, const std::function<void()>& body)
+  {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, bytes);
+    pthread_t thread;
+    const auto run = [](void* arg) -> void* {
+      (*static_cast<const std::function<void()>*>(arg))();
+      return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attr, run, const_cast<std::function<void()>*>(&body)), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
   }
 }
 
@@ -421,4 +441,76 @@ TEST(BundleControllerTest, TwoLinkedSessionsKeepTheirTreesInSync)
   EXPECT_EQ(bEvents, std::vector<QByteArray>({sent}));
   EXPECT_FALSE(ca->limitExceeded());
   EXPECT_FALSE(cb->limitExceeded());
+}
+
+TEST(BundleControllerTest, ADeepLocalTreeIsWatchedSentAndDeletedWhileThePeerRefusesItsDeepPaths)
+{
+  onSmallStack(256 * 1024, [] {
+    Bastion::LogCapture log;
+    RemoteNode a(nullptr, "a");
+    RemoteNode b(nullptr, "b");
+    // A chain of 4000 nodes named n, with "deep" at the bottom and "n/n/shallow" near the top;
+    // built from the bottom up, since adding under a deep node walks the node's hosts.
+    constexpr int Depth = 4000;
+    auto* top = new Carafe::Node;
+    add<Float>(*top, "deep")->setValue(1.f);
+    for (int i = 1; i < Depth; ++i) {
+      auto* up = new Carafe::Node;
+      up->addAttribute("n", top);
+      top = up;
+      if (i == Depth - 2)
+        add<Float>(*up, "shallow")->setValue(2.f);
+    }
+    a.addAttribute("n", top);
+    a.update();
+    a.setSyncFlags(RemoteNode::makeRegExp("**/deep"), SyncFlags::Publish);
+
+    auto toB = std::make_shared<Link>();
+    auto toA = std::make_shared<Link>();
+    const auto ca = BundleController::create(a, paramsWith(toB));
+    const auto cb = BundleController::create(b, paramsWith(toA));
+    toB->peer = cb;
+    toA->peer = ca;
+    ASSERT_TRUE(pumpUntil([&] { return ca->peerInitialized() && cb->peerInitialized(); }));
+    // The peer took the shallow attribute and refused the deep path, with one line and no nodes.
+    const auto mirrored = snapshot(b);
+    EXPECT_EQ(mirrored.size(), 1u);
+    EXPECT_EQ(mirrored.count("n/n/shallow"), 1u);
+    EXPECT_EQ(log.countContaining("SymbolRegistryReceiver::handleBundle # Refused the peer's symbol"), 1);
+    EXPECT_EQ(log.countContaining("path of 8004 bytes is over the limit of 512 bytes"), 1);
+    EXPECT_FALSE(cb->limitExceeded());
+
+    EXPECT_TRUE(a.removeAttribute("n"));
+    ASSERT_TRUE(pumpUntil([&] { return snapshot(b).empty(); }));
+  });
+}
+
+TEST(BundleControllerTest, AFloodOfPathsStopsAtTheDefaultCapWithOneLineAndNothingMoreIsApplied)
+{
+  RemoteNode node(nullptr, "n");
+  BundleControllerParams params;
+  params.createMissingAttributes = true;
+  const auto controller = BundleController::create(node, params);
+  const auto core = controller->core();
+  core->ensureIsInitialized();
+  core->loadModule(20, ModuleNames::SymbolRegistry, {});
+  core->loadModule(21, ModuleNames::AttributeNew, {});
+
+  // Definitions of 10 paths more than the default cap, then records naming some of them.
+  const uint32_t paths = uint32_t(BundleControllerParams::DefaultMaxSymbols) + 10;
+  SessionTest::BundleBytes definitions(20);
+  for (uint32_t symbol = 1; symbol <= paths; ++symbol)
+    definitions.words({symbol}).blob("p" + QByteArray::number(symbol));
+  SessionTest::BundleBytes records(21);
+  for (uint32_t symbol : {1u, paths - 1, paths})
+    records.words({symbol, 3, 4, 1, SessionTest::bitsOf(1.f)});
+
+  Bastion::LogCapture log;
+  controller->scheduleProcess({definitions.bundle(), records.bundle()});
+  BundleController::update();
+  EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
+                           "SymbolRegistryReceiver::handleBundle # Symbol limit of 250000 reached; refusing new paths"}));
+  EXPECT_TRUE(controller->limitExceeded());
+  EXPECT_EQ(controller->symbolRegistryRecv()->count(), BundleControllerParams::DefaultMaxSymbols);
+  EXPECT_EQ(node.attributeCount(), 0);
 }

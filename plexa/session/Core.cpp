@@ -59,6 +59,8 @@ namespace Plexa
 
     m_symbolReceiver = std::make_shared<SymbolRegistryReceiver>(*m_receivedSymbols);
     m_symbolReceiver->setMaxSymbols(params.maxSymbols);
+    m_symbolReceiver->setMaxPathLength(params.maxPathLength);
+    m_symbolReceiver->setMaxPathDepth(params.maxPathDepth);
     addReceiver(ModuleNames::SymbolRegistry, m_symbolReceiver);
 
     m_changeSender = std::make_shared<NodeChangeSender>(node, *m_storage, *m_typeRegistry);
@@ -73,6 +75,7 @@ namespace Plexa
     m_newReceiver = std::make_shared<NewAttributeReceiver>(node, *m_storage, *m_receivedSymbols, *m_typeRegistry,
                                                            *m_changeSender);
     m_newReceiver->setMaxCreated(params.maxCreatedNodes);
+    m_newReceiver->setMaxTreeCreated(params.maxTreeCreatedNodes);
     addReceiver(ModuleNames::AttributeNew, m_newReceiver);
 
     m_updateReceiver = std::make_shared<AttributeUpdateReceiver>(*m_storage, *m_changeSender);
@@ -147,6 +150,10 @@ namespace Plexa
     for (const Bundle& bundle : bundles) {
       // A receiver may have destroyed the tree (an event handler, say): the rest is not for us.
       if (nodeDestroyed())
+        return;
+      // A session over a flooding cap applies nothing more of the peer's (the application is
+      // expected to end it): the rest of the flood costs neither work nor a log line per item.
+      if (limitExceeded())
         return;
       try {
         dispatchBundle(bundle);

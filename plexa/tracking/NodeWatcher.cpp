@@ -123,10 +123,22 @@ namespace Plexa
   private:
     void event(EventType type, uint32_t symbol);
 
+    /// A child met by a walk, described once the walk comes to it.
+    struct ChildToAdd
+    {
+      Carafe::Attribute* child;
+      QByteArray parentPath;
+    };
+    using AddStack = std::vector<ChildToAdd>;
+
     void somethingAdded(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send);
-    void attributeAdded(Carafe::Attribute* attribute, uint32_t symbol, bool send);
     void nodeAdded(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send);
-    void aliasAdded(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol, bool send);
+    void addChildren(AddStack& stack, bool send);
+    void addOne(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send, AddStack& stack);
+    void attributeAdded(Carafe::Attribute* attribute, uint32_t symbol, bool send);
+    void watchNode(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send, AddStack& stack);
+    void aliasAdded(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol, bool send,
+                    AddStack& stack);
     uint32_t ensureCached(Carafe::Attribute* attribute, const QByteArray& path);
 
     void onChildAdded(Carafe::Node* node, const QByteArray& nodePath, Bastion::BinaryData& data);
@@ -140,9 +152,27 @@ namespace Plexa
                      std::function<void(Bastion::BinaryData&)> callback);
     void unlisten(Carafe::Attribute* object, uint32_t symbol);
 
+    /// A node whose children a removal walk is taking out; the node itself follows them.
+    struct NodeToRemove
+    {
+      /// The object as its host holds it (the node, or an alias to it); null for the node a
+      /// removal started from, whose caller finishes it.
+      Carafe::Attribute* attribute;
+      Carafe::Node* node;
+      QByteArray path;
+      uint32_t symbol;
+      std::vector<Carafe::Attribute*> children;
+      size_t next;
+    };
+    using RemoveStack = std::vector<NodeToRemove>;
+
     void somethingRemoved(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send);
-    void attributeRemoved(uint32_t symbol, bool send);
     void nodeRemoved(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send);
+    void removeChildren(RemoveStack& stack, bool send);
+    void beginRemoval(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send,
+                      RemoveStack& stack);
+    void finishRemoval(Carafe::Attribute* attribute, Carafe::Attribute* target, uint32_t symbol);
+    void attributeRemoved(uint32_t symbol, bool send);
     void onAliasChanged(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol, bool send);
 
     // Constant after construction.
@@ -368,13 +398,46 @@ namespace Plexa
     });
   }
 
+  // Additions and removals walk the tree with explicit stacks rather than recursion, so that a
+  // tree as deep as memory allows (a chain of nodes) cannot overflow the thread's stack. The
+  // events come in the order a recursive walk would give: depth first, each node before its
+  // children on addition and after them on removal.
+
   void NodeWatcher::D::somethingAdded(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol,
                                       bool send)
   {
+    AddStack stack;
+    addOne(attribute, path, symbol, send, stack);
+    addChildren(stack, send);
+  }
+
+  void NodeWatcher::D::nodeAdded(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send)
+  {
+    AddStack stack;
+    watchNode(node, path, symbol, send, stack);
+    addChildren(stack, send);
+  }
+
+  void NodeWatcher::D::addChildren(AddStack& stack, bool send)
+  {
+    while (!stack.empty()) {
+      ChildToAdd next = std::move(stack.back());
+      stack.pop_back();
+      if (next.child->name().isEmpty())
+        Bastion::warning("NodeWatcher # Found an attribute with an empty name. This should never happen");
+      const QByteArray path = childPath(next.parentPath, next.child->name());
+      const uint32_t symbol = ensureCached(next.child, path);
+      addOne(next.child, path, symbol, send, stack);
+    }
+  }
+
+  void NodeWatcher::D::addOne(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send,
+                              AddStack& stack)
+  {
     if (auto* alias = dynamic_cast<Carafe::AttributeAlias*>(attribute))
-      aliasAdded(alias, path, symbol, send);
+      aliasAdded(alias, path, symbol, send, stack);
     else if (auto* node = dynamic_cast<Carafe::Node*>(attribute))
-      nodeAdded(node, path, symbol, send);
+      watchNode(node, path, symbol, send, stack);
     else
       attributeAdded(attribute, symbol, send);
   }
@@ -387,7 +450,8 @@ namespace Plexa
       event(AttributeAdded, symbol);
   }
 
-  void NodeWatcher::D::nodeAdded(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send)
+  void NodeWatcher::D::watchNode(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send,
+                                 AddStack& stack)
   {
     m_cache.setIsNode(symbol, true);
     listenEvent(node, symbol, "attribute-added",
@@ -396,14 +460,11 @@ namespace Plexa
                 [this, path](Bastion::BinaryData& data) { onChildRemoved(path, data); });
     if (send)
       event(NodeAdded, symbol);
-    for (Carafe::Attribute* child : node->attributes()) {
-      if (!child)
-        continue;
-      if (child->name().isEmpty())
-        Bastion::warning("NodeWatcher # Found an attribute with an empty name. This should never happen");
-      const QByteArray path2 = childPath(path, child->name());
-      const uint32_t childSymbol = ensureCached(child, path2);
-      somethingAdded(child, path2, childSymbol, send);
+    // Last child at the bottom of the stack: the first one is described first.
+    const std::vector<Carafe::Attribute*> children = node->attributes();
+    for (auto it = children.rbegin(); it != children.rend(); ++it) {
+      if (*it)
+        stack.push_back({*it, path});
     }
   }
 
@@ -416,7 +477,7 @@ namespace Plexa
   }
 
   void NodeWatcher::D::aliasAdded(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol,
-                                  bool send)
+                                  bool send, AddStack& stack)
   {
     Carafe::Attribute* target = finalTarget(alias);
     {
@@ -427,7 +488,7 @@ namespace Plexa
       alias, symbol, [this, alias, path, symbol] { onAliasChanged(alias, path, symbol, true); },
       Carafe::Attribute::RoleChanged);
     if (auto* node = dynamic_cast<Carafe::Node*>(target))
-      nodeAdded(node, path, symbol, send);
+      watchNode(node, path, symbol, send, stack);
     else if (target && send)
       event(AttributeAdded, symbol);
   }
@@ -559,6 +620,42 @@ namespace Plexa
   void NodeWatcher::D::somethingRemoved(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol,
                                         bool send)
   {
+    RemoveStack stack;
+    beginRemoval(attribute, path, symbol, send, stack);
+    removeChildren(stack, send);
+  }
+
+  void NodeWatcher::D::nodeRemoved(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send)
+  {
+    RemoveStack stack;
+    stack.push_back({nullptr, node, path, symbol, node->attributes(), 0});
+    removeChildren(stack, send);
+  }
+
+  void NodeWatcher::D::removeChildren(RemoveStack& stack, bool send)
+  {
+    while (!stack.empty()) {
+      NodeToRemove& top = stack.back();
+      if (top.next < top.children.size()) {
+        Carafe::Attribute* child = top.children[top.next++];
+        if (!child)
+          continue;
+        const QByteArray path = childPath(top.path, child->name());
+        beginRemoval(child, path, m_registry.lookup(path), send, stack);
+        continue;
+      }
+      NodeToRemove done = std::move(stack.back());
+      stack.pop_back();
+      if (send)
+        event(NodeRemoved, done.symbol);
+      if (done.attribute)
+        finishRemoval(done.attribute, done.node, done.symbol);
+    }
+  }
+
+  void NodeWatcher::D::beginRemoval(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol,
+                                    bool send, RemoveStack& stack)
+  {
     std::shared_ptr<PendingAdded> record = takePending(symbol);
     Carafe::Attribute* target = finalTarget(attribute);
     if (record) {
@@ -569,11 +666,18 @@ namespace Plexa
         event(isNode ? NodeRemoved : AttributeRemoved, record->symbol);
       }
     } else if (auto* node = dynamic_cast<Carafe::Node*>(target)) {
-      nodeRemoved(node, path, symbol, send);
+      // Finished once its children are out.
+      stack.push_back({attribute, node, path, symbol, node->attributes(), 0});
+      return;
     } else {
       attributeRemoved(symbol, send);
     }
     record.reset();
+    finishRemoval(attribute, target, symbol);
+  }
+
+  void NodeWatcher::D::finishRemoval(Carafe::Attribute* attribute, Carafe::Attribute* target, uint32_t symbol)
+  {
     unlisten(attribute, symbol);
     // A node reached through an alias was watched under the alias's path as well.
     if (target && target != attribute)
@@ -589,18 +693,6 @@ namespace Plexa
   {
     if (send)
       event(m_cache.isNode(symbol) ? NodeRemoved : AttributeRemoved, symbol);
-  }
-
-  void NodeWatcher::D::nodeRemoved(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send)
-  {
-    for (Carafe::Attribute* child : node->attributes()) {
-      if (!child)
-        continue;
-      const QByteArray path2 = childPath(path, child->name());
-      somethingRemoved(child, path2, m_registry.lookup(path2), send);
-    }
-    if (send)
-      event(NodeRemoved, symbol);
   }
 
   void NodeWatcher::D::onAliasChanged(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol,

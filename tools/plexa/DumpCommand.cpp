@@ -4,6 +4,7 @@
 #include "Console.hpp"
 #include "MirrorNode.hpp"
 #include "TreeJson.hpp"
+#include "TreePath.hpp"
 #include "WatchFormat.hpp"
 
 namespace Plexa
@@ -13,23 +14,19 @@ namespace Plexa
     namespace
     {
       /// "path (type) = value" for every attribute under `node`, in tree order.
-      void listAttributes(const Carafe::Node& node, const QString& prefix, Console& console)
+      void listAttributes(const Carafe::Node& node, Console& console)
       {
-        const std::vector<Carafe::Attribute*> children = node.attributes();
-        if (children.empty() && !prefix.isEmpty())
-          console.out(prefix + "/ (empty)");
-        for (const Carafe::Attribute* child : children) {
-          const QString path = (prefix.isEmpty() ? QString() : prefix + "/") + QString::fromUtf8(child->name());
-          if (auto* childNode = dynamic_cast<const Carafe::Node*>(child)) {
-            listAttributes(*childNode, path, console);
-            continue;
-          }
-          const QString type = AttributeJson::typeName(*child);
-          if (type.isEmpty())
-            console.out(QString("%1 = %2").arg(path, child->asText()));
-          else
-            console.out(QString("%1 (%2) = %3").arg(path, type, WatchFormat::compact(AttributeJson::value(*child))));
-        }
+        TreePath::walk(
+          node,
+          [&console](const Carafe::Attribute& attribute, const QString& path) {
+            const QString type = AttributeJson::typeName(attribute);
+            if (type.isEmpty())
+              console.out(QString("%1 = %2").arg(path, attribute.asText()));
+            else
+              console.out(
+                QString("%1 (%2) = %3").arg(path, type, WatchFormat::compact(AttributeJson::value(attribute))));
+          },
+          [&console](const QString& path) { console.out(path + "/ (empty)"); });
       }
     }
 
@@ -68,7 +65,7 @@ namespace Plexa
       if (m_json)
         console.outBytes(TreeJson::saveText(mirror));
       else
-        listAttributes(mirror, QString(), console);
+        listAttributes(mirror, console);
       return ExitOk;
     }
   }
