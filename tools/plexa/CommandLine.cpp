@@ -4,6 +4,7 @@
 #include "DemoCommand.hpp"
 #include "DumpCommand.hpp"
 #include "FetchCommand.hpp"
+#include "RecordCommand.hpp"
 #include "ServeCommand.hpp"
 #include "SetCommand.hpp"
 #include "WatchCommand.hpp"
@@ -28,6 +29,7 @@ namespace Plexa
       m_commands.emplace_back(new SetCommand(console));
       m_commands.emplace_back(new DumpCommand(console));
       m_commands.emplace_back(new FetchCommand(console));
+      m_commands.emplace_back(new RecordCommand(console));
     }
 
     CommandLine::~CommandLine() = default;
