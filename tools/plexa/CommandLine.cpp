@@ -5,6 +5,7 @@
 #include "DumpCommand.hpp"
 #include "FetchCommand.hpp"
 #include "RecordCommand.hpp"
+#include "ReplayCommand.hpp"
 #include "ServeCommand.hpp"
 #include "SetCommand.hpp"
 #include "WatchCommand.hpp"
@@ -30,6 +31,7 @@ namespace Plexa
       m_commands.emplace_back(new DumpCommand(console));
       m_commands.emplace_back(new FetchCommand(console));
       m_commands.emplace_back(new RecordCommand(console));
+      m_commands.emplace_back(new ReplayCommand(console));
     }
 
     CommandLine::~CommandLine() = default;
