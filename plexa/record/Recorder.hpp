@@ -83,6 +83,8 @@ namespace Plexa
     /// since construction.
     uint64_t valueCount() const { return m_values; }
     uint64_t eventCount() const { return m_events; }
+    /// Monotonic nanoseconds since `open`: the time the next record gets.
+    int64_t elapsedNs() const { return m_clock.nsecsElapsed(); }
     /// The most bytes the buffer held.
     int64_t peakBufferBytes() const { return m_peakBuffer; }
 
