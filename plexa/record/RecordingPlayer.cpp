@@ -246,11 +246,14 @@ namespace Plexa
         from = mark.offset;
     recording.seek(from);
     Recording::Record record;
+    // The first snapshot is the tree before any recorded time: a time before it gives that tree.
+    bool first = true;
     while (recording.next(record)) {
-      if (record.timeNs > timeNs) {
+      if (!first && record.timeNs > timeNs) {
         recording.seek(record.offset);
         return;
       }
+      first = false;
       apply(record);
     }
   }

@@ -49,7 +49,7 @@ namespace Plexa
     bool apply(const Recording::Record& record);
 
     /// Plays the records up to (and including) `timeNs` into the player's node, starting at the
-    /// last snapshot at or before that time. Reads `recording` from its first record; the read
+    /// last snapshot at or before that time (a time before the first snapshot gives the first). Reads `recording` from its first record; the read
     /// position ends behind the last record applied.
     void playUntil(Recording& recording, int64_t timeNs);
 

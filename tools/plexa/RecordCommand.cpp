@@ -20,6 +20,8 @@ namespace Plexa
       constexpr int PollMs = 100;
       /// Milliseconds between two redraws of the status line.
       constexpr int StatusMs = 500;
+      /// Milliseconds between two writes of the buffered records: what a crash can lose.
+      constexpr int FlushMs = 250;
 
       bool parseBytes(const QString& text, int64_t& out)
       {
@@ -108,6 +110,7 @@ namespace Plexa
       QElapsedTimer clock;
       clock.start();
       int64_t lastStatus = 0;
+      int64_t lastFlush = 0;
       uint64_t lastValues = 0;
       int64_t bytesBefore = 0;   // in the finished parts of a split recording
       int part = 0;
@@ -134,6 +137,10 @@ namespace Plexa
             mirror.setRemoteEventCallback(MirrorNode::RemoteEventCallback());
             return fail(ExitFailure, error);
           }
+        }
+        if (clock.elapsed() - lastFlush >= FlushMs) {
+          recorder.flush();
+          lastFlush = clock.elapsed();
         }
         if (console.errIsTerminal() && clock.elapsed() - lastStatus >= StatusMs) {
           const double seconds = (clock.elapsed() - lastStatus) / 1000.0;
