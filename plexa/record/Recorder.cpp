@@ -155,7 +155,8 @@ namespace Plexa
     const uint32_t start = writer.size();
     writer.writeValue(uint64_t(0));   // length and checksum, filled in by endRecord
     writer.writeValue(kind);
-    writer.writeValue(int64_t(m_clock.nsecsElapsed()));
+    m_now = m_clock.nsecsElapsed();
+    writer.writeValue(m_now);
     return start;
   }
 
@@ -175,7 +176,7 @@ namespace Plexa
   {
     const bool bySize = m_options.snapshotBytes > 0 && fileBytes() - m_lastSnapshotBytes >= m_options.snapshotBytes;
     const bool byTime = m_options.snapshotSeconds > 0 &&
-                        double(m_clock.nsecsElapsed() - m_lastSnapshotNs) >= m_options.snapshotSeconds * 1e9;
+                        double(m_now - m_lastSnapshotNs) >= m_options.snapshotSeconds * 1e9;
     if (isOpen() && (bySize || byTime))
       writeSnapshot();
   }
@@ -246,8 +247,14 @@ namespace Plexa
       return;
     switch (type) {
     case NodeWatcher::AttributeChanged: {
-      Carafe::Attribute* attribute = m_node.attributeCache().find(symbol);
-      const Cached* entry = attribute ? cached(symbol, attribute) : nullptr;
+      // The hot path: an attribute seen before is still the one cached, as its removal (or its
+      // node's) would have dropped the entry.
+      auto it = m_cache.find(symbol);
+      const Cached* entry = it != m_cache.end() ? &it->second : nullptr;
+      if (!entry) {
+        Carafe::Attribute* attribute = m_node.attributeCache().find(symbol);
+        entry = attribute ? cached(symbol, attribute) : nullptr;
+      }
       if (!entry)
         return;
       const uint32_t start = beginRecord(RecordFormat::Changed);
@@ -279,7 +286,10 @@ namespace Plexa
       return;
     }
     default: {
-      m_cache.erase(symbol);
+      if (type == NodeWatcher::NodeRemoved)
+        m_cache.clear();   // whatever was under the node went with it
+      else
+        m_cache.erase(symbol);
       const uint32_t start = beginRecord(RecordFormat::Removed);
       BundleWriterCore(m_buffer).writeValue(symbol);
       endRecord(start);

@@ -123,6 +123,8 @@ namespace Plexa
     int64_t m_peakBuffer = 0;
     int64_t m_lastSnapshotBytes = 0;
     int64_t m_lastSnapshotNs = 0;
+    /// The time of the record being written.
+    int64_t m_now = 0;
     uint64_t m_values = 0;
     uint64_t m_events = 0;
     bool m_inSnapshot = false;
