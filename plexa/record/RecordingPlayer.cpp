@@ -73,7 +73,10 @@ namespace Plexa
     const uint32_t start = reader.position;
     need(length % 4 == 0 && uint64_t(start) + length <= end);
     const uint32_t valueEnd = start + length;
-    Carafe::Attribute* attribute = find(known.path);
+    // The node's own cache knows what sits at the path now, whatever else changed the tree.
+    if (!known.localSymbol)
+      known.localSymbol = m_node.symbolRegistry().lookup(known.path);
+    Carafe::Attribute* attribute = known.localSymbol ? m_node.attributeCache().find(known.localSymbol) : nullptr;
     if (attribute && attribute != known.attribute) {
       known.attribute = attribute;
       known.deserializer = m_types.createDeserializer(known.typeId, attribute);

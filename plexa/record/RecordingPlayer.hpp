@@ -58,6 +58,8 @@ namespace Plexa
     {
       QByteArray path;
       uint32_t typeId = 0;
+      /// The path's symbol in the node's registry, 0 until the node has defined it.
+      uint32_t localSymbol = 0;
       Carafe::Attribute* attribute = nullptr;
       Deserializer deserializer;
     };
