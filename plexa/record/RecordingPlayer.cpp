@@ -59,6 +59,17 @@ namespace Plexa
     return at;
   }
 
+  bool RecordingPlayer::mayCreate(const QByteArray& path)
+  {
+    if (m_created < m_maxCreated)
+      return true;
+    if (!m_capLogged)
+      Bastion::warning("RecordingPlayer # %s not created: the recording has more than %lld attributes and nodes",
+                       path.constData(), (long long)m_maxCreated);
+    m_capLogged = true;
+    return false;
+  }
+
   void RecordingPlayer::removeAt(const QByteArray& path)
   {
     const int slash = path.lastIndexOf('/');
@@ -122,10 +133,12 @@ namespace Plexa
         removeAt(path);
         present = nullptr;
       }
-      if (!present) {
+      if (!present && mayCreate(path)) {
         auto node = std::make_unique<Carafe::Node>(nullptr, path.mid(path.lastIndexOf('/') + 1));
-        if (m_node.addNode(path, node.get()))
+        if (m_node.addNode(path, node.get())) {
           node.release();
+          ++m_created;
+        }
         m_node.processPendingAdditions();
       }
       return;
@@ -142,9 +155,10 @@ namespace Plexa
       readValue(reader, end, known, true);
       return;
     }
-    std::unique_ptr<Carafe::Attribute> created(m_types.createAttribute(typeId));
+    std::unique_ptr<Carafe::Attribute> created(mayCreate(path) ? m_types.createAttribute(typeId) : nullptr);
     if (!created) {
-      Bastion::warning("RecordingPlayer # unknown type id %u of %s skipped", typeId, path.constData());
+      if (!m_capLogged)
+        Bastion::warning("RecordingPlayer # unknown type id %u of %s skipped", typeId, path.constData());
       const uint32_t length = reader.readValue<uint32_t>();
       need(uint64_t(reader.position) + length <= end);
       reader.position += length;
@@ -164,6 +178,7 @@ namespace Plexa
     Carafe::Attribute* raw = created.get();
     if (m_node.addDeepAttribute(path, raw)) {
       created.release();
+      ++m_created;
       known.attribute = raw;
       known.deserializer = std::move(deserializer);
       m_node.processPendingAdditions();
@@ -175,6 +190,7 @@ namespace Plexa
     const QByteArray& body = *record.body;
     const uint32_t end = uint32_t(body.size());
     BundleReaderCore reader(body, RecordFormat::BodyHeaderSize);
+    m_capLogged = false;
     try {
       switch (record.kind) {
       case RecordFormat::Snapshot: {

@@ -44,9 +44,16 @@ namespace Plexa
 
     void setEventCallback(const EventCallback& callback) { m_eventCallback = callback; }
 
+    /// Attributes and nodes the player creates at most (default 1,000,000): a crafted file cannot
+    /// grow the tree, and the memory it takes, beyond this. Entries past it are skipped, logged
+    /// once per record.
+    static constexpr int64_t DefaultMaxCreated = 1000000;
+    void setMaxCreated(int64_t count) { m_maxCreated = count; }
+
     /// Applies one record; false (logged) when it does not decode. End and unknown records are
     /// ignored (true).
     bool apply(const Recording::Record& record);
+    int64_t createdCount() const { return m_created; }
 
     /// Plays the records up to (and including) `timeNs` into the player's node, starting at the
     /// last snapshot at or before that time (a time before the first snapshot gives the first). Reads `recording` from its first record; the read
@@ -68,11 +75,17 @@ namespace Plexa
     /// Reads the value block at the reader into `known`'s attribute (if it is in the tree).
     void readValue(BundleReaderCore& reader, uint32_t end, Known& known, bool onlyIfDifferent);
     Carafe::Attribute* find(const QByteArray& path) const;
+    /// True when one more object may be created; logs the cap once per record otherwise.
+    bool mayCreate(const QByteArray& path);
     void removeAt(const QByteArray& path);
 
     RemoteNode& m_node;
     TypeRegistry m_types;
     EventCallback m_eventCallback;
     std::unordered_map<uint32_t, Known> m_known;
+    int64_t m_maxCreated = DefaultMaxCreated;
+    int64_t m_created = 0;
+    /// The record being applied already logged the cap.
+    bool m_capLogged = false;
   };
 }

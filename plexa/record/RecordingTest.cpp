@@ -8,6 +8,7 @@
 #include "plexa/remote/RemoteNode.hpp"
 
 #include "bastion/BinaryData.hpp"
+#include "bastion/LogCapture.hpp"
 #include "carafe/AttributeT.hpp"
 
 #include <QFile>
@@ -183,6 +184,30 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
     EXPECT_FALSE(read.opened);
     EXPECT_FALSE(read.error.isEmpty());
   }
+  // A player creates no more objects than its cap, and says so once.
+  {
+    Bastion::LogCapture log;
+    RemoteNode capped(nullptr, "scene");
+    RecordingPlayer player(capped);
+    player.setMaxCreated(1);
+    ASSERT_TRUE(whole.seek(whole.firstRecordOffset()));
+    Recording::Record record;
+    while (whole.next(record))
+      player.apply(record);
+    EXPECT_EQ(player.createdCount(), 1);
+    EXPECT_TRUE(treeState(capped).empty());
+    EXPECT_EQ(log.texts(), std::vector<QByteArray>{
+                             "RecordingPlayer # a/b not created: the recording has more than 1 attributes and nodes"});
+  }
+
+  // A full disk: the recorder says so and stops.
+  {
+    Recorder full(live);
+    QString error;
+    EXPECT_FALSE(full.open("/dev/full", &error));
+    EXPECT_EQ(error, "cannot write /dev/full: No space left on device");
+  }
+
   QByteArray newer = bytes;
   newer[8] = 2;
   ASSERT_TRUE(writeFile(cutName, newer));
