@@ -160,9 +160,16 @@ namespace Plexa
     return start;
   }
 
-  void Recorder::endRecord(uint32_t start)
+  bool Recorder::endRecord(uint32_t start)
   {
     const uint32_t body = start + RecordFormat::FrameSize;
+    if (uint32_t(m_buffer.size()) - body > RecordFormat::MaxRecordBytes) {
+      // A reader would stop at it and lose everything after it: it is left out instead.
+      Bastion::warning("Recorder # a record of %u bytes is over the limit of %u bytes and left out",
+                       uint32_t(m_buffer.size()) - body, RecordFormat::MaxRecordBytes);
+      m_buffer.resize(int(start));
+      return false;
+    }
     const uint32_t frame[2] = {uint32_t(m_buffer.size()) - body,
                                RecordFormat::checksum(m_buffer.constData() + body, size_t(m_buffer.size()) - body)};
     std::memcpy(m_buffer.data() + start, frame, sizeof(frame));
@@ -170,6 +177,7 @@ namespace Plexa
       flush();
     if (!m_inSnapshot)
       maybeSnapshot();
+    return true;
   }
 
   void Recorder::maybeSnapshot()
@@ -263,8 +271,8 @@ namespace Plexa
       const uint32_t at = writer.beginBlock();
       entry->serializer(writer);
       writer.endBlock(at);
-      ++m_values;
-      endRecord(start);
+      if (endRecord(start))
+        ++m_values;
       return;
     }
     case NodeWatcher::AttributeAdded:
@@ -280,9 +288,8 @@ namespace Plexa
         m_buffer.resize(int(start));
         return;
       }
-      if (type == NodeWatcher::AttributeAdded)
+      if (endRecord(start) && type == NodeWatcher::AttributeAdded)
         ++m_values;
-      endRecord(start);
       return;
     }
     default: {
@@ -306,7 +313,7 @@ namespace Plexa
     writer.writeBinary(name);
     writer.writeValue(uint32_t(payload.size()));
     writer.write(payload.data(), uint32_t(payload.size()));
-    ++m_events;
-    endRecord(start);
+    if (endRecord(start))
+      ++m_events;
   }
 }

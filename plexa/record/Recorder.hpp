@@ -71,7 +71,8 @@ namespace Plexa
     /// Writes the buffered records to the file.
     bool flush();
 
-    /// Records an event of the peer (a sliced one once put together).
+    /// Records an event of the peer (a sliced one once put together). An event over the format's
+    /// record size limit (256 MiB) is left out with a logged warning.
     void recordEvent(const QByteArray& name, const Bastion::BinaryData& payload);
 
     bool isOpen() const { return m_file.isOpen(); }
@@ -105,7 +106,9 @@ namespace Plexa
     bool writeEntry(BundleWriterCore& writer, uint32_t symbol, const QByteArray& path, Carafe::Attribute* object);
     const Cached* cached(uint32_t symbol, Carafe::Attribute* attribute);
     uint32_t beginRecord(uint32_t kind);
-    void endRecord(uint32_t start);
+    /// Fills in the frame; false (logged, the record dropped) when the body is over the format's
+    /// size limit.
+    bool endRecord(uint32_t start);
     void maybeSnapshot();
     void fail(const QString& message);
 
