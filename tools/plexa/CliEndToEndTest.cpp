@@ -176,7 +176,7 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
   EXPECT_TRUE(p->err().startsWith("plexa watch: malformed address '127.0.0.1:99999': port '99999'")) << p->err().toStdString();
   p = run({"frobnicate"});
   EXPECT_EQ(status, 2);
-  EXPECT_EQ(p->err().toStdString(), "plexa: unknown command 'frobnicate' (commands: demo, serve, watch, set, dump, fetch; see plexa --help)\n");
+  EXPECT_EQ(p->err().toStdString(), "plexa: unknown command 'frobnicate' (commands: demo, serve, watch, set, dump, fetch, record, replay; see plexa --help)\n");
   p = run({"set", "127.0.0.1:1", "x:flaot=1"});
   EXPECT_EQ(status, 2);
   EXPECT_TRUE(p->err().startsWith("plexa set: unknown type 'flaot' in 'x:flaot=1'")) << p->err().toStdString();

@@ -11,6 +11,7 @@
 #include "bastion/BinaryData.hpp"
 #include "carafe/AttributeT.hpp"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -102,6 +103,18 @@ TEST(RecordEndToEnd, ARecordingDumpsWatchesAndReplaysAsTheLivePeer)
   EXPECT_EQ(run({"dump", file, "--json"})->out(), run({"dump", address, "--json"})->out());
   EXPECT_EQ(run({"dump", file, "--at", "0"})->out(), before);
   EXPECT_EQ(status, 0);
+
+  // A cut copy reads to its last whole record and says where it stopped.
+  QFile whole(file);
+  ASSERT_TRUE(whole.open(QIODevice::ReadOnly));
+  const QString cut = work.filePath("cut.plexrec");
+  QFile cutFile(cut);
+  ASSERT_TRUE(cutFile.open(QIODevice::WriteOnly));
+  cutFile.write(whole.readAll().chopped(5));
+  cutFile.close();
+  auto cutDump = run({"dump", cut});
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(cutDump->err().startsWith("plexa dump: warning: " + cut + ": record cut at byte ")) << cutDump->err().toStdString();
 
   // Watching the file and watching its replay print the same changes and events.
   auto recorded = run({"watch", file, "--json"});
