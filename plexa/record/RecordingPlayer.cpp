@@ -63,10 +63,10 @@ namespace Plexa
   {
     if (m_created < m_maxCreated)
       return true;
-    if (!m_capLogged)
+    if (!m_warned)
       Bastion::warning("RecordingPlayer # %s not created: the recording has more than %lld attributes and nodes",
                        path.constData(), (long long)m_maxCreated);
-    m_capLogged = true;
+    m_warned = true;
     return false;
   }
 
@@ -133,7 +133,11 @@ namespace Plexa
         removeAt(path);
         present = nullptr;
       }
-      if (!present && mayCreate(path)) {
+      if (!present && !mayCreate(path)) {
+        m_known.erase(symbol);   // nothing of it is kept: the cap bounds this table too
+        return;
+      }
+      if (!present) {
         auto node = std::make_unique<Carafe::Node>(nullptr, path.mid(path.lastIndexOf('/') + 1));
         if (m_node.addNode(path, node.get())) {
           node.release();
@@ -157,11 +161,13 @@ namespace Plexa
     }
     std::unique_ptr<Carafe::Attribute> created(mayCreate(path) ? m_types.createAttribute(typeId) : nullptr);
     if (!created) {
-      if (!m_capLogged)
+      if (!m_warned)
         Bastion::warning("RecordingPlayer # unknown type id %u of %s skipped", typeId, path.constData());
+      m_warned = true;
       const uint32_t length = reader.readValue<uint32_t>();
       need(uint64_t(reader.position) + length <= end);
       reader.position += length;
+      m_known.erase(symbol);
       return;
     }
     // The value goes in before the attribute joins the tree, as a peer's new attribute does.
@@ -182,6 +188,8 @@ namespace Plexa
       known.attribute = raw;
       known.deserializer = std::move(deserializer);
       m_node.processPendingAdditions();
+    } else {
+      m_known.erase(symbol);   // a path the node refused (logged by the node)
     }
   }
 
@@ -190,7 +198,7 @@ namespace Plexa
     const QByteArray& body = *record.body;
     const uint32_t end = uint32_t(body.size());
     BundleReaderCore reader(body, RecordFormat::BodyHeaderSize);
-    m_capLogged = false;
+    m_warned = false;
     try {
       switch (record.kind) {
       case RecordFormat::Snapshot: {

@@ -45,8 +45,8 @@ namespace Plexa
     void setEventCallback(const EventCallback& callback) { m_eventCallback = callback; }
 
     /// Attributes and nodes the player creates at most (default 1,000,000): a crafted file cannot
-    /// grow the tree, and the memory it takes, beyond this. Entries past it are skipped, logged
-    /// once per record.
+    /// grow the tree, and the memory it takes, beyond this. Entries past it are skipped, with one
+    /// logged line per record.
     static constexpr int64_t DefaultMaxCreated = 1000000;
     void setMaxCreated(int64_t count) { m_maxCreated = count; }
 
@@ -85,7 +85,7 @@ namespace Plexa
     std::unordered_map<uint32_t, Known> m_known;
     int64_t m_maxCreated = DefaultMaxCreated;
     int64_t m_created = 0;
-    /// The record being applied already logged the cap.
-    bool m_capLogged = false;
+    /// The record being applied already logged a warning: one line per record at most.
+    bool m_warned = false;
   };
 }
