@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 using namespace Plexa;
 using namespace PlexaTest;
 
@@ -106,6 +108,9 @@ TEST(RecordingTest, EveryTypeChangeRemovalAndEventPlaysBackAndTheTreeAtEachTimeI
   RecordingPlayer player(played);
   std::vector<std::pair<QByteArray, QByteArray>> events;
   player.setEventCallback([&](const QByteArray& name, Bastion::BinaryData& data) { events.push_back({name, data.toByteArray()}); });
+  // The periodic snapshots in between bring no news: the played tree changes as often as the live one.
+  int changes = 0;
+  played.addAttributeChangeListener([&](const NodeWatcher::Event& e) { changes += e.type == NodeWatcher::AttributeChanged; });
   Recording::Record record;
   int64_t largest = 0;
   while (recording.next(record)) {
@@ -115,6 +120,7 @@ TEST(RecordingTest, EveryTypeChangeRemovalAndEventPlaysBackAndTheTreeAtEachTimeI
   }
   EXPECT_TRUE(recording.endedCleanly()) << recording.stopReason().toStdString();
   EXPECT_EQ(treeState(played), states.back().second);
+  EXPECT_EQ(changes, 301);
   EXPECT_EQ(events, (std::vector<std::pair<QByteArray, QByteArray>>{{"hello", small.toByteArray()}, {"big", large.toByteArray()}}));
   // The buffer stayed within its size plus one record (the events went through as one record each).
   EXPECT_LE(recorder.peakBufferBytes(), options.bufferBytes + std::max<int64_t>(largest, large.size() + 64));
@@ -145,6 +151,25 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
     payload.writeString("x");
     recorder.recordEvent("ping", payload);
   }
+  // A split recording: the first part names the next, which starts with the tree as it was.
+  const QString secondName = dir.filePath("second.plexrec");
+  {
+    Recorder recorder(live);
+    ASSERT_TRUE(recorder.open(dir.filePath("first.plexrec")));
+    attributeAt<Int>(live, "a/b")->setValue(10);
+    ASSERT_TRUE(recorder.split(secondName));
+    attributeAt<Int>(live, "a/b")->setValue(11);
+  }
+  Recording first;
+  readAll(dir.filePath("first.plexrec"), first);
+  EXPECT_TRUE(first.endedCleanly());
+  EXPECT_EQ(first.nextFile(), secondName);
+  Recording second;
+  ASSERT_TRUE(second.open(secondName));
+  RemoteNode fromSecond(nullptr, "scene");
+  RecordingPlayer(fromSecond).playUntil(second, std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(treeState(fromSecond), treeState(live));
+
   const QByteArray bytes = readFile(fileName);
   Recording whole;
   const Read all = readAll(fileName, whole);
