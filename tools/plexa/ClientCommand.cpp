@@ -5,6 +5,8 @@
 #include "LogSilence.hpp"
 #include "MirrorNode.hpp"
 
+#include <QFileInfo>
+
 namespace Plexa
 {
   namespace Cli
@@ -28,10 +30,17 @@ namespace Plexa
 
     void ClientCommand::done(MirrorNode&) {}
 
+    int ClientCommand::runOnRecording(const QCommandLineParser&, const QString&)
+    {
+      return fail(ExitUsage, "does not read recordings");
+    }
+
     int ClientCommand::run(const QCommandLineParser& parser)
     {
       const QStringList positional = parser.positionalArguments();
       const int count = int(positional.size()) - 1;
+      if (readsRecordings() && count == 0 && QFileInfo(positional.at(0)).isFile())
+        return runOnRecording(parser, positional.at(0));
       if (count < minArguments() || (maxArguments() >= 0 && count > maxArguments()))
         return fail(ExitUsage, QString("takes %1 (see plexa %2 --help)").arg(arguments(), name()));
       QString error;

@@ -42,6 +42,11 @@ namespace Plexa
       /// mirror's contents go are taken off here.
       virtual void done(MirrorNode& mirror);
 
+      /// Commands that also read a recording instead of a peer (watch, dump) answer true; `run`
+      /// then hands a first argument naming an existing file to `runOnRecording`.
+      virtual bool readsRecordings() const { return false; }
+      virtual int runOnRecording(const QCommandLineParser& parser, const QString& fileName);
+
       const AddressArgument& address() const { return m_address; }
 
     private:

@@ -4,6 +4,8 @@
 #include "DemoCommand.hpp"
 #include "DumpCommand.hpp"
 #include "FetchCommand.hpp"
+#include "RecordCommand.hpp"
+#include "ReplayCommand.hpp"
 #include "ServeCommand.hpp"
 #include "SetCommand.hpp"
 #include "WatchCommand.hpp"
@@ -28,6 +30,8 @@ namespace Plexa
       m_commands.emplace_back(new SetCommand(console));
       m_commands.emplace_back(new DumpCommand(console));
       m_commands.emplace_back(new FetchCommand(console));
+      m_commands.emplace_back(new RecordCommand(console));
+      m_commands.emplace_back(new ReplayCommand(console));
     }
 
     CommandLine::~CommandLine() = default;

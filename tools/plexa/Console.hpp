@@ -22,6 +22,7 @@ namespace Plexa
       explicit Console(FILE* out = stdout, FILE* err = stderr);
 
       bool outIsTerminal() const { return m_outTerminal; }
+      bool errIsTerminal() const { return m_errTerminal; }
       /// Width of the output terminal, 80 when unknown.
       int columns() const;
 

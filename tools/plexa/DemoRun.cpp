@@ -12,6 +12,8 @@
 #include "TreePath.hpp"
 
 #include "plexa/app/Peer.hpp"
+#include "plexa/record/Recorder.hpp"
+#include "plexa/record/RecordingPlayer.hpp"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -191,6 +193,18 @@ namespace Plexa
       {
         countAppliedValues(clientTree);
 
+        // The client records its tree and the events it receives, and plays the file back at the end.
+        recorder.reset(new Recorder(clientTree));
+        QString error;
+        if (recorder->open(work.path() + "/client.plexrec", &error)) {
+          clientTree.setRemoteEventCallback([this](const QByteArray& name, const Bastion::BinaryData& data) {
+            recorder->recordEvent(name, data);
+          });
+          say("client", "records its tree and the events it receives into client.plexrec");
+        } else {
+          say("client", "cannot record: " + error);
+        }
+
         // Round trips: the client answers every frame number it sees with the same number, and
         // the server times the answer.
         clientTree.onChangeImpl(RemoteNode::makeRegExp(DemoScene::FramePath), [this](Carafe::Attribute* a) {
@@ -345,7 +359,33 @@ namespace Plexa
         report.serverToClientBytes = client->rxBytes();
         report.clientToServerBytes = client->txBytes();
         report.slicedEventIntact = snapshotIntact;
+        checkRecording();
         return !interrupted;
+      }
+
+      /// Closes the client's recording and plays it into a tree of its own, which must end as the
+      /// client's tree did.
+      void checkRecording()
+      {
+        clientTree.setRemoteEventCallback(MirrorNode::RemoteEventCallback());
+        recorder->close();
+        Recording recording;
+        if (!recording.open(work.path() + "/client.plexrec"))
+          return;
+        MirrorNode played("scene");
+        RecordingPlayer player(played);
+        int events = 0;
+        player.setEventCallback([&](const QByteArray&, Bastion::BinaryData&) { ++events; });
+        Recording::Record record;
+        while (recording.next(record))
+          player.apply(record);
+        recordingMatches = recording.endedCleanly() && TreeJson::save(played) == TreeJson::save(clientTree) &&
+                           events == int(recorder->eventCount());
+        say("client", QString("recorded %1 values and %2 events (%3 bytes); played back, the recording %4")
+                        .arg(recorder->valueCount())
+                        .arg(recorder->eventCount())
+                        .arg(recorder->fileBytes())
+                        .arg(recordingMatches ? "ends with the client's tree" : "DIFFERS from the client's tree"));
       }
 
       Console& console;
@@ -363,6 +403,8 @@ namespace Plexa
       std::unique_ptr<DemoScene> scene;
       std::unique_ptr<Peer> server;
       std::unique_ptr<Peer> client;
+      std::unique_ptr<Recorder> recorder;
+      bool recordingMatches = false;
 
       DemoReport report;
       /// Frame number -> when the server set it (clock nanoseconds), until its echo came back.
@@ -407,11 +449,14 @@ namespace Plexa
         return ExitInterrupted;
       }
       d->console.out("\nSummary\n" + d->report.table());
-      if (d->report.succeeded()) {
+      if (d->report.succeeded() && d->recordingMatches) {
         d->console.out("\nThe demo passed: both trees ended identical and every file was verified.");
         return ExitOk;
       }
-      d->console.err(QString("plexa demo: FAILED: %1").arg(!d->report.treesIdentical ? "the trees differ" : "not every file was verified"));
+      d->console.err(QString("plexa demo: FAILED: %1")
+                       .arg(!d->report.treesIdentical ? "the trees differ"
+                            : !d->report.succeeded()  ? "not every file was verified"
+                                                      : "the recording does not play back to the client's tree"));
       return ExitFailure;
     }
   }

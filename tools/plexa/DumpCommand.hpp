@@ -2,6 +2,11 @@
 
 #include "ClientCommand.hpp"
 
+namespace Carafe
+{
+  class Node;
+}
+
 namespace Plexa
 {
   namespace Cli
@@ -21,8 +26,12 @@ namespace Plexa
     protected:
       int prepare(const QCommandLineParser& parser, const QStringList& arguments) override;
       int connected(MirrorNode& mirror, Peer& peer) override;
+      bool readsRecordings() const override { return true; }
+      int runOnRecording(const QCommandLineParser& parser, const QString& fileName) override;
 
     private:
+      void print(const Carafe::Node& tree);
+
       bool m_json = false;
     };
   }

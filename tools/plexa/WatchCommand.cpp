@@ -6,6 +6,7 @@
 #include "SyncEvents.hpp"
 
 #include "plexa/app/Peer.hpp"
+#include "plexa/record/RecordingPlayer.hpp"
 
 #include <cmath>
 
@@ -57,7 +58,7 @@ namespace Plexa
     void WatchCommand::addOptions(QCommandLineParser& parser)
     {
       parser.addOption({"json", "One JSON object per line: time, kind, path, type, value (events: name, items)."});
-      parser.addPositionalArgument("HOST:PORT", "Address of the peer.");
+      parser.addPositionalArgument("HOST:PORT", "Address of the peer, or a recording made by plexa record.");
     }
 
     int WatchCommand::prepare(const QCommandLineParser& parser, const QStringList&)
@@ -68,14 +69,21 @@ namespace Plexa
 
     void WatchCommand::print(const WatchEvent& event)
     {
-      const QDateTime now = QDateTime::currentDateTime();
+      const QDateTime now = m_recordedTime.isValid() ? m_recordedTime : QDateTime::currentDateTime();
       if (m_json)
         console.outBytes(WatchFormat::jsonLine(event, now));
       else
         console.out(WatchFormat::readable(event, now));
     }
 
-    void WatchCommand::beforeConnecting(MirrorNode& mirror, Peer& peer)
+    void WatchCommand::printRemoteEvent(const QByteArray& name, const Bastion::BinaryData& data)
+    {
+      // The answers plexa serve gives plexa set reach every session; they are no news here.
+      if (name != SyncEvents::Reply && name != SyncEvents::Request)
+        print(WatchFormat::remoteEvent(name, data));
+    }
+
+    void WatchCommand::listen(MirrorNode& mirror)
     {
       m_listener = mirror.addAttributeChangeListener([this, &mirror](const NodeWatcher::Event& e) {
         QByteArray path;
@@ -83,10 +91,13 @@ namespace Plexa
         print(WatchFormat::attributeEvent(kindOf(e.type), QString::fromUtf8(path), mirror.attributeCache().find(e.symbol)));
       });
       mirror.setRemoteEventCallback([this](const QByteArray& name, const Bastion::BinaryData& data) {
-        // The answers plexa serve gives plexa set reach every session; they are no news here.
-        if (name != SyncEvents::Reply && name != SyncEvents::Request)
-          print(WatchFormat::remoteEvent(name, data));
+        printRemoteEvent(name, data);
       });
+    }
+
+    void WatchCommand::beforeConnecting(MirrorNode& mirror, Peer& peer)
+    {
+      listen(mirror);
       peer.setConnectionCallback([this](const QString&, bool connected) {
         WatchEvent event;
         event.kind = connected ? WatchEvent::Connected : WatchEvent::Disconnected;
@@ -105,6 +116,30 @@ namespace Plexa
       // Until Ctrl-C, or until nobody reads the output any more.
       while (!Interrupt::requested() && !console.outputBroken())
         peer.waitAndUpdate(PollMs);
+      return ExitOk;
+    }
+
+    int WatchCommand::runOnRecording(const QCommandLineParser& parser, const QString& fileName)
+    {
+      m_json = parser.isSet("json");
+      Recording recording;
+      QString error;
+      if (!recording.open(fileName, &error))
+        return fail(ExitFailure, error);
+      Interrupt interrupt;
+      MirrorNode mirror("tree");
+      listen(mirror);
+      RecordingPlayer player(mirror);
+      player.setEventCallback([this](const QByteArray& name, Bastion::BinaryData& data) { printRemoteEvent(name, data); });
+      Recording::Record record;
+      while (!Interrupt::requested() && !console.outputBroken() && recording.next(record)) {
+        m_recordedTime = QDateTime::fromMSecsSinceEpoch((recording.startWallNs() + record.timeNs) / 1000000);
+        player.apply(record);
+      }
+      m_recordedTime = QDateTime();
+      done(mirror);
+      if (!recording.stopReason().isEmpty() && !Interrupt::requested())
+        warn(QString("%1: %2").arg(fileName, recording.stopReason()));
       return ExitOk;
     }
 

@@ -27,9 +27,17 @@ namespace Plexa
       int interruptedWhileConnecting() override;
       void done(MirrorNode& mirror) override;
       int connected(MirrorNode& mirror, Peer& peer) override;
+      bool readsRecordings() const override { return true; }
+      int runOnRecording(const QCommandLineParser& parser, const QString& fileName) override;
 
     private:
       void print(const WatchEvent& event);
+      /// Prints the mirror's changes and the peer's events from now on.
+      void listen(MirrorNode& mirror);
+      void printRemoteEvent(const QByteArray& name, const Bastion::BinaryData& data);
+
+      /// The time printed: now, or while reading a recording the recorded time.
+      QDateTime m_recordedTime;
 
       bool m_json = false;
       long m_listener = -1;

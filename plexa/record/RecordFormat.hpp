@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QByteArray>
+
+#include <cstdint>
+
+namespace Plexa
+{
+  /// The layout of a recording file (docs/recording.md describes it for readers in other
+  /// languages). Every number is little-endian and every item padded to 4 bytes, as on the wire.
+  namespace RecordFormat
+  {
+    /// The first 8 bytes of every recording.
+    constexpr char Magic[8] = {'P', 'L', 'X', 'R', 'E', 'C', '\r', '\n'};
+    /// Written into the header; a reader refuses a higher one.
+    constexpr uint32_t Version = 1;
+    /// Length word and checksum word in front of every record body.
+    constexpr uint32_t FrameSize = 8;
+    /// Kind word and 64-bit time at the start of every record body.
+    constexpr uint32_t BodyHeaderSize = 12;
+    /// Type id of a node in snapshot entries and additions (no attribute type has it).
+    constexpr uint32_t NodeTypeId = 0xffffffffu;
+
+    /// Largest header body a reader accepts: a corrupt length word cannot make it read or
+    /// allocate more than this for the header.
+    constexpr uint32_t MaxHeaderBytes = 64 * 1024;
+    /// Largest record body a reader accepts (a snapshot of a big tree is the largest record).
+    /// A corrupt or hostile length word cannot make the reader allocate more than this, nor more
+    /// than the file still holds.
+    constexpr uint32_t MaxRecordBytes = 256u * 1024 * 1024;
+
+    enum Kind : uint32_t
+    {
+      /// The whole tree: a count, then entries (symbol, type id, path, value block).
+      Snapshot = 1,
+      /// One attribute or node appeared: one entry as in a snapshot.
+      Added = 2,
+      /// An attribute's new value: symbol, value block.
+      Changed = 3,
+      /// An attribute or node went away: symbol.
+      Removed = 4,
+      /// An event from the peer, whole (sliced events put together): name, payload.
+      Event = 5,
+      /// The recorder closed the file: values and events written, and the name of the next file
+      /// of a split recording (empty when there is none).
+      End = 6
+    };
+
+    /// The checksum of a header or record body: the low 32 bits of the 64-bit XXH3 hash (seed 0).
+    uint32_t checksum(const char* bytes, size_t size);
+  }
+}
