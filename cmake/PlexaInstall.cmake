@@ -18,7 +18,7 @@ install(TARGETS ${_plexa_targets} EXPORT PlexaTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-# The public API: the headers an application includes (Peer, RemoteNode, SyncFlags, the Carafe
+# The public API: the headers an application includes (Peer, Version, RemoteNode, SyncFlags, the Carafe
 # tree) and exactly the headers they include in turn. Internals and test helpers stay in the
 # source tree, so nothing outside the library can come to depend on them. `./run examples` compiles
 # the installed headers with nothing but the install, which fails when one of them includes a
@@ -38,6 +38,7 @@ set(PLEXA_PUBLIC_HEADERS
 if(TARGET Plexa)
   list(APPEND PLEXA_PUBLIC_HEADERS
     plexa/app/Peer.hpp
+    plexa/app/Version.hpp
     plexa/remote/RemoteNode.hpp
     plexa/remote/SliceAssembler.hpp
     plexa/remote/SyncFlags.hpp
