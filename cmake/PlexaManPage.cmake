@@ -1,8 +1,8 @@
 # cmake -DPLEXA=<program> -DHELP2MAN=<help2man> -DOUTPUT=<plexa.1> -P PlexaManPage.cmake
 #
 # Writes the man page from the program's own texts: help2man turns `plexa --help` into the page,
-# the first line of `plexa --version` gives its version, and every command of the overview gets a subsection with its
-# `plexa COMMAND --help`, so the page cannot drift from what the program says.
+# the first line of `plexa --version` gives its version, and every command of the overview gets a
+# subsection with its `plexa COMMAND --help`, so the page cannot drift from what the program says.
 execute_process(COMMAND ${PLEXA} --help OUTPUT_VARIABLE overview RESULT_VARIABLE status)
 if(NOT status EQUAL 0)
   message(FATAL_ERROR "${PLEXA} --help failed: ${status}")
