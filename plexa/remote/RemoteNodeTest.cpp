@@ -318,6 +318,7 @@ TEST(RemoteNodeTest, WildcardsBecomeAnchoredExpressions)
   EXPECT_TRUE(match("a/*", "a/x\ny"));
   EXPECT_TRUE(match("a\\b/*", "a\\b/c"));
   EXPECT_TRUE(match("\xc3\xa9t\xc3\xa9/*", "\xc3\xa9t\xc3\xa9/x"));
+  EXPECT_TRUE(match("a/*", "a/\xed\xa0\x80\xff"));
 }
 
 TEST(RemoteNodeTest, AddDeepAttributeCreatesTheNodesOnTheWay)
