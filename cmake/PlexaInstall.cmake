@@ -1,4 +1,4 @@
-# Installs the three shared libraries with versioned sonames, their headers (keeping the
+# Installs the three shared libraries with versioned sonames, their public headers (keeping the
 # "bastion/", "carafe/", "quiver/", "plexa/<subsystem>/" include prefixes), a CMake package
 # (find_package(Plexa) gives Plexa::Plexa, Plexa::Carafe, Plexa::Bastion, Plexa::Quiver) and a
 # pkg-config file.
@@ -18,12 +18,47 @@ install(TARGETS ${_plexa_targets} EXPORT PlexaTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-foreach(dir quiver bastion carafe)
-  install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir}
-    FILES_MATCHING PATTERN "*.hpp" PATTERN "*Test.hpp" EXCLUDE)
+# The public API: the headers an application includes (Peer, Version, RemoteNode, SyncFlags, the Carafe
+# tree) and exactly the headers they include in turn. Internals and test helpers stay in the
+# source tree, so nothing outside the library can come to depend on them. `./run examples` compiles
+# the installed headers with nothing but the install, which fails when one of them includes a
+# header missing from this list.
+file(GLOB _plexa_carafe_headers RELATIVE ${CMAKE_SOURCE_DIR}/platform ${CMAKE_SOURCE_DIR}/platform/carafe/*.hpp)
+file(GLOB _plexa_quiver_headers RELATIVE ${CMAKE_SOURCE_DIR}/platform ${CMAKE_SOURCE_DIR}/platform/quiver/*.hpp)
+set(PLEXA_PUBLIC_HEADERS
+  ${_plexa_carafe_headers}
+  ${_plexa_quiver_headers}
+  bastion/BinaryData.hpp
+  bastion/Color.hpp
+  bastion/ColorPMA.hpp
+  bastion/Log.hpp
+  bastion/MemGrid8u.hpp
+  bastion/SymbolRegistry.hpp
+  bastion/TimeStamp.hpp)
+if(TARGET Plexa)
+  list(APPEND PLEXA_PUBLIC_HEADERS
+    plexa/app/Peer.hpp
+    plexa/app/Version.hpp
+    plexa/remote/RemoteNode.hpp
+    plexa/remote/SliceAssembler.hpp
+    plexa/remote/SyncFlags.hpp
+    plexa/tracking/AttributeCache.hpp
+    plexa/tracking/NodeWatcher.hpp
+  )
+endif()
+list(FILTER PLEXA_PUBLIC_HEADERS EXCLUDE REGEX "Test[A-Za-z]*\\.hpp$")
+# Full paths, for the API reference (PlexaDocs.cmake).
+set(PLEXA_PUBLIC_HEADER_FILES)
+foreach(header ${PLEXA_PUBLIC_HEADERS})
+  if(header MATCHES "^plexa/")
+    set(file ${CMAKE_SOURCE_DIR}/${header})
+  else()
+    set(file ${CMAKE_SOURCE_DIR}/platform/${header})
+  endif()
+  list(APPEND PLEXA_PUBLIC_HEADER_FILES ${file})
+  get_filename_component(dir ${header} DIRECTORY)
+  install(FILES ${file} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir})
 endforeach()
-install(DIRECTORY ${CMAKE_SOURCE_DIR}/plexa/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/plexa
-  FILES_MATCHING PATTERN "*.hpp" PATTERN "*Test.hpp" EXCLUDE PATTERN "*TestSupport.hpp" EXCLUDE)
 
 install(EXPORT PlexaTargets NAMESPACE Plexa:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Plexa)
 configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/PlexaConfig.cmake.in

@@ -4,6 +4,7 @@
 
 #include "carafe/AttributeT.hpp"
 #include "plexa/app/Peer.hpp"
+#include "plexa/app/Version.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 
 #include <QElapsedTimer>
@@ -51,6 +52,6 @@ int main()
     std::fprintf(stderr, "mirror: the change did not arrive\n");
     return 1;
   }
-  std::printf("mirror: done\n");
+  std::printf("mirror: done (Plexa %s)\n", qPrintable(Plexa::version()));
   return 0;
 }

@@ -17,8 +17,8 @@ namespace Carafe
 
   /// An attribute holding one value of type T (needs `T::operator==` and a `toText(const T&)`).
   /// Instantiated in the library for bool, int, unsigned int, long, unsigned long, float, double,
-  /// QString, QStringList, Color, ColorPMA, TimeStamp, Vector2T/3T/4T<int/float>,
-  /// RectT<int/float/double>, SizeT<int/float> and Matrix2T/3T/4T<float>.
+  /// QString, QStringList, Color, ColorPMA, TimeStamp, `Vector2T/3T/4T<int/float>`,
+  /// `RectT<int/float/double>`, `SizeT<int/float>` and `Matrix2T/3T/4T<float>`.
   template <typename T, typename Tag = void>
   class AttributeT : public Attribute
   {

@@ -10,7 +10,6 @@
 #include "plexa/net/WriterThread.hpp"
 
 #include <exception>
-#include <tuple>
 
 namespace Plexa
 {
@@ -111,18 +110,15 @@ namespace Plexa
   bool ConnectionThread::remoteVersion(int major, int minor, int patch) const
   {
     Bastion::Guard guard(m_infoMutex);
-    return std::make_tuple(m_remoteMajor, m_remoteMinor, m_remotePatch) >= std::make_tuple(major, minor, patch);
+    return m_remoteVersion >= QVersionNumber(major, minor, patch);
   }
 
   void ConnectionThread::setRemoteVersion(int major, int minor, int patch, const QString& suffix)
   {
     Bastion::Guard guard(m_infoMutex);
-    m_remoteMajor = major;
-    m_remoteMinor = minor;
-    m_remotePatch = patch;
+    m_remoteVersion = QVersionNumber(major, minor, patch);
     m_remoteSuffix = suffix;
-    m_remoteVersionText = suffix.isEmpty() ? QString("%1.%2.%3").arg(major).arg(minor).arg(patch)
-                                           : QString("%1.%2.%3-%4").arg(major).arg(minor).arg(patch).arg(suffix);
+    m_remoteVersionText = suffix.isEmpty() ? m_remoteVersion.toString() : m_remoteVersion.toString() + '-' + suffix;
   }
 
   bool ConnectionThread::isPlexa15Supported() const

@@ -12,6 +12,7 @@
 #include <QList>
 #include <QMap>
 #include <QString>
+#include <QVersionNumber>
 
 #include <atomic>
 #include <cstdint>
@@ -244,9 +245,8 @@ namespace Plexa
     const bool m_accepted;
 
     mutable Bastion::Mutex m_infoMutex;
-    int m_remoteMajor BASTION_GUARDED_BY(m_infoMutex) = 0;
-    int m_remoteMinor BASTION_GUARDED_BY(m_infoMutex) = 0;
-    int m_remotePatch BASTION_GUARDED_BY(m_infoMutex) = 0;
+    // Null before a handshake, which compares below every version.
+    QVersionNumber m_remoteVersion BASTION_GUARDED_BY(m_infoMutex);
     QString m_remoteSuffix BASTION_GUARDED_BY(m_infoMutex);
     QString m_remoteVersionText BASTION_GUARDED_BY(m_infoMutex);
     QString m_host BASTION_GUARDED_BY(m_infoMutex);

@@ -51,7 +51,9 @@ namespace Plexa
   {
     eventAddOut("initialized");
     eventAddOut("destroyed");
-    setSyncFlags(QRegExp("(^|/)id$", Qt::CaseSensitive, QRegExp::RegExp), SyncFlags::None);
+    setSyncFlags(QRegularExpression(QRegularExpression::anchoredPattern("(.*/)?id"),
+                                    QRegularExpression::DotMatchesEverythingOption),
+               SyncFlags::None);
     m_syncFlagSettings.back().idRule = true;
     m_watcher = std::make_unique<NodeWatcher>(m_registry, m_cache);
     m_watcher->addListener([this](const NodeWatcher::Event& e) { handleAttributeChange(e); });
@@ -264,9 +266,9 @@ namespace Plexa
       entry.second(m_cache.find(symbol));
   }
 
-  bool RemoteNode::matches(const QRegExp& pattern, const QByteArray& path) const
+  bool RemoteNode::matches(const QRegularExpression& pattern, const QByteArray& path) const
   {
-    return pattern.indexIn(QString::fromUtf8(path)) >= 0;
+    return pattern.match(QString::fromUtf8(path)).hasMatch();
   }
 
   void RemoteNode::addAttributeListener(uint32_t symbol, const PendingAttributeListener& listener)
@@ -275,7 +277,7 @@ namespace Plexa
     queueNotify(symbol);
   }
 
-  void RemoteNode::onChangeImpl(const QRegExp& pattern, AttributeCallback callback)
+  void RemoteNode::onChangeImpl(const QRegularExpression& pattern, AttributeCallback callback)
   {
     m_pendingListeners.push_back({pattern, std::move(callback), m_nextAttributeListenerKey++});
     const PendingAttributeListener listener = m_pendingListeners.back();
@@ -288,7 +290,7 @@ namespace Plexa
   void RemoteNode::checkForPendingListeners(uint32_t symbol, const QString& path)
   {
     for (const PendingAttributeListener& listener : m_pendingListeners) {
-      if (listener.pattern.indexIn(path) >= 0)
+      if (listener.pattern.match(path).hasMatch())
         addAttributeListener(symbol, listener);
     }
   }
@@ -296,21 +298,23 @@ namespace Plexa
   // ---------------------------------------------------------------------------------------------
   // Sync flags and paths
 
-  QRegExp RemoteNode::makeRegExp(const QString& pattern)
+  QRegularExpression RemoteNode::makeRegExp(const QString& pattern)
   {
-    QString rx = QRegExp::escape(pattern);
+    QString rx = QRegularExpression::escape(pattern);
     rx.replace(QLatin1String("\\*\\*"), QLatin1String(".+"));
     rx.replace(QLatin1String("\\*"), QLatin1String("[^/]+"));
-    return QRegExp(QLatin1Char('^') + rx + QLatin1Char('$'), Qt::CaseSensitive, QRegExp::RegExp);
+    // Anchored with \A and \z, not ^ and $: "$" would also match before a final newline, and a
+    // path is any text a peer sends. "**" spans newlines too.
+    return QRegularExpression(QRegularExpression::anchoredPattern(rx), QRegularExpression::DotMatchesEverythingOption);
   }
 
-  void RemoteNode::setSyncFlags(const QRegExp& pattern, SyncFlags::Flag flag)
+  void RemoteNode::setSyncFlags(const QRegularExpression& pattern, SyncFlags::Flag flag)
   {
     updateSyncFlags(pattern, flag);
     m_syncFlagSettings.push_back({pattern, flag});
   }
 
-  void RemoteNode::updateSyncFlags(const QRegExp& pattern, SyncFlags::Flag flag)
+  void RemoteNode::updateSyncFlags(const QRegularExpression& pattern, SyncFlags::Flag flag)
   {
     walkAttributesWithPath(*this, [&](Carafe::Attribute&, const QByteArray& path) {
       if (matches(pattern, path))
@@ -337,7 +341,7 @@ namespace Plexa
   {
     if (setting.idRule)
       return path == "id" || path.endsWith("/id");
-    return setting.pattern.indexIn(text) >= 0;
+    return setting.pattern.match(text).hasMatch();
   }
 
   bool RemoteNode::addDeepAttribute(const QByteArray& path, Carafe::Attribute* attribute)

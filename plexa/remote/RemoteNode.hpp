@@ -9,7 +9,7 @@
 #include "bastion/SymbolRegistry.hpp"
 #include "carafe/Node.hpp"
 
-#include <QRegExp>
+#include <QRegularExpression>
 
 #include <atomic>
 #include <functional>
@@ -51,7 +51,7 @@ namespace Plexa
 
     struct PendingAttributeListener
     {
-      QRegExp pattern;
+      QRegularExpression pattern;
       AttributeCallback callback;
       /// Key of the callback in the per-symbol tables: one registration per symbol, however
       /// often the attribute is found (by the walk, by its addition, again after a re-addition).
@@ -60,7 +60,7 @@ namespace Plexa
 
     struct SyncFlagSetting
     {
-      QRegExp pattern;
+      QRegularExpression pattern;
       SyncFlags::Flag flag;
       /// The built-in rule for attributes named id: matched by name, without the expression, as
       /// it is checked for every attribute added.
@@ -107,13 +107,13 @@ namespace Plexa
     /// Calls `callback` (at the next `update()`, then once per update in which the attribute
     /// changed) for every attribute whose path matches `pattern`, now and added later. The
     /// argument is null when the attribute went away. Application thread only.
-    void onChangeImpl(const QRegExp& pattern, AttributeCallback callback);
+    void onChangeImpl(const QRegularExpression& pattern, AttributeCallback callback);
 
     /// Sets the sync flags of every attribute whose path matches `pattern`, now and added later;
     /// a later setting overrides an earlier one for the paths both match.
-    void setSyncFlags(const QRegExp& pattern, SyncFlags::Flag flag);
+    void setSyncFlags(const QRegularExpression& pattern, SyncFlags::Flag flag);
     /// Applies a setting to the present attributes.
-    void updateSyncFlags(const QRegExp& pattern, SyncFlags::Flag flag);
+    void updateSyncFlags(const QRegularExpression& pattern, SyncFlags::Flag flag);
     /// Applies every setting, in order, to one newly added attribute.
     void checkForSyncFlags(uint32_t symbol);
 
@@ -123,10 +123,10 @@ namespace Plexa
     bool addDeepAttribute(const QByteArray& path, Carafe::Attribute* attribute);
     bool addNode(const QByteArray& path, Carafe::Node* node);
 
-    /// Turns a path pattern into an anchored regular expression: "*" matches one path component
-    /// (one or more characters without '/'), "**" one or more characters including '/', every
-    /// other character stands for itself.
-    static QRegExp makeRegExp(const QString& pattern);
+    /// Turns a path pattern into a regular expression that must match the whole path: "*" matches
+    /// one path component (one or more characters without '/'), "**" one or more characters of
+    /// any kind including '/', every other character stands for itself.
+    static QRegularExpression makeRegExp(const QString& pattern);
 
     Bastion::SymbolRegistry& symbolRegistry() { return m_registry; }
     AttributeCache& attributeCache() { return m_cache; }
@@ -171,7 +171,7 @@ namespace Plexa
     void addAttributeListener(uint32_t symbol, const PendingAttributeListener& listener);
     void queueNotify(uint32_t symbol);
     void runListeners(uint32_t symbol);
-    bool matches(const QRegExp& pattern, const QByteArray& path) const;
+    bool matches(const QRegularExpression& pattern, const QByteArray& path) const;
     static bool matches(const SyncFlagSetting& setting, const QByteArray& path, const QString& text);
 
     SliceAssembler m_slices;

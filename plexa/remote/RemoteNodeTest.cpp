@@ -296,7 +296,7 @@ TEST(RemoteNodeTest, SyncFlagsApplyToPresentAndFutureAttributes)
 TEST(RemoteNodeTest, WildcardsBecomeAnchoredExpressions)
 {
   const auto match = [](const char* pattern, const char* path) {
-    return RemoteNode::makeRegExp(pattern).indexIn(QString::fromUtf8(path)) >= 0;
+    return RemoteNode::makeRegExp(pattern).match(QString::fromUtf8(path)).hasMatch();
   };
   EXPECT_TRUE(match("a/*/b", "a/x/b"));
   EXPECT_FALSE(match("a/*/b", "a/x/y/b"));
@@ -312,6 +312,13 @@ TEST(RemoteNodeTest, WildcardsBecomeAnchoredExpressions)
   EXPECT_FALSE(match("**", ""));
   EXPECT_TRUE(match("(x)[1]", "(x)[1]"));
   EXPECT_FALSE(match("A", "a"));
+  // A peer's path may hold any character: a final newline is not the end, "**" spans lines.
+  EXPECT_FALSE(match("a", "a\n"));
+  EXPECT_TRUE(match("a/**", "a/x\ny"));
+  EXPECT_TRUE(match("a/*", "a/x\ny"));
+  EXPECT_TRUE(match("a\\b/*", "a\\b/c"));
+  EXPECT_TRUE(match("\xc3\xa9t\xc3\xa9/*", "\xc3\xa9t\xc3\xa9/x"));
+  EXPECT_TRUE(match("a/*", "a/\xed\xa0\x80\xff"));
 }
 
 TEST(RemoteNodeTest, AddDeepAttributeCreatesTheNodesOnTheWay)

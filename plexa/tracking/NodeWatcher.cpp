@@ -10,6 +10,8 @@
 #include "carafe/ListenerHolder.hpp"
 #include "carafe/Node.hpp"
 
+#include <QVarLengthArray>
+
 #include <algorithm>
 #include <atomic>
 #include <deque>
@@ -207,31 +209,7 @@ namespace Plexa
     };
     /// The listeners of one (object, path): one for an attribute, three at most for a node, so
     /// they are kept inline and a tree of many attributes costs no allocation per entry here.
-    class InstalledList
-    {
-    public:
-      void push_back(const Installed& entry)
-      {
-        if (m_count < Inline)
-          m_inline[m_count++] = entry;
-        else
-          m_more.push_back(entry);
-      }
-      template <typename F>
-      void forEach(F&& f) const
-      {
-        for (size_t i = 0; i < m_count; ++i)
-          f(m_inline[i]);
-        for (const Installed& entry : m_more)
-          f(entry);
-      }
-
-    private:
-      static constexpr size_t Inline = 3;
-      Installed m_inline[Inline];
-      size_t m_count = 0;
-      std::vector<Installed> m_more;
-    };
+    using InstalledList = QVarLengthArray<Installed, 3>;
     std::unordered_map<ObjectPath, InstalledList, ObjectPathHash> m_installed;
 
     mutable std::mutex m_aliasMutex;
@@ -390,12 +368,12 @@ namespace Plexa
       return;
     const InstalledList installed = std::move(it->second);
     m_installed.erase(it);
-    installed.forEach([object](const Installed& entry) {
+    for (const Installed& entry : installed) {
       if (entry.nodeEvent)
         static_cast<Carafe::Node*>(object)->eventRemoveListener(entry.id);
       else
         object->removeListener(entry.id);
-    });
+    }
   }
 
   // Additions and removals walk the tree with explicit stacks rather than recursion, so that a

@@ -231,6 +231,16 @@ TEST_F(CliEndToEnd, FetchedFilesHaveTheChecksumsOfTheOriginals)
   EXPECT_EQ(QDir(into).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), (QStringList{"big.bin", "deep", "empty"}));
 }
 
+TEST_F(CliEndToEnd, VersionNamesTheProgramTheLibraryAndTheProtocol)
+{
+  for (const char* option : {"--version", "-V"}) {
+    auto p = run({option});
+    EXPECT_EQ(status, 0) << option;
+    EXPECT_EQ(p->out().toStdString(),
+              "plexa " PLEXA_PROJECT_VERSION "\nlibrary " PLEXA_PROJECT_VERSION "\nprotocol Orrery 2.7.2\n");
+  }
+}
+
 TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
 {
   auto p = run({"dump", "localhost"});

@@ -11,6 +11,7 @@
 #include "WatchCommand.hpp"
 
 #include "bastion/Log.hpp"
+#include "plexa/app/Version.hpp"
 #include "plexa/net/SharedKey.hpp"
 
 namespace Plexa
@@ -50,8 +51,15 @@ namespace Plexa
                      "Keeps a tree of typed attributes identical between two processes over TCP.\n\nCommands:\n";
       for (const std::unique_ptr<Command>& command : m_commands)
         text += QString("  %1%2\n").arg(command->name().leftJustified(8), command->summary());
-      text += "\n'plexa COMMAND --help' shows a command's options.";
+      text += "\n'plexa COMMAND --help' shows a command's options, 'plexa --version' (-V) the versions.";
       return text;
+    }
+
+    QString CommandLine::versionText()
+    {
+      // The library is loaded at run time and may come from another build than the program.
+      return QString("plexa %1\nlibrary %2\nprotocol %3")
+        .arg(QStringLiteral(PLEXA_TOOL_VERSION), Plexa::version(), Plexa::protocolVersion());
     }
 
     QString CommandLine::helpText(const Command& command, const QCommandLineParser& parser) const
@@ -79,6 +87,10 @@ namespace Plexa
           return ExitOk;
         }
         return run(QStringList{arguments.value(0), command->name(), "--help"});
+      }
+      if (name == "-V" || name == "--version") {
+        m_console.out(versionText());
+        return ExitOk;
       }
       Command* command = find(name);
       if (!command) {

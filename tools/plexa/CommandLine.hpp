@@ -27,6 +27,8 @@ namespace Plexa
 
       /// The overview: usage and the list of commands.
       QString overview() const;
+      /// `plexa --version`: the program's version, the library's and the handshake's version line.
+      static QString versionText();
 
     private:
       Command* find(const QString& name) const;
