@@ -15,8 +15,10 @@
 #include "plexa/app/TrafficMeter.hpp"
 #include "plexa/files/AssetBase.hpp"
 #include "plexa/net/ConnectionThread.hpp"
+#include "plexa/net/WriterThread.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleController.hpp"
+#include "plexa/session/Core.hpp"
 
 #include <algorithm>
 #include <atomic>
@@ -401,6 +403,33 @@ namespace Plexa
       wake();
     }
 
+    bool flush(int timeoutMs)
+    {
+      node.processPendingAdditions();
+      update();
+      const Clock::time_point end = Clock::now() + std::chrono::milliseconds(std::max(0, timeoutMs));
+      for (const Session& s : sessions) {
+        const std::shared_ptr<ConnectionThread> connection = s.session->connection();
+        if (!connection || s.session->hasEnded())
+          continue;
+        const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+        if (!connection->writerThread()->waitForWritten(timeoutMs < 0 ? -1 : int(std::max(0LL, left))))
+          return false;
+      }
+      return true;
+    }
+
+    bool allSentAcknowledged() const
+    {
+      for (const Session& s : sessions) {
+        const std::shared_ptr<BundleController> controller = s.session->controller();
+        const std::shared_ptr<Core> core = controller ? controller->core() : nullptr;
+        if (s.reported && core && !core->allSentAcknowledged())
+          return false;
+      }
+      return true;
+    }
+
     bool listen(const QString& host, int port, QString* error)
     {
       if (server) {
@@ -546,6 +575,16 @@ namespace Plexa
   void Peer::wake()
   {
     d->wake();
+  }
+
+  bool Peer::flush(int timeoutMs)
+  {
+    return d->flush(timeoutMs);
+  }
+
+  bool Peer::allSentAcknowledged() const
+  {
+    return d->allSentAcknowledged();
   }
 
   int Peer::sessionCount() const

@@ -111,6 +111,16 @@ namespace Plexa
     /// Makes a waiting `waitAndUpdate` return at once. Any thread.
     void wake();
 
+    /// Runs `update()`, so that this side's changes are queued, then blocks until every live
+    /// connection has written all that is queued for it to its socket, or `timeoutMs` passed
+    /// (negative: no limit). True when all was written. A client session that still holds back
+    /// (see above) has sent nothing yet. Written is not received: see `allSentAcknowledged`.
+    bool flush(int timeoutMs);
+    /// True when in every live session the peer has acknowledged every bundle sent to it, i.e.
+    /// has received and applied them. A peer acknowledges with the bundles it sends, so one that
+    /// sends nothing back acknowledges nothing. Changes at updates.
+    bool allSentAcknowledged() const;
+
     /// Live sessions (established connections). Changes at updates, together with the connection
     /// callback.
     int sessionCount() const;
