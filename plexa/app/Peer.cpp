@@ -4,7 +4,6 @@
 #include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "bastion/Mutex.hpp"
-#include "bastion/TCPServerSocket.hpp"
 #include "bastion/ThreadSafety.hpp"
 #include "carafe/Node.hpp"
 #include "plexa/app/FileSessionConnection.hpp"
@@ -32,8 +31,6 @@ namespace Plexa
   {
     using Clock = std::chrono::steady_clock;
 
-    /// How long `listen` waits for the server's thread to bind an address that a probe could bind.
-    constexpr int BindWaitMs = 5000;
     /// How long a client session holds back its own announcement when the peer sends no
     /// "initialized": a peer that never does would otherwise never hear from it.
     constexpr int ClientHoldMs = 2000;
@@ -437,28 +434,18 @@ namespace Plexa
           *error = QStringLiteral("already listening on port %1").arg(server->localPort());
         return false;
       }
-      // The server's own thread retries a busy address for ever; a probe tells the caller now.
-      {
-        Bastion::TCPServerSocket probe;
-        const int result = probe.open(host.toUtf8().constData(), port, 1);
-        if (result != 0) {
-          if (error)
-            *error = QStringLiteral("cannot listen on %1:%2: %3")
-                       .arg(host)
-                       .arg(port)
-                       .arg(QString::fromLocal8Bit(std::strerror(result)));
-          return false;
-        }
-      }
+      // The server reports its one bind attempt; a busy address is the caller's to retry.
       server.reset(new PeerServer(factory, options.maxConnections));
+      server->setRetryBind(false);
       server->run(host, port);
-      const Clock::time_point end = Clock::now() + std::chrono::milliseconds(BindWaitMs);
-      while (server->localPort() == 0 && Clock::now() < end)
-        server->waitEnd(5);
-      if (server->localPort() == 0) {
+      const int result = server->waitForBind();
+      if (result != 0) {
         server.reset();
         if (error)
-          *error = QStringLiteral("cannot listen on %1:%2: the address was taken meanwhile").arg(host).arg(port);
+          *error = QStringLiteral("cannot listen on %1:%2: %3")
+                     .arg(host)
+                     .arg(port)
+                     .arg(QString::fromLocal8Bit(std::strerror(result)));
         return false;
       }
       return true;
