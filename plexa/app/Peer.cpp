@@ -32,8 +32,10 @@ namespace Plexa
     using Clock = std::chrono::steady_clock;
 
     /// How long a client session holds back its own announcement when the peer sends no
-    /// "initialized": a peer that never does would otherwise never hear from it.
-    constexpr int ClientHoldMs = 2000;
+    /// "initialized": a peer that never does would otherwise never hear from it. The peer's
+    /// "initialized" comes behind its whole tree, so this must cover a large tree on a slow link:
+    /// released too early, the two announcements cross and swap values.
+    constexpr int ClientHoldMs = 5000;
   }
 
   class Peer::D : public SessionHost
