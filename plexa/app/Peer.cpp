@@ -21,9 +21,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <vector>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace Plexa
 {
@@ -73,7 +78,10 @@ namespace Plexa
       , traffic(std::make_shared<TrafficMeter>())
       , assets(options.fileRoot.isEmpty() ? nullptr : new AssetBase(options.fileRoot))
       , factory(*this, traffic, assets.get())
+      , wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
     {
+      if (wakeFd < 0)
+        Bastion::error("Peer::Peer # No wake-up descriptor for an event loop: %s", std::strerror(errno));
       // Tree changes happen on the application thread between two waits; additions are only
       // reported by the watcher's update, which `waitAndUpdate` runs before it waits.
       changeListener = node.addAttributeChangeListener([this](const NodeWatcher::Event&) { wake(); });
@@ -88,6 +96,8 @@ namespace Plexa
       sessions.clear();
       node.removeAttributeChangeListener(changeListener);
       node.removeEventLIstener(eventListener);
+      if (wakeFd >= 0)
+        ::close(wakeFd);
     }
 
     // ---- SessionHost: connection threads ----
@@ -131,6 +141,20 @@ namespace Plexa
         Bastion::Guard guard(wakeMutex);
       }
       wakeCondition.wakeAll();
+      if (wakeFd >= 0) {
+        const uint64_t one = 1;
+        // Fails only when the counter is full, and then the descriptor is readable anyway.
+        if (::write(wakeFd, &one, sizeof(one)) < 0) {
+        }
+      }
+    }
+
+    /// Empties the event loop's descriptor, which a wake has made readable.
+    void drainWakeDescriptor()
+    {
+      uint64_t count = 0;
+      if (wakeFd >= 0 && ::read(wakeFd, &count, sizeof(count)) < 0) {
+      }
     }
 
     // ---- application thread ----
@@ -145,7 +169,19 @@ namespace Plexa
           break;
         wakeCondition.wait(wakeMutex, int(std::min<long long>(left, 1 << 30)));
       }
+      drainWakeDescriptor();
       woken.store(false);
+    }
+
+    int updateOnWake()
+    {
+      // Emptied before the flag is cleared: a wake after the clearing makes it readable again, one
+      // before it finds the flag set and is served by this update.
+      drainWakeDescriptor();
+      woken.store(false);
+      update();
+      const int limit = waitLimit(INT_MAX);
+      return limit == INT_MAX ? -1 : limit;
     }
 
     /// `maxWaitMs`, or less when a fetch's time limit or a held session's hold ends sooner.
@@ -500,6 +536,8 @@ namespace Plexa
     const PeerConnectionFactory factory;
     long changeListener = -1;
     long eventListener = -1;
+    /// Readable after a wake, for an event loop that drives the Peer (an eventfd; -1 if none).
+    const int wakeFd;
 
     // Application thread only.
     std::unique_ptr<PeerServer> server;
@@ -574,6 +612,21 @@ namespace Plexa
   bool Peer::allSentAcknowledged() const
   {
     return d->allSentAcknowledged();
+  }
+
+  int Peer::wakeDescriptor() const
+  {
+    return d->wakeFd;
+  }
+
+  int Peer::updateOnWake()
+  {
+    return d->updateOnWake();
+  }
+
+  void Peer::prepareToWait()
+  {
+    d->node.processPendingAdditions();
   }
 
   int Peer::sessionCount() const
