@@ -22,8 +22,9 @@ namespace Plexa
   /// signals below: do not set them on the Peer while a driver exists. Signals are emitted on the
   /// driver's thread, from inside the update: a slot that wants the driver gone uses deleteLater().
   ///
-  /// The driver belongs to the thread that owns the Peer's tree, whose event loop must run; the
-  /// Peer must outlive the driver.
+  /// The driver belongs to the thread that owns the Peer's tree, whose event loop must run; make
+  /// it once that thread has its event dispatcher (for the main thread: after QCoreApplication).
+  /// The Peer must outlive the driver.
   class QtPeerDriver : public QObject
   {
     Q_OBJECT
