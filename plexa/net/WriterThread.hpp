@@ -84,7 +84,8 @@ namespace Plexa
     bool waitForDrain(int64_t bytes, int timeoutMs);
     /// Blocks the caller until nothing is queued and no entry is being written, i.e. every entry
     /// handed over so far has gone to the socket, the loop stopped (stop, write error, ping
-    /// timeout), or `timeoutMs` passed (negative: no limit). True only in the first case.
+    /// timeout), or `timeoutMs` passed (negative: no limit). True only in the first case. Not on
+    /// the writer thread (a task), which would wait for itself.
     bool waitForWritten(int timeoutMs);
 
   protected:
