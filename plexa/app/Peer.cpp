@@ -4,7 +4,6 @@
 #include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "bastion/Mutex.hpp"
-#include "bastion/TCPServerSocket.hpp"
 #include "bastion/ThreadSafety.hpp"
 #include "carafe/Node.hpp"
 #include "plexa/app/FileSessionConnection.hpp"
@@ -16,14 +15,21 @@
 #include "plexa/files/AssetBase.hpp"
 #include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/net/ConnectionThread.hpp"
+#include "plexa/net/WriterThread.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleController.hpp"
+#include "plexa/session/Core.hpp"
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <vector>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace Plexa
 {
@@ -31,11 +37,11 @@ namespace Plexa
   {
     using Clock = std::chrono::steady_clock;
 
-    /// How long `listen` waits for the server's thread to bind an address that a probe could bind.
-    constexpr int BindWaitMs = 5000;
     /// How long a client session holds back its own announcement when the peer sends no
-    /// "initialized": a peer that never does would otherwise never hear from it.
-    constexpr int ClientHoldMs = 2000;
+    /// "initialized": a peer that never does would otherwise never hear from it. The peer's
+    /// "initialized" comes behind its whole tree, so this must cover a large tree on a slow link:
+    /// released too early, the two announcements cross and swap values.
+    constexpr int ClientHoldMs = 5000;
   }
 
   class Peer::D : public SessionHost
@@ -73,7 +79,10 @@ namespace Plexa
       , traffic(std::make_shared<TrafficMeter>())
       , assets(options.fileRoot.isEmpty() ? nullptr : new AssetBase(options.fileRoot))
       , factory(*this, traffic, assets.get())
+      , wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
     {
+      if (wakeFd < 0)
+        Bastion::error("Peer::Peer # No wake-up descriptor for an event loop: %s", std::strerror(errno));
       // Tree changes happen on the application thread between two waits; additions are only
       // reported by the watcher's update, which `waitAndUpdate` runs before it waits.
       changeListener = node.addAttributeChangeListener([this](const NodeWatcher::Event&) { wake(); });
@@ -88,6 +97,8 @@ namespace Plexa
       sessions.clear();
       node.removeAttributeChangeListener(changeListener);
       node.removeEventLIstener(eventListener);
+      if (wakeFd >= 0)
+        ::close(wakeFd);
     }
 
     // ---- SessionHost: connection threads ----
@@ -131,6 +142,20 @@ namespace Plexa
         Bastion::Guard guard(wakeMutex);
       }
       wakeCondition.wakeAll();
+      if (wakeFd >= 0) {
+        const uint64_t one = 1;
+        // Fails only when the counter is full, and then the descriptor is readable anyway.
+        if (::write(wakeFd, &one, sizeof(one)) < 0) {
+        }
+      }
+    }
+
+    /// Empties the event loop's descriptor, which a wake has made readable.
+    void drainWakeDescriptor()
+    {
+      uint64_t count = 0;
+      if (wakeFd >= 0 && ::read(wakeFd, &count, sizeof(count)) < 0) {
+      }
     }
 
     // ---- application thread ----
@@ -145,7 +170,19 @@ namespace Plexa
           break;
         wakeCondition.wait(wakeMutex, int(std::min<long long>(left, 1 << 30)));
       }
+      drainWakeDescriptor();
       woken.store(false);
+    }
+
+    int updateOnWake()
+    {
+      // Emptied before the flag is cleared: a wake after the clearing makes it readable again, one
+      // before it finds the flag set and is served by this update.
+      drainWakeDescriptor();
+      woken.store(false);
+      update();
+      const int limit = waitLimit(INT_MAX);
+      return limit == INT_MAX ? -1 : limit;
     }
 
     /// `maxWaitMs`, or less when a fetch's time limit or a held session's hold ends sooner.
@@ -406,6 +443,33 @@ namespace Plexa
       wake();
     }
 
+    bool flush(int timeoutMs)
+    {
+      node.processPendingAdditions();
+      update();
+      const Clock::time_point end = Clock::now() + std::chrono::milliseconds(std::max(0, timeoutMs));
+      for (const Session& s : sessions) {
+        const std::shared_ptr<ConnectionThread> connection = s.session->connection();
+        if (!connection || s.session->hasEnded())
+          continue;
+        const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+        if (!connection->writerThread()->waitForWritten(timeoutMs < 0 ? -1 : int(std::max(0LL, left))))
+          return false;
+      }
+      return true;
+    }
+
+    bool allSentAcknowledged() const
+    {
+      for (const Session& s : sessions) {
+        const std::shared_ptr<BundleController> controller = s.session->controller();
+        const std::shared_ptr<Core> core = controller ? controller->core() : nullptr;
+        if (s.reported && core && !core->allSentAcknowledged())
+          return false;
+      }
+      return true;
+    }
+
     bool listen(const QString& host, int port, QString* error)
     {
       if (server) {
@@ -413,28 +477,18 @@ namespace Plexa
           *error = QStringLiteral("already listening on port %1").arg(server->localPort());
         return false;
       }
-      // The server's own thread retries a busy address for ever; a probe tells the caller now.
-      {
-        Bastion::TCPServerSocket probe;
-        const int result = probe.open(host.toUtf8().constData(), port, 1);
-        if (result != 0) {
-          if (error)
-            *error = QStringLiteral("cannot listen on %1:%2: %3")
-                       .arg(host)
-                       .arg(port)
-                       .arg(QString::fromLocal8Bit(std::strerror(result)));
-          return false;
-        }
-      }
+      // The server reports its one bind attempt; a busy address is the caller's to retry.
       server.reset(new PeerServer(factory, options.maxConnections));
+      server->setRetryBind(false);
       server->run(host, port);
-      const Clock::time_point end = Clock::now() + std::chrono::milliseconds(BindWaitMs);
-      while (server->localPort() == 0 && Clock::now() < end)
-        server->waitEnd(5);
-      if (server->localPort() == 0) {
+      const int result = server->waitForBind();
+      if (result != 0) {
         server.reset();
         if (error)
-          *error = QStringLiteral("cannot listen on %1:%2: the address was taken meanwhile").arg(host).arg(port);
+          *error = QStringLiteral("cannot listen on %1:%2: %3")
+                     .arg(host)
+                     .arg(port)
+                     .arg(QString::fromLocal8Bit(std::strerror(result)));
         return false;
       }
       return true;
@@ -487,6 +541,8 @@ namespace Plexa
     const PeerConnectionFactory factory;
     long changeListener = -1;
     long eventListener = -1;
+    /// Readable after a wake, for an event loop that drives the Peer (an eventfd; -1 if none).
+    const int wakeFd;
 
     // Application thread only.
     std::unique_ptr<PeerServer> server;
@@ -551,6 +607,31 @@ namespace Plexa
   void Peer::wake()
   {
     d->wake();
+  }
+
+  bool Peer::flush(int timeoutMs)
+  {
+    return d->flush(timeoutMs);
+  }
+
+  bool Peer::allSentAcknowledged() const
+  {
+    return d->allSentAcknowledged();
+  }
+
+  int Peer::wakeDescriptor() const
+  {
+    return d->wakeFd;
+  }
+
+  int Peer::updateOnWake()
+  {
+    return d->updateOnWake();
+  }
+
+  void Peer::prepareToWait()
+  {
+    d->node.processPendingAdditions();
   }
 
   int Peer::sessionCount() const

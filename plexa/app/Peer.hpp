@@ -90,6 +90,8 @@ namespace Plexa
   ///     peer.connectTo("127.0.0.1", 4711);
   ///     for (;;)
   ///       peer.waitAndUpdate(100);   // returns early when bundles arrive or the tree changes
+  ///
+  /// In a Qt application, a `QtPeerDriver` runs the updates from the event loop instead.
   class Peer
   {
   public:
@@ -121,6 +123,28 @@ namespace Plexa
     void waitAndUpdate(int maxWaitMs);
     /// Makes a waiting `waitAndUpdate` return at once. Any thread.
     void wake();
+
+    /// For an event loop that drives the Peer instead of `waitAndUpdate` (`QtPeerDriver` does it
+    /// for Qt's): a descriptor that turns readable whenever `waitAndUpdate` would return early.
+    /// The Peer owns it; only watch it. -1 when the system had no descriptor to give.
+    int wakeDescriptor() const;
+    /// The event loop's turn, when the descriptor turned readable or the time returned last is
+    /// up: takes the wake-up and runs `update()`. Returns the milliseconds until `update()` must
+    /// run for a time limit (a fetch, a held client session), -1 when there is none.
+    int updateOnWake();
+    /// Reports the tree's pending additions, which wake the Peer: the event loop calls it each
+    /// time before it blocks, as `waitAndUpdate` does before it waits.
+    void prepareToWait();
+
+    /// Runs `update()`, so that this side's changes are queued, then blocks until every live
+    /// connection has written all that is queued for it to its socket, or `timeoutMs` passed
+    /// (negative: no limit). True when all was written. A client session that still holds back
+    /// (see above) has sent nothing yet. Written is not received: see `allSentAcknowledged`.
+    bool flush(int timeoutMs);
+    /// True when in every live session the peer has acknowledged every bundle sent to it, i.e.
+    /// has received and applied them. A peer acknowledges with the bundles it sends, so one that
+    /// sends nothing back acknowledges nothing. Changes at updates.
+    bool allSentAcknowledged() const;
 
     /// Live sessions (established connections). Changes at updates, together with the connection
     /// callback.

@@ -46,6 +46,10 @@ namespace Plexa
       m_host = host;
       m_port = port;
     }
+    {
+      Bastion::Guard guard(m_waitMutex);
+      m_bindResult = BindPending;
+    }
     Bastion::Thread::run();
   }
 
@@ -54,6 +58,27 @@ namespace Plexa
     Bastion::Guard guard(m_configMutex);
     m_autoFirewallRules = enabled;
     m_firewallRuleName = ruleName;
+  }
+
+  void ServerBase::setRetryBind(bool retry)
+  {
+    Bastion::Guard guard(m_configMutex);
+    m_retryBind = retry;
+  }
+
+  int ServerBase::waitForBind()
+  {
+    Bastion::Guard guard(m_waitMutex);
+    while (m_bindResult == BindPending)
+      m_waitCondition.wait(m_waitMutex, -1);
+    return m_bindResult;
+  }
+
+  void ServerBase::reportBind(int result)
+  {
+    Bastion::Guard guard(m_waitMutex);
+    m_bindResult = result;
+    m_waitCondition.wakeAll();
   }
 
   std::vector<std::shared_ptr<ConnectionThread>> ServerBase::instances() const
@@ -154,7 +179,7 @@ namespace Plexa
   void ServerBase::connected(std::shared_ptr<ConnectionThread>) {}
   void ServerBase::disconnected(std::shared_ptr<ConnectionThread>) {}
 
-  bool ServerBase::bind()
+  int ServerBase::bind()
   {
     QByteArray host;
     int port = 0;
@@ -169,15 +194,32 @@ namespace Plexa
     }
     if (firewall)
       Bastion::PlatformUtils::openFirewallPortTCP(port, ruleName);
-    return open(host.constData(), port, NetFormat::AcceptBacklog) == 0;
+    return open(host.constData(), port, NetFormat::AcceptBacklog);
   }
 
   void ServerBase::childLoop()
   {
     if (!m_running)
-      return;
-    while (!bind())
     {
+      reportBind(ECANCELED);
+      return;
+    }
+    bool retry = true;
+    {
+      Bastion::Guard guard(m_configMutex);
+      retry = m_retryBind;
+    }
+    for (;;)
+    {
+      const int result = bind();
+      reportBind(result);
+      if (result == 0)
+        break;
+      if (!retry)
+      {
+        m_running = false;
+        return;
+      }
       // A busy port is retried quietly until it frees up or the server is stopped.
       const Bastion::TimeStamp start = Bastion::TimeStamp::getTime();
       Bastion::Guard guard(m_waitMutex);

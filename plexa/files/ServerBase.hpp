@@ -49,6 +49,13 @@ namespace Plexa
     void run(const QString& host, int port);
     /// Asks the platform to open the port before every bind attempt. Takes effect at the next one.
     void setAutoFirewallRules(bool enabled, const QString& ruleName);
+    /// Whether a failed bind is tried again every few seconds (the default) or ends the server's
+    /// thread. Takes effect at the next `run`.
+    void setRetryBind(bool retry);
+    /// Blocks until the server's thread has tried to bind since the last `run`: 0 when the last
+    /// attempt bound the address, else its error number (ECANCELED when the server was stopped
+    /// before it tried). Not on the server's thread.
+    int waitForBind();
     /// The connections accepted and not yet retired (a copy).
     std::vector<std::shared_ptr<ConnectionThread>> instances() const;
     /// Stops accepting (a pending bind retry ends at once); with `stopConnections`, also stops
@@ -83,7 +90,9 @@ namespace Plexa
       long disconnected = -1;
     };
 
-    bool bind();
+    /// One attempt; 0 or the error number.
+    int bind();
+    void reportBind(int result);
     /// Starts and lists a new connection; stops it instead when the server stopped meanwhile.
     void accepted(Bastion::TCPSocket* socket);
     /// True for an accept error that concerns only the connection being taken.
@@ -98,12 +107,17 @@ namespace Plexa
     void forgetListeners(ConnectionThread* connection);
 
     Bastion::Mutex m_waitMutex;
+    /// Woken by `stop` (a pending bind retry ends) and after every bind attempt.
     Bastion::Condition m_waitCondition;
+    /// The result of the last bind attempt; BindPending from `run` until the first.
+    int m_bindResult BASTION_GUARDED_BY(m_waitMutex) = BindPending;
+    static constexpr int BindPending = -1;
 
     mutable Bastion::Mutex m_configMutex;
     QString m_host BASTION_GUARDED_BY(m_configMutex);
     int m_port BASTION_GUARDED_BY(m_configMutex) = 0;
     bool m_autoFirewallRules BASTION_GUARDED_BY(m_configMutex) = false;
+    bool m_retryBind BASTION_GUARDED_BY(m_configMutex) = true;
     QString m_firewallRuleName BASTION_GUARDED_BY(m_configMutex);
 
     std::atomic<bool> m_running{false};

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
@@ -116,9 +117,7 @@ namespace
   int startOnFreePort(TestServer& server)
   {
     server.run("127.0.0.1", 0);
-    for (int i = 0; i < 100 && server.localPort() == 0; ++i)
-      server.waitEnd(20);
-    return server.localPort();
+    return server.waitForBind() == 0 ? server.localPort() : 0;
   }
 
   std::shared_ptr<RecordingConnection> client(int port)
@@ -145,6 +144,7 @@ TEST(ServerBase, BusyPortIsBoundOnceFreeAndStopEndsTheWait)
     TestServer server;
     server.setAutoFirewallRules(true, "plexa-test");
     server.run("127.0.0.1", port);
+    EXPECT_EQ(server.waitForBind(), EADDRINUSE);
     EXPECT_FALSE(server.waitEnd(300));
     EXPECT_EQ(firewallCalls.load(), 1);
     // A second run changes nothing while the thread runs.
@@ -154,6 +154,7 @@ TEST(ServerBase, BusyPortIsBoundOnceFreeAndStopEndsTheWait)
     for (int i = 0; i < 80 && !log.contains(Bastion::LogLevel::Info, listening); ++i)
       server.waitEnd(100);
     EXPECT_TRUE(log.contains(Bastion::LogLevel::Info, listening));
+    EXPECT_EQ(server.waitForBind(), 0);
     EXPECT_EQ(server.localPort(), port);
     EXPECT_EQ(firewallCalls.load(), 2);
     server.stop(false);
@@ -167,6 +168,12 @@ TEST(ServerBase, BusyPortIsBoundOnceFreeAndStopEndsTheWait)
     server.stop(false);
     EXPECT_TRUE(server.waitEnd(1000));
     EXPECT_EQ(log.countContaining("Listening"), 1);
+    // Without retrying, the one failed attempt is reported and ends the thread.
+    server.setRetryBind(false);
+    server.run("127.0.0.1", busy.port());
+    EXPECT_EQ(server.waitForBind(), EADDRINUSE);
+    EXPECT_TRUE(server.waitEnd(1000));
+    EXPECT_FALSE(server.isServing());
   }
   Bastion::PlatformUtils::setFirewallHook(nullptr);
 }

@@ -82,6 +82,7 @@ namespace Plexa
 
     Bastion::Guard guard(m_mutex);
     m_writing = false;
+    wakeWrittenWaitersLocked();
     if (entry.sent < entry.size)
     {
       // The socket took only part of it (or failed): the writer finishes it, ahead of anything
@@ -131,6 +132,7 @@ namespace Plexa
       }
       if (removed > 0)
         callbacks = subtractLocked(removed);
+      wakeWrittenWaitersLocked();
     }
     runDrainCallbacks(callbacks);
   }
@@ -152,6 +154,7 @@ namespace Plexa
     Bastion::Guard guard(m_mutex);
     m_running = false;
     m_condition.wakeAll();
+    wakeWrittenWaitersLocked();
   }
 
   long WriterThread::addDrainListener(int64_t threshold, std::function<void()> callback)
@@ -192,6 +195,30 @@ namespace Plexa
     }
     m_drainWaiters.erase(waiter);
     return below;
+  }
+
+  bool WriterThread::waitForWritten(int timeoutMs)
+  {
+    const Bastion::TimeStamp deadline =
+      Bastion::TimeStamp::getTime() + Bastion::TimeStamp::createSeconds(timeoutMs / 1000.0);
+    Bastion::Guard guard(m_mutex);
+    ++m_writtenWaiters;
+    while (m_running && (!m_queue.empty() || m_writing))
+    {
+      const double left = (deadline - Bastion::TimeStamp::getTime()).secondsD();
+      if (timeoutMs >= 0 && left <= 0)
+        break;
+      m_drained.wait(m_mutex, timeoutMs < 0 ? -1 : int(left * 1000.0) + 1);
+    }
+    --m_writtenWaiters;
+    // A stopped loop may have dropped the entry it was writing: nothing vouches for it.
+    return m_running && m_queue.empty() && !m_writing;
+  }
+
+  void WriterThread::wakeWrittenWaitersLocked()
+  {
+    if (m_writtenWaiters > 0)
+      m_drained.wakeAll();
   }
 
   std::vector<std::function<void()>> WriterThread::subtractLocked(int64_t bytes)
@@ -470,6 +497,7 @@ namespace Plexa
         }
         m_mutex.lock();
         m_writing = false;
+        wakeWrittenWaitersLocked();
         continue;
       }
       if (!keepAliveLocked())
@@ -487,6 +515,7 @@ namespace Plexa
         continue;
       m_condition.wait(m_mutex, wakeMs());
     }
+    wakeWrittenWaitersLocked();
     m_mutex.unlock();
   }
 }

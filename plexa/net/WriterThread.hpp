@@ -83,6 +83,11 @@ namespace Plexa
     /// Blocks the caller until `bufferedDataSize()` is below `bytes` or `timeoutMs` passed
     /// (negative: no limit). True when below.
     bool waitForDrain(int64_t bytes, int timeoutMs);
+    /// Blocks the caller until nothing is queued and no entry is being written, i.e. every entry
+    /// handed over so far has gone to the socket, the loop stopped (stop, write error, ping
+    /// timeout), or `timeoutMs` passed (negative: no limit). True only in the first case. Not on
+    /// the writer thread (a task), which would wait for itself.
+    bool waitForWritten(int timeoutMs);
 
   protected:
     void childLoop() override;
@@ -129,6 +134,8 @@ namespace Plexa
     int wakeMs() const;
     /// The keep-alive step; false when the peer timed out and the loop must end.
     bool keepAliveLocked() BASTION_REQUIRES(m_mutex);
+    /// Wakes the callers of waitForWritten, if any, to look again.
+    void wakeWrittenWaitersLocked() BASTION_REQUIRES(m_mutex);
 
     // Constant after construction.
     ConnectionThread* const m_connection;
@@ -144,6 +151,8 @@ namespace Plexa
     /// Thresholds of the callers inside waitForDrain: m_drained is only woken when the count falls
     /// below one of them, not for every entry taken (that would cost a context switch per entry).
     std::multiset<int64_t> m_drainWaiters BASTION_GUARDED_BY(m_mutex);
+    /// Callers inside waitForWritten: m_drained is also woken when the writer goes idle or stops.
+    int m_writtenWaiters BASTION_GUARDED_BY(m_mutex) = 0;
     /// Changed under m_mutex; read without it by bufferedDataSize().
     std::atomic<int64_t> m_bufferedBytes{0};
     std::atomic<bool> m_running{false};

@@ -90,6 +90,7 @@ TEST(WriterThread, BufferAccountingAndRemovalAcrossRestart)
   ASSERT_TRUE(writer->waitForDrain(1, WaitMs));
   EXPECT_EQ(c.connection->bufferedDataSize(), 0);
   c.connection->writeBufferData("more\n", "x");
+  EXPECT_TRUE(writer->waitForWritten(WaitMs));
   EXPECT_EQ(c.client().readLine(), "more");
   ASSERT_TRUE(writer->waitForDrain(1, WaitMs));
   EXPECT_EQ(c.connection->bufferedDataSize(), 0);
@@ -150,6 +151,9 @@ TEST(WriterThread, StuckPeerMakesWriteTimeOut)
   ASSERT_TRUE(c.start());
   // The peer never reads: the kernel buffers fill and a write blocks, then times out.
   c.connection->writeBufferData(QByteArray(64 << 20, 'x'), QByteArray());
+  // Taken from the queue, but not written: a flush waits for it, and learns when it failed.
+  EXPECT_FALSE(c.connection->writerThread()->waitForWritten(100));
+  EXPECT_FALSE(c.connection->writerThread()->waitForWritten(-1));
   EXPECT_TRUE(c.connection->waitDisconnected(1, 20000));
   EXPECT_TRUE(c.connection->writerThread()->waitEnd(WaitMs));
   EXPECT_EQ(errors.load(), 1);

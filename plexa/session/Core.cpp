@@ -253,6 +253,7 @@ namespace Plexa
   {
     BundleReaderCore reader(&bundle.data(), 0);
     const BundleHeader header = reader.readValue<BundleHeader>();
+    m_peerAcknowledged = header.acknowledged;
     try {
       const auto it = m_receivers.find(header.messageType);
       if (it == m_receivers.end()) {

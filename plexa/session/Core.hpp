@@ -177,6 +177,11 @@ namespace Plexa
     /// The `sequence` of the last dispatched incoming bundle (0 before the first); written into
     /// outgoing bundles as `acknowledged`.
     uint32_t lastDispatched() const { return m_lastDispatched; }
+    /// The `acknowledged` of the last dispatched incoming bundle: the peer has dispatched this
+    /// side's bundles up to that sequence (0 before the first). Taken as the peer sends it.
+    uint32_t peerAcknowledged() const { return m_peerAcknowledged; }
+    /// True when the peer has acknowledged every bundle this side has sent in the session.
+    bool allSentAcknowledged() const { return m_peerAcknowledged >= m_sendCounter - 1; }
     /// The dispatch table; a null receiver marks a type whose bundles are dropped.
     const std::map<uint32_t, std::shared_ptr<BundleReceiver>>& receivers() const { return m_receivers; }
     /// The receivers served by module name when the peer loads them, in registration order.
@@ -246,5 +251,6 @@ namespace Plexa
     std::map<QByteArray, uint32_t> m_outgoingTypes;
     uint32_t m_sendCounter = 1;
     uint32_t m_lastDispatched = 0;
+    uint32_t m_peerAcknowledged = 0;
   };
 }

@@ -67,13 +67,22 @@ namespace
     return port;
   }
 
-  /// Passes bytes between one client and the server at `serverPort` on 127.0.0.1 until the server
-  /// begins to send a file part; from there on it drops all the server sends and keeps both
-  /// connections open: a server that stops sending parts.
+  /// Passes bytes between one client and the server at `serverPort` on 127.0.0.1, and meddles:
+  /// - StallFileParts: once the server begins to send a file part, drops all the server sends and
+  ///   keeps both connections open: a server that stops sending parts.
+  /// - HoldSyncRequest: holds what the client sends from its sync request on for HoldMs, then
+  ///   passes it on: a slow link, whose server acknowledges late.
   class StallingProxy
   {
   public:
-    explicit StallingProxy(int serverPort)
+    enum Mode
+    {
+      StallFileParts,
+      HoldSyncRequest
+    };
+    static constexpr int HoldMs = 2500;
+
+    explicit StallingProxy(int serverPort, Mode mode = StallFileParts) : m_mode(mode)
     {
       m_listener.open("127.0.0.1", 0, 1);
       m_thread = std::thread([this, serverPort] { run(serverPort); });
@@ -98,16 +107,26 @@ namespace
       client->setReadTimeout(5);
       server.setReadTimeout(5);
       const QByteArray cut("filepart");
-      QByteArray fromServer;
+      QByteArray fromServer, fromClient;
       std::vector<char> buffer(65536);
       bool dropping = false;
+      QElapsedTimer held;
       while (!m_stop) {
         const int up = client->read(buffer.data(), int(buffer.size()));
-        if (up > 0)
-          server.write(buffer.data(), up);
+        fromClient.append(buffer.data(), qMax(0, up));
+        if (m_mode == HoldSyncRequest && !held.isValid() && fromClient.contains("plexa.sync"))
+          held.start();
+        if (!held.isValid() || held.elapsed() >= HoldMs) {
+          server.write(fromClient.constData(), fromClient.size());
+          fromClient.clear();
+        }
         const int down = server.read(buffer.data(), int(buffer.size()));
         if (down <= 0 || dropping)
           continue;
+        if (m_mode == HoldSyncRequest) {
+          client->write(buffer.data(), down);
+          continue;
+        }
         fromServer.append(buffer.data(), down);
         const int at = fromServer.indexOf(cut);
         dropping = at >= 0;
@@ -123,6 +142,7 @@ namespace
       }
     }
 
+    const Mode m_mode;
     Bastion::TCPServerSocket m_listener;
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
@@ -424,4 +444,21 @@ TEST_F(CliEndToEnd, FetchGivesUpOnAServerThatIsSilentOrStopsSendingParts)
   EXPECT_LT(clock.elapsed(), 15000);
   EXPECT_TRUE(p->err().endsWith("plexa fetch: /big.bin: the peer stopped sending it: no part arrived for 4 s\n"))
     << p->err().toStdString();
+}
+
+TEST_F(CliEndToEnd, SetWaitsUntilALateServerHasAcknowledgedTheValues)
+{
+  std::unique_ptr<Plexa> server;
+  const QString address = serve(server, {});
+  ASSERT_FALSE(address.isEmpty()) << server->err().toStdString();
+  StallingProxy proxy(address.section(':', 1).toInt(), StallingProxy::HoldSyncRequest);
+  QElapsedTimer clock;
+  clock.start();
+  auto set = run({"set", proxy.address(), "late=41"});
+  EXPECT_EQ(status, 0) << set->err().toStdString();
+  EXPECT_EQ(set->err().toStdString(), "");
+  EXPECT_EQ(set->out().toStdString(), "late (int) = 41\n");
+  EXPECT_GE(clock.elapsed(), StallingProxy::HoldMs);
+  auto dump = run({"dump", address});
+  EXPECT_TRUE(dump->out().contains("late (int) = 41\n")) << dump->out().toStdString();
 }

@@ -17,8 +17,6 @@ namespace Plexa
     {
       /// Longest wait between two looks at the interrupt flag and the clock.
       constexpr int PollMs = 50;
-      /// The writes of an update are done when nothing more was written for this long.
-      constexpr int SettleMs = 100;
     }
 
     ClientConnection::ClientConnection(Peer& peer, const AddressArgument& address, Console& console)
@@ -66,18 +64,7 @@ namespace Plexa
 
     void ClientConnection::finish(int maxMs)
     {
-      QElapsedTimer clock;
-      clock.start();
-      QElapsedTimer settled;
-      settled.start();
-      uint64_t written = m_peer.txBytes();
-      while (clock.elapsed() < maxMs && settled.elapsed() < SettleMs) {
-        m_peer.waitAndUpdate(SettleMs / 4);
-        if (m_peer.txBytes() != written) {
-          written = m_peer.txBytes();
-          settled.restart();
-        }
-      }
+      m_peer.flush(maxMs);
       m_peer.stop();
     }
   }

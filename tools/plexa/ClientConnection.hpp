@@ -34,9 +34,9 @@ namespace Plexa
       /// Connects and drives `peer` until the tree is mirrored, Ctrl-C, or `timeoutSeconds`.
       Outcome connectAndMirror(double timeoutSeconds, QString* error);
 
-      /// Before a client command ends: drives the peer until the bytes of its last updates are
-      /// written (the byte count stayed put for a moment, at most `maxMs`), then closes the
-      /// connection, so that the peer sees a clean end instead of a bundle block cut short.
+      /// Before a client command ends: runs a last update and waits until its bytes are written
+      /// (at most `maxMs`), then closes the connection, so that the peer sees a clean end instead
+      /// of a bundle block cut short.
       void finish(int maxMs = 1000);
 
     private:

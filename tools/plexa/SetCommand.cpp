@@ -12,7 +12,6 @@
 #include "plexa/app/Peer.hpp"
 
 #include <QElapsedTimer>
-#include <QRandomGenerator>
 
 #include <memory>
 
@@ -23,9 +22,6 @@ namespace Plexa
     namespace
     {
       constexpr int PollMs = 50;
-      /// A peer that is not plexa serve never answers the sync request: the values count as
-      /// delivered once they were written and the connection stayed quiet this long.
-      constexpr int QuietMs = 1000;
 
       /// One assignment ready to apply: an existing attribute and its new value, or a new one.
       struct Change
@@ -138,53 +134,42 @@ namespace Plexa
         console.out(QString("%1 (%2) = %3").arg(QString::fromUtf8(change.path), change.type, WatchFormat::compact(value)));
       }
       if (!confirmed)
-        warn(QString("%1 did not confirm the values (not a plexa serve?); they were sent").arg(address().toString()));
+        warn(QString("%1 did not confirm the values within %2 s (not a plexa serve?); they were sent")
+               .arg(address().toString())
+               .arg(timeoutSeconds()));
       return ExitOk;
     }
 
     bool SetCommand::waitUntilApplied(MirrorNode& mirror, Peer& peer, QString& error)
     {
-      // The values go out at the next update, then a sync request; plexa serve answers it once it
-      // applied everything before it.
-      const int32_t token = int32_t(QRandomGenerator::global()->generate() & 0x7fffffff);
-      bool confirmed = false;
-      const long listener = mirror.eventAddListener(SyncEvents::Reply, [&](Bastion::BinaryData& data) {
-        int32_t got = 0;
-        confirmed = confirmed || (data.readInt32(got) && got == token);
-      });
+      // The values go out at the next update, then a sync request, which plexa serve answers: the
+      // answer acknowledges the values. Another peer may never send anything back.
       Bastion::BinaryData request;
-      request.writeInt32(token);
       mirror.eventProcess(SyncEvents::Request, request);
 
-      const uint64_t txBefore = peer.txBytes();
-      uint64_t txSeen = txBefore;
       QElapsedTimer clock;
       clock.start();
-      QElapsedTimer quiet;
-      quiet.start();
-      while (!confirmed) {
+      bool written = false;
+      while (!written || !peer.allSentAcknowledged()) {
         if (Interrupt::requested()) {
           error = "interrupted; the values may or may not have reached the peer";
-          break;
+          return false;
         }
         if (peer.sessionCount() == 0) {
           error = QString("the connection to %1 ended before the values were confirmed").arg(address().toString());
-          break;
+          return false;
         }
-        if (peer.txBytes() != txSeen) {
-          txSeen = peer.txBytes();
-          quiet.restart();
-        }
-        if (txSeen != txBefore && quiet.elapsed() >= QuietMs)
-          break;
         if (clock.elapsed() >= timeoutMs()) {
-          error = QString("the values could not be sent to %1 within %2 s").arg(address().toString()).arg(timeoutSeconds());
-          break;
+          if (!written)
+            error = QString("the values could not be sent to %1 within %2 s").arg(address().toString()).arg(timeoutSeconds());
+          return false;
         }
-        peer.waitAndUpdate(PollMs);
+        if (written)
+          peer.waitAndUpdate(PollMs);
+        else
+          written = peer.flush(PollMs);
       }
-      mirror.eventRemoveListener(listener);
-      return confirmed;
+      return true;
     }
   }
 }

@@ -31,8 +31,8 @@ namespace Plexa
       int connected(MirrorNode& mirror, Peer& peer) override;
 
     private:
-      /// Drives the peer until the values are applied (true: confirmed) or sent (false); sets
-      /// `error` when neither happened.
+      /// Drives the peer until it has acknowledged the values (true: confirmed), or they were
+      /// written and the time is up (false); sets `error` when neither happened.
       bool waitUntilApplied(MirrorNode& mirror, Peer& peer, QString& error);
 
       std::vector<Assignment> m_assignments;
