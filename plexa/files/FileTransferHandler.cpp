@@ -174,6 +174,8 @@ namespace Plexa
     std::shared_ptr<UploadTask> uploadTask BASTION_GUARDED_BY(uploadMutex);
     QList<Upload> uploadQueue BASTION_GUARDED_BY(uploadMutex);
     QString currentPath BASTION_GUARDED_BY(uploadMutex);
+    /// Set by shutdown: no upload task starts any more.
+    bool uploadsStopped BASTION_GUARDED_BY(uploadMutex) = false;
 
     // Background thread only, while a step of the upload task runs.
     uint64_t sendingGeneration = 0;
@@ -206,8 +208,16 @@ namespace Plexa
   {
     shutdown();
     writerThread()->removeDrainListener(d->drainListener);
+  }
+
+  void FileTransferHandler::stopBackgroundWork()
+  {
+    // Before the connection and its writer stop, not after: a step that runs meanwhile would write
+    // to the socket and raise the writer's events while they are torn down.
     Bastion::Guard guard(d->uploadMutex);
+    d->uploadsStopped = true;
     if (d->uploadTask) {
+      // A step only tries the mutex, so it cannot wait for us while we wait for it.
       d->uploadTask->detach();
       d->uploadTask->runNow();
       d->uploadTask.reset();
@@ -595,6 +605,8 @@ namespace Plexa
     }
     const QString root = rootPath();
     Bastion::Guard guard(d->uploadMutex);
+    if (d->uploadsStopped)
+      return;
     const D::Upload upload{path, root};
     if (d->uploadQueue.contains(upload)) {
       if (!(d->capsLogged & DuplicateUpload)) {

@@ -149,6 +149,27 @@ TEST_P(FileTransferHandlerTest, ServingRefusesPathsThatLeaveTheRoot)
   EXPECT_EQ(m_peer->received().at(1).bytes, "known");
 }
 
+// The subclass's shutdown() ends a waiting upload before the connection and its writer go: no
+// step of it runs (and holds the file) once shutdown() has returned.
+TEST_P(FileTransferHandlerTest, ShutdownEndsAWaitingUploadFirst)
+{
+  ASSERT_TRUE(writeFile(root() + "/large.bin", QByteArray(40 << 20, 'x')));
+  const QString large = QFileInfo(root() + "/large.bin").canonicalFilePath();
+  const auto openCount = [&] {
+    int count = 0;
+    for (const QFileInfo& fd : QDir("/proc/self/fd").entryInfoList(QDir::System | QDir::Files))
+      count += fd.symLinkTarget() == large;
+    return count;
+  };
+  m_peer->holdAtFirstPart();
+  m_peer->send("sendparts \"/large.bin\"\n");
+  ASSERT_TRUE(m_peer->heldSignal.wait());
+  ASSERT_TRUE(waitUntil([&] { return m_handler->bufferedDataSize() > UploadBufferLimit; }));
+  EXPECT_EQ(openCount(), 1);
+  m_handler->shutdown();
+  EXPECT_EQ(openCount(), 0);
+}
+
 TEST_P(FileTransferHandlerTest, UnlistedFileIsAnnouncedWithoutChecksum)
 {
   ASSERT_TRUE(writeFile(root() + "/new.txt", "fresh"));
