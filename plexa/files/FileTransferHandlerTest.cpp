@@ -2,6 +2,7 @@
 #include "plexa/files/FileTransferHandler.hpp"
 #include "plexa/files/FileTransferTestSupport.hpp"
 #include "plexa/files/RootDirectory.hpp"
+#include "plexa/net/NetFormat.hpp"
 
 #include "bastion/BGThread.hpp"
 #include "bastion/LogCapture.hpp"
@@ -198,6 +199,23 @@ TEST_P(FileTransferHandlerTest, RefusedAnnouncementsChangeNothing)
   ASSERT_TRUE(roundTrip(2));
   EXPECT_EQ(m_peer->lines().mid(1), QStringList({"sendparts \"/twice\"", knownInfo()}));
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "File '/twice' is being downloaded already"));
+}
+
+// Parts and announcements that are refused line after line log a bounded number of lines, each
+// with a bounded prefix of the peer's path.
+TEST_P(FileTransferHandlerTest, RefusedLinesInAFloodLogBoundedLines)
+{
+  Bastion::LogCapture log;
+  const QString path = '/' + QString(300, QChar('p'));
+  QByteArray flood;
+  for (int i = 0; i < 3 * NetFormat::LogBurstLines; ++i)
+    flood += part(path, "x", 2) + fileInfo("/twice", "abc", 1);
+  m_peer->send(flood);
+  ASSERT_TRUE(roundTrip(1));
+  EXPECT_EQ(log.countContaining("received file part 2 but we expected 0: '/ppp"), NetFormat::LogBurstLines);
+  EXPECT_EQ(log.countContaining("File '/twice' is being downloaded already"), NetFormat::LogBurstLines);
+  for (const QByteArray& text : log.texts())
+    EXPECT_LT(text.size(), 300) << text.constData();
 }
 
 TEST_P(FileTransferHandlerTest, ReceivedFileIsVerifiedAndMovedIntoPlace)
