@@ -174,6 +174,8 @@ namespace Plexa
     std::shared_ptr<UploadTask> uploadTask BASTION_GUARDED_BY(uploadMutex);
     QList<Upload> uploadQueue BASTION_GUARDED_BY(uploadMutex);
     QString currentPath BASTION_GUARDED_BY(uploadMutex);
+    /// Set by shutdown: no upload task starts any more.
+    bool uploadsStopped BASTION_GUARDED_BY(uploadMutex) = false;
 
     // Background thread only, while a step of the upload task runs.
     uint64_t sendingGeneration = 0;
@@ -206,8 +208,16 @@ namespace Plexa
   {
     shutdown();
     writerThread()->removeDrainListener(d->drainListener);
+  }
+
+  void FileTransferHandler::stopBackgroundWork()
+  {
+    // Before the connection and its writer stop, not after: a step that runs meanwhile would write
+    // to the socket and raise the writer's events while they are torn down.
     Bastion::Guard guard(d->uploadMutex);
+    d->uploadsStopped = true;
     if (d->uploadTask) {
+      // A step only tries the mutex, so it cannot wait for us while we wait for it.
       d->uploadTask->detach();
       d->uploadTask->runNow();
       d->uploadTask.reset();
@@ -414,8 +424,9 @@ namespace Plexa
         asked = d->requested.remove(path);
       }
       if (!asked) {
-        Bastion::error("FileTransferHandler::receiveFileInfo # '%s' was not asked for: refused",
-                       path.toUtf8().constData());
+        if (mayLog("was not asked for"))
+          Bastion::error("FileTransferHandler::receiveFileInfo # '%s' was not asked for: refused",
+                         loggedText(path).constData());
         downloadRefused(path, Refusal::NotRequested);
         return;
       }
@@ -437,7 +448,8 @@ namespace Plexa
       requestFileParts(path);
       downloadBooked(path, size, md5);
     } else {
-      Bastion::error("File '%s' is being downloaded already", path.toUtf8().constData());
+      if (mayLog("is being downloaded already"))
+        Bastion::error("File '%s' is being downloaded already", loggedText(path).constData());
       downloadRefused(path, Refusal::AlreadyDownloading);
     }
   }
@@ -447,10 +459,11 @@ namespace Plexa
     if (byteCount > FilePartReadLimit) {
       // Never allocate what a peer announces: read past the bytes in bounded pieces, keeping the
       // stream in step, and drop them.
-      Bastion::error("FileTransferHandler::receiveFilePart # Part %lld of '%s' has %lld bytes, more than %lld: "
-                     "dropped",
-                     (long long)partNumber, path.toUtf8().constData(), (long long)byteCount,
-                     (long long)FilePartReadLimit);
+      if (mayLog("Part over FilePartReadLimit"))
+        Bastion::error("FileTransferHandler::receiveFilePart # Part %lld of '%s' has %lld bytes, more than %lld: "
+                       "dropped",
+                       (long long)partNumber, loggedText(path).constData(), (long long)byteCount,
+                       (long long)FilePartReadLimit);
       QByteArray sink(int(FilePartReadLimit), Qt::Uninitialized);
       for (qint64 left = byteCount; left > 0;) {
         const int piece = int(std::min<qint64>(left, FilePartReadLimit));
@@ -468,15 +481,17 @@ namespace Plexa
 
     // A download takes parts only from the connection that booked it.
     if (!d->assets.isDownloadingFor(path, d->connectedTime) && d->assets.isDownloading(path)) {
-      Bastion::error("FileTransferHandler::receiveFilePart # Refusing part %lld of '%s': another connection "
-                     "is downloading that file",
-                     (long long)partNumber, path.toUtf8().constData());
+      if (mayLog("another connection is downloading"))
+        Bastion::error("FileTransferHandler::receiveFilePart # Refusing part %lld of '%s': another connection "
+                       "is downloading that file",
+                       (long long)partNumber, loggedText(path).constData());
       return;
     }
     const qint64 expected = d->assets.currentParts(path) + 1;
     if (partNumber != expected || !d->assets.isDownloading(path)) {
-      Bastion::error("received file part %lld but we expected %lld: '%s'", (long long)partNumber,
-                     (long long)expected, path.toUtf8().constData());
+      if (mayLog("received file part but we expected"))
+        Bastion::error("received file part %lld but we expected %lld: '%s'", (long long)partNumber,
+                       (long long)expected, loggedText(path).constData());
       return;
     }
 
@@ -500,14 +515,16 @@ namespace Plexa
         d->downloadFiles.insert(path, fd);
     }
     if (fd < 0) {
-      Bastion::error("Failed to open %s", temporaryName.toUtf8().constData());
+      if (mayLog("Failed to open"))
+        Bastion::error("Failed to open %s", loggedText(temporaryName).constData());
       return;
     }
     const bool written = writeAll(fd, bytes);
     const int writeError = errno;
     if (!written) {
-      Bastion::error("FileTransferHandler::receiveFilePart # Failed to write %s: %s",
-                     temporaryName.toUtf8().constData(), qt_error_string(writeError).toUtf8().constData());
+      if (mayLog("Failed to write"))
+        Bastion::error("FileTransferHandler::receiveFilePart # Failed to write %s: %s",
+                       loggedText(temporaryName).constData(), qt_error_string(writeError).toUtf8().constData());
       return;
     }
     d->assets.increasePartCount(path);
@@ -595,6 +612,8 @@ namespace Plexa
     }
     const QString root = rootPath();
     Bastion::Guard guard(d->uploadMutex);
+    if (d->uploadsStopped)
+      return;
     const D::Upload upload{path, root};
     if (d->uploadQueue.contains(upload)) {
       if (!(d->capsLogged & DuplicateUpload)) {

@@ -41,7 +41,7 @@ namespace Plexa
     /// `socket` and `accepted` go to ConnectionThread; `assets` is shared by all handlers and must
     /// outlive this one. Sets the ping timeout to 60 s and declares the event "file-info".
     FileTransferHandler(Bastion::TCPSocket* socket, bool accepted, AssetBase& assets);
-    /// Shuts the connection down, then finishes the upload task (running one last step here).
+    /// Shuts the connection down (see `stopBackgroundWork`).
     ~FileTransferHandler() override;
 
     /// Sends "sendfileinfo" for `path` (beginning with '/'): asks the peer for the file. Without
@@ -98,6 +98,9 @@ namespace Plexa
     /// Drops this connection's downloads and their temporary files, its uploads, and the file
     /// traffic still queued for the peer (a next connection's peer would take it out of place).
     void disconnected() override;
+    /// Ends the upload task (waiting for a step that runs, then running one last step here) and
+    /// refuses uploads from now on: after `shutdown()` this handler sends no more files.
+    void stopBackgroundWork() override;
 
   private:
     class D;

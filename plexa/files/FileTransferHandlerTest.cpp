@@ -2,6 +2,7 @@
 #include "plexa/files/FileTransferHandler.hpp"
 #include "plexa/files/FileTransferTestSupport.hpp"
 #include "plexa/files/RootDirectory.hpp"
+#include "plexa/net/NetFormat.hpp"
 
 #include "bastion/BGThread.hpp"
 #include "bastion/LogCapture.hpp"
@@ -149,6 +150,27 @@ TEST_P(FileTransferHandlerTest, ServingRefusesPathsThatLeaveTheRoot)
   EXPECT_EQ(m_peer->received().at(1).bytes, "known");
 }
 
+// The subclass's shutdown() ends a waiting upload before the connection and its writer go: no
+// step of it runs (and holds the file) once shutdown() has returned.
+TEST_P(FileTransferHandlerTest, ShutdownEndsAWaitingUploadFirst)
+{
+  ASSERT_TRUE(writeFile(root() + "/large.bin", QByteArray(40 << 20, 'x')));
+  const QString large = QFileInfo(root() + "/large.bin").canonicalFilePath();
+  const auto openCount = [&] {
+    int count = 0;
+    for (const QFileInfo& fd : QDir("/proc/self/fd").entryInfoList(QDir::System | QDir::Files))
+      count += fd.symLinkTarget() == large;
+    return count;
+  };
+  m_peer->holdAtFirstPart();
+  m_peer->send("sendparts \"/large.bin\"\n");
+  ASSERT_TRUE(m_peer->heldSignal.wait());
+  ASSERT_TRUE(waitUntil([&] { return m_handler->bufferedDataSize() > UploadBufferLimit; }));
+  EXPECT_EQ(openCount(), 1);
+  m_handler->shutdown();
+  EXPECT_EQ(openCount(), 0);
+}
+
 TEST_P(FileTransferHandlerTest, UnlistedFileIsAnnouncedWithoutChecksum)
 {
   ASSERT_TRUE(writeFile(root() + "/new.txt", "fresh"));
@@ -177,6 +199,23 @@ TEST_P(FileTransferHandlerTest, RefusedAnnouncementsChangeNothing)
   ASSERT_TRUE(roundTrip(2));
   EXPECT_EQ(m_peer->lines().mid(1), QStringList({"sendparts \"/twice\"", knownInfo()}));
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "File '/twice' is being downloaded already"));
+}
+
+// Parts and announcements that are refused line after line log a bounded number of lines, each
+// with a bounded prefix of the peer's path.
+TEST_P(FileTransferHandlerTest, RefusedLinesInAFloodLogBoundedLines)
+{
+  Bastion::LogCapture log;
+  const QString path = '/' + QString(300, QChar('p'));
+  QByteArray flood;
+  for (int i = 0; i < 3 * NetFormat::LogBurstLines; ++i)
+    flood += part(path, "x", 2) + fileInfo("/twice", "abc", 1);
+  m_peer->send(flood);
+  ASSERT_TRUE(roundTrip(1));
+  EXPECT_EQ(log.countContaining("received file part 2 but we expected 0: '/ppp"), NetFormat::LogBurstLines);
+  EXPECT_EQ(log.countContaining("File '/twice' is being downloaded already"), NetFormat::LogBurstLines);
+  for (const QByteArray& text : log.texts())
+    EXPECT_LT(text.size(), 300) << text.constData();
 }
 
 TEST_P(FileTransferHandlerTest, ReceivedFileIsVerifiedAndMovedIntoPlace)

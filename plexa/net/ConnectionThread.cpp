@@ -96,11 +96,14 @@ namespace Plexa
 
   void ConnectionThread::shutdown()
   {
+    stopBackgroundWork();
     stop();
     waitEnd();
     m_writer->stop();
     m_writer->waitEnd();
   }
+
+  void ConnectionThread::stopBackgroundWork() {}
 
   bool ConnectionThread::isConnected() const
   {

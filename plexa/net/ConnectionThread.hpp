@@ -75,7 +75,8 @@ namespace Plexa
     /// Asks the thread to end: no more retries, the writer stopped, the socket closed. Does not
     /// wait (see `shutdown`).
     virtual void stop();
-    /// `stop()`, then waits for this thread and the writer thread to end. Not on either thread.
+    /// `stopBackgroundWork()`, `stop()`, then waits for this thread and the writer thread to end.
+    /// Not on either thread.
     void shutdown();
     /// Ends the current connection only: the writer stopped, the socket closed, the line loop
     /// ended. Unlike `stop`, a client then reconnects as usual. Any thread.
@@ -183,6 +184,12 @@ namespace Plexa
     virtual bool parse(QString line) = 0;
     virtual void connected();
     virtual void disconnected();
+    /// Called first by `shutdown()`, on its caller's thread: a subclass that writes to this
+    /// connection from threads of its own stops that work for good and waits until none of it
+    /// runs, so nothing reaches the socket, the writer or this node while they are torn down.
+    /// Must not wait for the connection thread (which still runs). Called again by a later
+    /// `shutdown()`.
+    virtual void stopBackgroundWork();
     /// Opens the socket to the stored address (client side).
     virtual bool openConnection();
     virtual void connectionFailed();

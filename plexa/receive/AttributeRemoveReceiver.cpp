@@ -20,12 +20,14 @@ namespace Plexa
       const uint32_t symbol = reader.readValue<uint32_t>();
       PlexaSessionAttribute* session = m_storage.findByReadSymbol(symbol);
       if (!session) {
-        Bastion::error("AttributeRemoveHandler::handleBundle # Failed to find attribute with symbol %u", symbol);
+        if (mayLogRecord("AttributeRemoveHandler::handleBundle"))
+          Bastion::error("AttributeRemoveHandler::handleBundle # Failed to find attribute with symbol %u", symbol);
         continue;
       }
       Carafe::Attribute* attribute = m_node.attributeCache().find(session->symbol);
       if (!attribute) {
-        Bastion::error("AttributeRemoveHandler::handleBundle # Attribute %u already removed", symbol);
+        if (mayLogRecord("AttributeRemoveHandler::handleBundle"))
+          Bastion::error("AttributeRemoveHandler::handleBundle # Attribute %u already removed", symbol);
         continue;
       }
       // Only the very object created for the peer goes: the application, or another session's

@@ -38,7 +38,8 @@ namespace Plexa
       PlexaSessionAttribute* session = m_storage.findByReadSymbol(symbol);
       if (!session) {
         // Without the record the value's length is unknown: nothing behind it can be read.
-        Bastion::error("AttributeUpdateHandler::handleBundle # BUG: unknown attribute with symbol %d", int(symbol));
+        if (mayLogRecord("AttributeUpdateHandler::handleBundle"))
+          Bastion::error("AttributeUpdateHandler::handleBundle # BUG: unknown attribute with symbol %d", int(symbol));
         return;
       }
       if (!m_dropStaleValues || header.acknowledged >= session->lastSentSequence) {

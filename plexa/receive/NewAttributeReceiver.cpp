@@ -59,9 +59,10 @@ namespace Plexa
 
       if (!m_received.lookup(symbol, path)) {
         // Only this record is skipped, whatever the text says.
-        Bastion::error("NewAttributeReceiver::handleBundle # Unknown symbol %d at message index %u. Will ignore the "
-                       "bundle",
-                       int(symbol), index);
+        if (mayLogRecord("NewAttributeReceiver::handleBundle"))
+          Bastion::error("NewAttributeReceiver::handleBundle # Unknown symbol %d at message index %u. Will ignore the "
+                         "bundle",
+                         int(symbol), index);
         if (hasValue)
           PlexaSessionAttribute::skipValue(reader, size);
         continue;

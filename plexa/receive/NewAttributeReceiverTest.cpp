@@ -5,6 +5,7 @@
 #include "carafe/AttributeT.hpp"
 #include "plexa/bundle/WireBytesTest.hpp"
 #include "plexa/receive/SessionTestSupport.hpp"
+#include "plexa/session/SessionFormat.hpp"
 
 #include <gtest/gtest.h>
 
@@ -121,6 +122,21 @@ TEST(NewAttributeReceiverTest, AnUnknownSymbolSkipsOnlyItsRecordValueIncluded)
                            "bundle"));
   EXPECT_EQ(floatAt(node, "x"), 3.f);
   EXPECT_EQ(floatAt(node, "y"), 4.f);
+
+  // A flood of them (as every record of a path that a cap refused is) logs a bounded number of
+  // lines per session, and the records behind it still land.
+  log.clear();
+  BundleBytes flood(NewType);
+  for (uint32_t symbol = 1000; symbol < 3000; ++symbol)
+    flood.words({symbol, FloatId, 4, 1, bitsOf(0.f)});
+  floatRecord(flood, 1, 5.f);
+  side.feed(side.added, flood.bundle());
+  side.feed(side.added, flood.bundle());
+  EXPECT_EQ(log.countContaining("Unknown symbol"), MaxRecordLogLines - 2);
+  EXPECT_EQ(log.countContaining("NewAttributeReceiver::handleBundle # 20 bad records logged in this session "
+                                "(MaxRecordLogLines); further ones are not logged"),
+            1);
+  EXPECT_EQ(floatAt(node, "x"), 5.f);
 }
 
 TEST(NewAttributeReceiverTest, TheNodeWalkFollowsAliasesAndRefusesNonNodesAndEmptyNames)

@@ -17,7 +17,8 @@ namespace Plexa
       const uint32_t size = reader.readValue<uint32_t>();
       const void* bytes = reader.readBounded(size);
       if (!m_received.lookup(symbol, name)) {
-        Bastion::warning("OneWayEventReceiver::handleBundle # Symbol %u not found", symbol);
+        if (mayLogRecord("OneWayEventReceiver::handleBundle"))
+          Bastion::warning("OneWayEventReceiver::handleBundle # Symbol %u not found", symbol);
         continue;
       }
       if (!m_handler)

@@ -5,6 +5,8 @@
 #include "bastion/Log.hpp"
 #include "carafe/Node.hpp"
 
+#include <unordered_set>
+
 namespace Plexa
 {
   namespace
@@ -18,16 +20,21 @@ namespace Plexa
     {
       struct Level
       {
+        Carafe::Node* node;
         std::vector<Carafe::Attribute*> entries;
         size_t next;
         int pathLength;
       };
       QByteArray path;
       std::vector<Level> stack;
-      stack.push_back({node.attributes(), 0, 0});
+      // The nodes on the stack: an alias to one of them (an ancestor of the alias) is not
+      // followed, or the walk would go round that loop for ever, its stack growing.
+      std::unordered_set<Carafe::Node*> walking{&node};
+      stack.push_back({&node, node.attributes(), 0, 0});
       while (!stack.empty()) {
         Level& level = stack.back();
         if (level.next == level.entries.size()) {
+          walking.erase(level.node);
           stack.pop_back();
           continue;
         }
@@ -44,9 +51,10 @@ namespace Plexa
             path += '/';
           path += entry->name();
         }
-        if (auto* child = dynamic_cast<Carafe::Node*>(target))
-          stack.push_back({child->attributes(), 0, path.size()});
-        else
+        if (auto* child = dynamic_cast<Carafe::Node*>(target)) {
+          if (walking.insert(child).second)
+            stack.push_back({child, child->attributes(), 0, path.size()});
+        } else
           visit(*target, path);
       }
     }

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 using Float = Carafe::AttributeT<float>;
 
 namespace
@@ -42,6 +44,19 @@ TEST(AttributeWalkTest, VisitsPlainAttributesWithTheirPaths)
     paths.push_back(path);
   });
   EXPECT_EQ(paths, (std::vector<QByteArray>{"a", "n/b", "n/n/c", "al/c"}));
+
+  // An alias to an ancestor is a loop: the walk does not follow it (a node reached twice by
+  // other ways still is walked twice).
+  auto* up = new Carafe::AttributeAlias;
+  up->setAttribute(t.n);
+  t.nn->addAttribute("up", up);
+  paths.clear();
+  EXPECT_NO_THROW(Plexa::walkAttributesWithPath(t.root, [&](Carafe::Attribute&, const QByteArray& path) {
+    paths.push_back(path);
+    if (paths.size() > 100)
+      throw std::runtime_error("the walk goes round a loop");
+  }));
+  EXPECT_EQ(paths, (std::vector<QByteArray>{"a", "n/b", "n/n/c", "al/c", "al/up/b"}));
 }
 
 TEST(AttributeWalkTest, TheSkipFilterAppliesToTheTopLevelOnly)

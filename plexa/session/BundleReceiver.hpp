@@ -21,5 +21,14 @@ namespace Plexa
     /// std::out_of_range / std::invalid_argument, which the caller logs and then goes on with the
     /// next bundle.
     virtual void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core& core) = 0;
+
+  protected:
+    /// Whether a line about one bad record of the peer may be logged: true for the first
+    /// MaxRecordLogLines calls of this receiver (which lives as long as its session); the next
+    /// one logs, as `who`, that the rest are not logged. Update thread.
+    bool mayLogRecord(const char* who);
+
+  private:
+    int m_recordLines = 0;
   };
 }

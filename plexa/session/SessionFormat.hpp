@@ -43,4 +43,10 @@ namespace Plexa
   /// values). Real values are a few dozen bytes; the limit keeps a hostile count from being taken
   /// as the size of a copy.
   constexpr unsigned MaxHandshakeStringBytes = 64 * 1024;
+
+  /// Lines a receiver logs about single bad records of one session (an unknown symbol, a removal
+  /// of nothing); the rest are counted silently after one line saying so. A peer sends such
+  /// records by the hundred thousand per bundle (every record naming a path that a cap refused is
+  /// one), and would otherwise fill the log at the rate of its records.
+  constexpr int MaxRecordLogLines = 20;
 }
