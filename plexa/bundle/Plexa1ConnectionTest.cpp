@@ -85,7 +85,7 @@ namespace
       receiver->Bastion::Thread::run();
       return pair.client->clientHandshake() && receiver->waitConnected();
     }
-    RawPeer& client() { return *pair.client; }
+    RawSocket& client() { return *pair.client; }
   };
 }
 
@@ -144,7 +144,7 @@ TEST(Plexa1ConnectionTest, BlockOnTheWireIsCountLineThenBundles)
   auto sender = std::make_shared<RecordingConnection>(nullptr, false);
   sender->setUsePing(false);
   sender->connectToHost("127.0.0.1", listener.port());
-  RawPeer peer(listener.accept());
+  RawSocket peer(listener.accept());
   ASSERT_TRUE(peer.isValid());
   ASSERT_TRUE(peer.serverHandshake());
   ASSERT_TRUE(sender->waitConnected());
@@ -162,7 +162,7 @@ TEST(Plexa1ConnectionTest, NothingGoesToAnOldPeerOrAGoneConnection)
   auto sender = std::make_shared<RecordingConnection>(nullptr, false);
   sender->setUsePing(false);
   sender->connectToHost("127.0.0.1", listener.port());
-  RawPeer peer(listener.accept());
+  RawSocket peer(listener.accept());
   ASSERT_TRUE(peer.isValid());
   ASSERT_TRUE(peer.serverHandshake("Orrery 2.1.9\n"));
   ASSERT_TRUE(sender->waitConnected());
