@@ -11,7 +11,6 @@
 #include "plexa/session/Core.hpp"
 #include "plexa/session/SessionFormat.hpp"
 #include "plexa/types/TypeRegistry.hpp"
-#include "plexa/types/TypeSamplesTest.hpp"
 
 #include <gtest/gtest.h>
 
@@ -24,23 +23,6 @@ using namespace Plexa;
 namespace
 {
   using Int = Carafe::AttributeT<int>;
-  using Float = Carafe::AttributeT<float>;
-
-  /// Path -> (type id, value bytes) of every attribute under `node`.
-  std::map<QByteArray, std::pair<uint32_t, QByteArray>> snapshot(RemoteNode& node)
-  {
-    TypeRegistry types;
-    std::map<QByteArray, std::pair<uint32_t, QByteArray>> values;
-    walkAttributesWithPath(node, [&](Carafe::Attribute& attribute, const QByteArray& path) {
-      uint32_t typeId = 0, size = 0;
-      QByteArray bytes;
-      BundleWriterCore writer(bytes);
-      if (Serializer serializer = types.createSerializer(&attribute, typeId, size))
-        serializer(writer);
-      values[path] = {typeId, bytes};
-    });
-    return values;
-  }
 
   template <typename A>
   A* at(Carafe::Node& root, const QByteArray& path)
@@ -152,50 +134,6 @@ namespace
     }
     return problems;
   }
-}
-
-TEST(SessionDataPathTest, EveryRegisteredTypeCrossesBothWaysChangesAndGoesAway)
-{
-  LinkedSessions s;
-  const TypeRegistry types;
-  const std::vector<uint32_t> ids = types.registeredTypeIds();
-  auto* there = new Carafe::Node(&s.a, "there");
-  for (uint32_t id : ids)
-    there->addAttribute("t" + QByteArray::number(id), TypeSamples::sampleAttribute(id));
-  s.start(params(true), params(true));
-  ASSERT_TRUE(s.settle());
-  auto snapA = snapshot(s.a);
-  EXPECT_EQ(snapA.size(), ids.size());
-  EXPECT_EQ(snapA, snapshot(s.b));
-  for (const auto& entry : snapA)
-    EXPECT_NE(entry.second.first, 0u) << entry.first.constData();
-
-  // The other way: attributes made on b appear on a.
-  auto* back = new Carafe::Node(&s.b, "back");
-  for (uint32_t id : ids)
-    back->addAttribute("t" + QByteArray::number(id), TypeSamples::sampleAttribute(id));
-  ASSERT_TRUE(s.settle());
-  EXPECT_EQ(snapshot(s.a).size(), 2 * ids.size());
-  EXPECT_EQ(snapshot(s.a), snapshot(s.b));
-
-  // Changes on the side that did not create the attribute travel back.
-  at<Float>(s.b, "there/t3")->setValue(9.5f);
-  at<Int>(s.a, "back/t9")->setValue(-12);
-  ASSERT_TRUE(s.settle());
-  EXPECT_EQ(at<Float>(s.a, "there/t3")->value(), 9.5f);
-  EXPECT_EQ(at<Int>(s.b, "back/t9")->value(), -12);
-  EXPECT_EQ(snapshot(s.a), snapshot(s.b));
-
-  // Removals: what the peer created for them goes with them.
-  s.a.removeAttribute("there");
-  ASSERT_TRUE(s.settle());
-  s.b.removeAttribute("back");
-  ASSERT_TRUE(s.settle());
-  EXPECT_TRUE(snapshot(s.a).empty());
-  EXPECT_TRUE(snapshot(s.b).empty());
-
-  EXPECT_EQ(symbolProblems(s.aToB, *s.ca), std::vector<std::string>());
-  EXPECT_EQ(symbolProblems(s.bToA, *s.cb), std::vector<std::string>());
 }
 
 TEST(SessionDataPathTest, AppliedValuesAreNotEchoedAndStaleOnesAreDroppedOnlyWhenAsked)

@@ -56,8 +56,8 @@ namespace
     TestGate entered;
     TestGate release;
     std::shared_ptr<FunctionTask> task = std::make_shared<FunctionTask>([this] {
-      entered.open();
-      release.wait(10000);
+      entered.raise();
+      release.wait(1, 10000);
     }, 100.0);
   };
 
@@ -69,7 +69,7 @@ namespace
       : Task(priority), m_gone(gone), m_step(std::move(step))
     {
     }
-    ~Watched() override { m_gone.open(); }
+    ~Watched() override { m_gone.raise(); }
     void doTask() override
     {
       ++steps;
@@ -102,7 +102,7 @@ TEST(BGThread, DueTasksRunByPriorityThenDueTimeThenFifoAndWakeOnReschedule)
     ASSERT_TRUE(bg.addTask(t));
   EXPECT_FALSE(bg.addTask(a));
   EXPECT_FALSE(bg.addTask(nullptr));
-  blocker.release.open();
+  blocker.release.raise();
 
   const std::vector<QByteArray> expected{"b", "d", "a", "c"};
   EXPECT_EQ(journal.waitFor(4), expected);
@@ -161,8 +161,8 @@ TEST(BGThread, RunNowWaitsForAStepInProgressAndSkipsFinishedTasks)
     if (++inside > 1)
       overlapped = true;
     if (self.steps == 1) {
-      entered.open();
-      release.wait(10000);
+      entered.raise();
+      release.wait(1, 10000);
     }
     --inside;
     self.scheduleFromNowSecs(60.0);
@@ -170,7 +170,7 @@ TEST(BGThread, RunNowWaitsForAStepInProgressAndSkipsFinishedTasks)
   ASSERT_TRUE(bg.addTask(task));
   ASSERT_TRUE(entered.wait());
   std::thread caller([&] { task->runNow(); });
-  release.open();
+  release.raise();
   caller.join();
   EXPECT_FALSE(overlapped);
   EXPECT_EQ(task->steps, 2);

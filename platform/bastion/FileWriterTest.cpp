@@ -42,7 +42,7 @@ TEST(FileWriter, GuardedWritesOfTwoThreadsDoNotInterleave)
   {
     FileWriter mine("main");
     other = std::thread([&] {
-      starting.open();
+      starting.raise();
       FileWriter theirs("other");
       note("other in");
       EXPECT_EQ(FileWriter::current(), QByteArray("other"));

@@ -1,6 +1,7 @@
 #pragma once
 
-// Test helper: a one-way gate that threads wait on with a deadline.
+// Test helper: a counting gate that one thread raises and others wait on with a deadline. The one
+// wait helper of the tests, from the threads here up to the file transfer.
 
 #include "bastion/Condition.hpp"
 #include "bastion/Guard.hpp"
@@ -13,25 +14,26 @@ namespace Bastion
   class TestGate
   {
   public:
-    void open()
+    void raise()
     {
       Guard g(m_mutex);
-      m_open = true;
+      ++m_count;
       m_cond.wakeAll();
     }
 
-    bool isOpen()
+    int count()
     {
       Guard g(m_mutex);
-      return m_open;
+      return m_count;
     }
+    bool isOpen() { return count() > 0; }
 
-    /// True once the gate is open; false when `timeoutMs` passed first.
-    bool wait(int timeoutMs = 5000)
+    /// True once raised at least `count` times in all; false when `timeoutMs` passed first.
+    bool wait(int count = 1, int timeoutMs = 10000)
     {
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
       Guard g(m_mutex);
-      while (!m_open) {
+      while (m_count < count) {
         auto left =
           std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
         if (left <= 0)
@@ -44,6 +46,6 @@ namespace Bastion
   private:
     Mutex m_mutex;
     Condition m_cond;
-    bool m_open = false;
+    int m_count = 0;
   };
 }

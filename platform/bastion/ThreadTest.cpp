@@ -27,7 +27,7 @@ namespace
 
     void release()
     {
-      gate->open();
+      gate->raise();
     }
 
     std::shared_ptr<TestGate> gate = std::make_shared<TestGate>();
@@ -41,11 +41,11 @@ namespace
     {
       ++runs;
       sawItself = isCurrentThread();
-      entered.open();
+      entered.raise();
       if (throwText)
         throw std::runtime_error(throwText);
       std::shared_ptr<TestGate> mine = gate;
-      mine->wait(10000);
+      mine->wait(1, 10000);
     }
   };
 }
@@ -119,7 +119,7 @@ namespace
       TestGate& go = m_go;
       if (m_selfDelete)
         delete this;
-      go.wait(5000);
+      go.wait(1, 5000);
       ++done;
     }
 
@@ -137,7 +137,7 @@ TEST(Thread, DestructorJoinsOrDetachesOnItsOwnThread)
   // Destroyed elsewhere: the destructor waits for the body.
   auto* joined = new Detached(done, go, false);
   ASSERT_TRUE(joined->run());
-  go.open();
+  go.raise();
   delete joined;
   EXPECT_EQ(done, 1);
 
@@ -145,7 +145,7 @@ TEST(Thread, DestructorJoinsOrDetachesOnItsOwnThread)
   TestGate go2;
   auto* self = new Detached(done, go2, true);
   ASSERT_TRUE(self->run());
-  go2.open();
+  go2.raise();
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   while (done < 2 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::yield();

@@ -1,6 +1,7 @@
 #include "plexa/bundle/BundleStream.hpp"
 
 #include "bastion/LogCapture.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 
 #include <gtest/gtest.h>
 
@@ -8,6 +9,7 @@
 #include <stdexcept>
 
 using namespace Plexa;
+using namespace PlexaTest;
 
 namespace
 {
@@ -40,21 +42,6 @@ namespace
     bool aborted = false;
   };
 
-  Bundle makeBundle(uint32_t type, uint32_t sequence, const QByteArray& payload)
-  {
-    Bundle bundle;
-    bundle.data().append(payload);
-    bundle.setHeader(BundleHeader{uint32_t(payload.size()), type, sequence, 0});
-    return bundle;
-  }
-
-  QByteArray concat(const std::vector<Bundle>& bundles)
-  {
-    QByteArray out;
-    for (const Bundle& b : bundles)
-      out.append(b.data());
-    return out;
-  }
 }
 
 TEST(BundleStreamTest, LinesThatDoNotOpenABlockReadNothing)
@@ -71,7 +58,9 @@ TEST(BundleStreamTest, LinesThatDoNotOpenABlockReadNothing)
 
 TEST(BundleStreamTest, CountIsReadAsToIntReadsIt)
 {
-  const std::vector<Bundle> sent{makeBundle(1, 1, "aaaa"), makeBundle(2, 2, ""), makeBundle(3, 3, "bbbbcccc")};
+  const std::vector<Bundle> sent{BundleBytes(1, 1).bytes("aaaa"),
+                                 BundleBytes(2, 2).bytes(""),
+                                 BundleBytes(3, 3).bytes("bbbbcccc")};
   FakeSource source(concat(sent) + "trailing");
   std::vector<Bundle> bundles;
   // Blanks around the number and a plus sign are accepted.
@@ -93,9 +82,9 @@ TEST(BundleStreamTest, BundlesArriveWholeAndInOrder)
 {
   std::vector<Bundle> sent;
   for (uint32_t i = 0; i < 5; ++i)
-    sent.push_back(makeBundle(i, i + 1, QByteArray(int(i * 4), char('a' + i))));
+    sent.push_back(BundleBytes(i, i + 1).bytes(QByteArray(int(i * 4), char('a' + i))));
   // One payload larger than a read chunk.
-  sent.push_back(makeBundle(9, 6, QByteArray(BundleReadChunkBytes * 2 + 12, 'z')));
+  sent.push_back(BundleBytes(9, 6).bytes(QByteArray(BundleReadChunkBytes * 2 + 12, 'z')));
   FakeSource source(concat(sent));
   std::vector<Bundle> bundles;
   ASSERT_EQ(readBundleBlock("plexa2 6", source, bundles), BundleBlockResult::Complete);
@@ -110,7 +99,9 @@ TEST(BundleStreamTest, BundlesArriveWholeAndInOrder)
 
 TEST(BundleStreamTest, BlockCutShortYieldsNothing)
 {
-  const std::vector<Bundle> sent{makeBundle(1, 1, "aaaa"), makeBundle(1, 2, "bbbb"), makeBundle(1, 3, "cccc")};
+  const std::vector<Bundle> sent{BundleBytes(1, 1).bytes("aaaa"),
+                                 BundleBytes(1, 2).bytes("bbbb"),
+                                 BundleBytes(1, 3).bytes("cccc")};
   {
     // Closed after the second bundle: the third header is missing.
     Bastion::LogCapture log;
@@ -144,7 +135,7 @@ TEST(BundleStreamTest, MemoryFollowsReceivedBytesNotAnnouncedSizes)
 {
   {
     // A count of 2^31-1 with one bundle behind it: nothing is allocated for the rest.
-    const Bundle one = makeBundle(1, 1, "abcd");
+    const Bundle one = BundleBytes(1, 1).bytes("abcd");
     FakeSource source(one.data());
     std::vector<Bundle> bundles;
     EXPECT_EQ(readBundleBlock("plexa2 2147483647", source, bundles), BundleBlockResult::Failed);

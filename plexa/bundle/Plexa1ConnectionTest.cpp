@@ -2,6 +2,7 @@
 #include "plexa/bundle/Plexa1Connection.hpp"
 
 #include "bastion/LogCapture.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/net/ConnectionTestSupport.hpp"
 
 #include <gtest/gtest.h>
@@ -49,21 +50,6 @@ namespace
     });
   }
 
-  Bundle makeBundle(uint32_t type, uint32_t sequence, const QByteArray& payload)
-  {
-    Bundle bundle;
-    bundle.data().append(payload);
-    bundle.setHeader(BundleHeader{uint32_t(payload.size()), type, sequence, 0});
-    return bundle;
-  }
-
-  QByteArray concat(const std::vector<Bundle>& bundles)
-  {
-    QByteArray out;
-    for (const Bundle& b : bundles)
-      out.append(b.data());
-    return out;
-  }
 
   /// A server-role connection that reads bundle blocks, and the raw client in front of it.
   struct RawToReceiver
@@ -85,7 +71,7 @@ namespace
       receiver->Bastion::Thread::run();
       return pair.client->clientHandshake() && receiver->waitConnected();
     }
-    RawPeer& client() { return *pair.client; }
+    RawSocket& client() { return *pair.client; }
   };
 }
 
@@ -97,11 +83,13 @@ TEST(Plexa1ConnectionTest, ListsArriveWholeAndInOrderOverLoopback)
   sender->setUsePing(false);
   Plexa1Connection connection(sender);
 
-  const std::vector<Bundle> first{makeBundle(0, 1, "abcd"), makeBundle(1, 2, ""), makeBundle(2, 3, "12345678")};
-  const std::vector<Bundle> second{makeBundle(1, 4, QByteArray(3 * BundleReadChunkBytes + 20, 'q'))};
+  const std::vector<Bundle> first{BundleBytes(0, 1).bytes("abcd"),
+                                  BundleBytes(1, 2).bytes(""),
+                                  BundleBytes(2, 3).bytes("12345678")};
+  const std::vector<Bundle> second{BundleBytes(1, 4).bytes(QByteArray(3 * BundleReadChunkBytes + 20, 'q'))};
   std::vector<Bundle> third;
   for (uint32_t i = 0; i < 50; ++i)
-    third.push_back(makeBundle(i % 3, 5 + i, QByteArray(int(4 * (i % 7)), char('a' + i % 26))));
+    third.push_back(BundleBytes(i % 3, 5 + i).bytes(QByteArray(int(4 * (i % 7)), char('a' + i % 26))));
 
   // Queued before the connection exists: kept until it is up, and not dropped as too old a peer.
   connection.send(first);
@@ -133,7 +121,7 @@ TEST(Plexa1ConnectionTest, ListsArriveWholeAndInOrderOverLoopback)
 
 TEST(Plexa1ConnectionTest, BlockOnTheWireIsCountLineThenBundles)
 {
-  const std::vector<Bundle> bundles{makeBundle(4, 9, "wxyz"), makeBundle(5, 10, "")};
+  const std::vector<Bundle> bundles{BundleBytes(4, 9).bytes("wxyz"), BundleBytes(5, 10).bytes("")};
   const QList<QByteArray> parts = Plexa1Connection::blockParts(bundles);
   ASSERT_EQ(parts.size(), 3);
   EXPECT_EQ(parts[0], "plexa2 2\n");
@@ -144,7 +132,7 @@ TEST(Plexa1ConnectionTest, BlockOnTheWireIsCountLineThenBundles)
   auto sender = std::make_shared<RecordingConnection>(nullptr, false);
   sender->setUsePing(false);
   sender->connectToHost("127.0.0.1", listener.port());
-  RawPeer peer(listener.accept());
+  RawSocket peer(listener.accept());
   ASSERT_TRUE(peer.isValid());
   ASSERT_TRUE(peer.serverHandshake());
   ASSERT_TRUE(sender->waitConnected());
@@ -162,13 +150,13 @@ TEST(Plexa1ConnectionTest, NothingGoesToAnOldPeerOrAGoneConnection)
   auto sender = std::make_shared<RecordingConnection>(nullptr, false);
   sender->setUsePing(false);
   sender->connectToHost("127.0.0.1", listener.port());
-  RawPeer peer(listener.accept());
+  RawSocket peer(listener.accept());
   ASSERT_TRUE(peer.isValid());
   ASSERT_TRUE(peer.serverHandshake("Orrery 2.1.9\n"));
   ASSERT_TRUE(sender->waitConnected());
   ASSERT_FALSE(sender->isPlexa15Supported());
   Plexa1Connection connection(sender);
-  connection.send({makeBundle(1, 1, "abcd")});
+  connection.send({BundleBytes(1, 1).bytes("abcd")});
   sender->queue("marker\n");
   EXPECT_EQ(peer.readLine(), "marker");
   sender->shutdown();
@@ -176,7 +164,7 @@ TEST(Plexa1ConnectionTest, NothingGoesToAnOldPeerOrAGoneConnection)
   std::weak_ptr<RecordingConnection> weak = sender;
   sender.reset();
   ASSERT_TRUE(weak.expired());
-  connection.send({makeBundle(1, 2, "abcd")}); // silently nothing
+  connection.send({BundleBytes(1, 2).bytes("abcd")}); // silently nothing
 }
 
 TEST(Plexa1ConnectionTest, CutShortBlockSchedulesNothingAndEndsTheConnection)
@@ -184,7 +172,7 @@ TEST(Plexa1ConnectionTest, CutShortBlockSchedulesNothingAndEndsTheConnection)
   Bastion::LogCapture log;
   RawToReceiver r;
   ASSERT_TRUE(r.start());
-  const std::vector<Bundle> two{makeBundle(1, 1, "aaaa"), makeBundle(1, 2, "bbbb")};
+  const std::vector<Bundle> two{BundleBytes(1, 1).bytes("aaaa"), BundleBytes(1, 2).bytes("bbbb")};
   r.client().write("plexa2 0\n");
   ASSERT_TRUE(r.scheduler->waitForLists(1));
   r.client().write("plexa2 3\n" + concat(two));
@@ -217,10 +205,10 @@ TEST(Plexa1ConnectionTest, OtherLinesAndBadCountsOnARealConnection)
   {
     RawToReceiver r;
     ASSERT_TRUE(r.start());
-    r.client().write("plexa2 x\nplexa2  +1 \n" + makeBundle(3, 1, "abcd").data());
+    r.client().write("plexa2 x\nplexa2  +1 \n" + BundleBytes(3, 1).bytes("abcd").bundle().data());
     ASSERT_TRUE(r.scheduler->waitForLists(1));
     EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "Failed to parse command 'plexa2 x'"));
-    EXPECT_EQ(r.scheduler->lists()[0], std::vector<Bundle>{makeBundle(3, 1, "abcd")});
+    EXPECT_EQ(r.scheduler->lists()[0], std::vector<Bundle>{BundleBytes(3, 1).bytes("abcd")});
     EXPECT_TRUE(r.receiver->isConnected());
   }
   {

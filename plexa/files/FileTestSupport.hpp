@@ -3,6 +3,8 @@
 // Helpers shared by the tests of the file service (unit tests here and loopback tests in tests/).
 // Header only; nothing of it goes into the library.
 
+#include "bastion/TestGate.hpp"
+
 #include <QByteArray>
 #include <QCryptographicHash>
 #include <QDir>
@@ -12,10 +14,8 @@
 #include <QTemporaryDir>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <functional>
-#include <mutex>
 #include <ostream>
 #include <random>
 #include <fcntl.h>
@@ -112,31 +112,6 @@ namespace Plexa
     }
 
     /// A flag that one thread raises and another waits for, with a deadline.
-    class Signal
-    {
-    public:
-      void raise()
-      {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_count;
-        m_cond.notify_all();
-      }
-      /// Waits until raised at least `count` times in all; false when `timeoutMs` passed first.
-      bool wait(int count = 1, int timeoutMs = 10000)
-      {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_cond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_count >= count; });
-      }
-      int count()
-      {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_count;
-      }
-
-    private:
-      std::mutex m_mutex;
-      std::condition_variable m_cond;
-      int m_count = 0;
-    };
+    using Signal = Bastion::TestGate;
   }
 }

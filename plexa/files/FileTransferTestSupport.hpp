@@ -8,9 +8,9 @@
 #include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/files/FileTransferHandler.hpp"
 #include "plexa/files/ServerBase.hpp"
+#include "plexa/net/ConnectionTestSupport.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 
-#include "bastion/TCPServerSocket.hpp"
 #include "bastion/TCPSocket.hpp"
 
 #include <QMap>
@@ -172,21 +172,7 @@ namespace Plexa
       Signal m_released;
     };
 
-    /// A listening socket on 127.0.0.1 and an ephemeral port.
-    class Listener
-    {
-    public:
-      Listener() { m_server.open("127.0.0.1", 0, 4); }
-      int port() const { return m_server.localPort(); }
-      /// The next accepted connection, or null after `timeoutMs`.
-      Bastion::TCPSocket* accept(int timeoutMs = 10000)
-      {
-        return m_server.isPendingConnection(timeoutMs * 1000) ? m_server.accept() : nullptr;
-      }
-
-    private:
-      Bastion::TCPServerSocket m_server;
-    };
+    using PlexaTest::Listener;
 
     /// Connects a client of type C to a freshly accepted server of type S, both started and
     /// connected. `makeServer(socket)` and `makeClient()` build them; nulls on failure.
@@ -197,7 +183,7 @@ namespace Plexa
       std::shared_ptr<C> client = makeClient();
       client->setReconnect(false);
       client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
-      Bastion::TCPSocket* socket = listener.accept();
+      Bastion::TCPSocket* socket = listener.accept(10000);
       if (!socket)
         return {};
       std::shared_ptr<S> server = makeServer(socket);

@@ -209,7 +209,7 @@ TEST(ServerBase, FailedHandshakeIsRetiredToo)
   {
     auto* socket = new Bastion::TCPSocket();
     ASSERT_EQ(socket->open("127.0.0.1", port), 0);
-    RawPeer peer(socket);
+    RawSocket peer(socket);
     peer.readLine();
     peer.read(64);
     peer.write("GET / HTTP/1.0\n");
@@ -259,7 +259,7 @@ TEST(ServerBase, ConnectionAcceptedWhileStoppingIsStopped)
   server.onCreate = [&] { server.stop(true); };
   auto* socket = new Bastion::TCPSocket();
   ASSERT_EQ(socket->open("127.0.0.1", port), 0);
-  RawPeer peer(socket);
+  RawSocket peer(socket);
   ASSERT_TRUE(server.waitFor([&] { return server.created() == 1; }));
   EXPECT_TRUE(server.waitEnd(WaitMs));
   // Closed without a word: no handshake was started.

@@ -119,7 +119,7 @@ TEST(ConnectionHandshake, ClientSpeaksToNewAndOldServers)
     Listener listener;
     auto connection = std::make_shared<RecordingConnection>(nullptr, false);
     connection->connectToHost("127.0.0.1", listener.port());
-    RawPeer server(listener.accept());
+    RawSocket server(listener.accept());
     ASSERT_TRUE(server.isValid());
     // The raw server checks the version line (only sent to 1.9.1 and newer), login and answer.
     ASSERT_TRUE(server.serverHandshake(version)) << version.constData();
@@ -138,7 +138,7 @@ TEST(ConnectionHandshake, ClientReportsBadServers)
     auto connection = std::make_shared<RecordingConnection>(nullptr, false);
     connection->setReconnect(false);
     connection->connectToHost("127.0.0.1", listener.port());
-    RawPeer server(listener.accept());
+    RawSocket server(listener.accept());
     server.write("SSH-2.0-OpenSSH_9.2\r\n");
     EXPECT_TRUE(connection->waitEnd(WaitMs));
   }
@@ -149,7 +149,7 @@ TEST(ConnectionHandshake, ClientReportsBadServers)
     auto connection = std::make_shared<RecordingConnection>(nullptr, false);
     connection->setReconnect(false);
     connection->connectToHost("127.0.0.1", listener.port());
-    RawPeer server(listener.accept());
+    RawSocket server(listener.accept());
     server.write("Orrery 2.7.2\n" + QByteArray(64, 'x'));
     server.readLine();
     server.readLine();

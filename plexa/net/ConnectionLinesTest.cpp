@@ -131,12 +131,12 @@ TEST(ConnectionLines, HookExceptionsEndOnlyThatConnection)
   auto client = std::make_shared<RecordingConnection>(nullptr, false);
   client->setThrowingHook("pong");
   client->connectToHost("127.0.0.1", listener.port());
-  RawPeer first(listener.accept());
+  RawSocket first(listener.accept());
   ASSERT_TRUE(first.isValid() && first.serverHandshake());
   EXPECT_EQ(first.readLine(), "ping initialized");
   first.write("pong initialized\n");
   ASSERT_TRUE(client->waitDisconnected());
-  RawPeer second(listener.accept());
+  RawSocket second(listener.accept());
   ASSERT_TRUE(second.isValid() && second.serverHandshake());
   ASSERT_TRUE(client->waitConnected(2));
   EXPECT_FALSE(client->pongReceived());

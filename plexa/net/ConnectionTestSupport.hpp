@@ -1,7 +1,8 @@
 #pragma once
 
 // Test helpers for connection tests (unit and integration): a connection thread that records what
-// happens to it, and a raw peer that speaks the protocol byte by byte. Header-only, used by tests
+// happens to it, a raw socket that speaks the protocol byte by byte, and the one loopback listener
+// that every test above this folder accepts its connections on. Header-only, used by tests
 // only. Every wait has a deadline.
 
 #include "bastion/TCPServerSocket.hpp"
@@ -196,11 +197,12 @@ namespace PlexaTest
     return QCryptographicHash::hash(challenge.left(32) + key + challenge.mid(32), QCryptographicHash::Md5);
   }
 
-  /// One end of a TCP connection driven by the test, byte by byte. Reads time out after WaitMs.
-  class RawPeer
+  /// One end of a TCP connection driven by the test, byte by byte (where a test needs the other end
+  /// to speak whole protocol lines, it uses a connection thread instead). Reads time out after WaitMs.
+  class RawSocket
   {
   public:
-    explicit RawPeer(Bastion::TCPSocket* socket) : m_socket(socket)
+    explicit RawSocket(Bastion::TCPSocket* socket) : m_socket(socket)
     {
       if (m_socket)
         m_socket->setReadTimeout(WaitMs);
@@ -276,10 +278,10 @@ namespace PlexaTest
     Listener() { m_ok = m_server.open("127.0.0.1", 0, 4) == 0; }
     bool isOpen() const { return m_ok; }
     int port() const { return m_server.localPort(); }
-    /// The next connection within WaitMs, or null.
-    Bastion::TCPSocket* accept()
+    /// The next connection within `timeoutMs`, or null.
+    Bastion::TCPSocket* accept(int timeoutMs = WaitMs)
     {
-      if (!m_server.isPendingConnection(WaitMs * 1000))
+      if (!m_server.isPendingConnection(timeoutMs * 1000))
         return nullptr;
       return m_server.accept();
     }
@@ -290,11 +292,11 @@ namespace PlexaTest
     bool m_ok = false;
   };
 
-  /// A connected pair: `accepted` is the server-side socket, `client` the raw peer of it.
+  /// A connected pair: `accepted` is the server-side socket, `client` the raw socket of it.
   struct SocketPair
   {
     Bastion::TCPSocket* accepted = nullptr;
-    std::unique_ptr<RawPeer> client;
+    std::unique_ptr<RawSocket> client;
   };
 
   inline SocketPair connectPair(Listener& listener)
@@ -306,7 +308,7 @@ namespace PlexaTest
       delete socket;
       return pair;
     }
-    pair.client.reset(new RawPeer(socket));
+    pair.client.reset(new RawSocket(socket));
     pair.accepted = listener.accept();
     return pair;
   }
@@ -332,7 +334,7 @@ namespace PlexaTest
       run();
       return client().clientHandshake(clientVersion) && connection->waitConnected();
     }
-    RawPeer& client() { return *pair.client; }
+    RawSocket& client() { return *pair.client; }
   };
 
   /// A handler that reads the map block announced by a line "map <count>" and records it.

@@ -1,10 +1,10 @@
 #pragma once
 
-// Test helpers (not installed) for the session data path: a bundle builder for hand-made records
-// and the parts of one session side wired together without a controller.
+// Test helpers (not installed) for the session data path: the parts of one session side wired
+// together without a controller.
 
 #include "bastion/SymbolRegistry.hpp"
-#include "plexa/bundle/Bundle.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/BundleWriterCore.hpp"
 #include "plexa/receive/AttributeRemoveReceiver.hpp"
@@ -38,52 +38,7 @@ namespace Plexa
       return bits;
     }
 
-    /// Builds one bundle: the header, then whatever is appended; `bundle()` fills in the size.
-    class BundleBytes
-    {
-    public:
-      BundleBytes(uint32_t messageType, uint32_t sequence = 1, uint32_t acknowledged = 0)
-        : m_writer(m_data)
-      {
-        m_data.resize(16);
-        BundleHeader header;
-        header.messageType = messageType;
-        header.sequence = sequence;
-        header.acknowledged = acknowledged;
-        std::memcpy(m_data.data(), &header, sizeof(header));
-      }
-      BundleBytes& words(std::initializer_list<uint32_t> values)
-      {
-        for (uint32_t v : values)
-          m_writer.writeValue(v);
-        return *this;
-      }
-      template <typename T>
-      BundleBytes& value(const T& v)
-      {
-        m_writer.writeValue(v);
-        return *this;
-      }
-      /// A 32-bit count, the bytes, zero padding.
-      BundleBytes& blob(const QByteArray& bytes)
-      {
-        m_writer.writeBinary(bytes);
-        return *this;
-      }
-      Bundle bundle() const
-      {
-        QByteArray data = m_data;
-        const uint32_t payload = uint32_t(data.size() - 16);
-        std::memcpy(data.data(), &payload, 4);
-        return Bundle(data);
-      }
-      /// The bundle's bytes.
-      operator QByteArray() const { return bundle().data(); }
-
-    private:
-      QByteArray m_data;
-      BundleWriterCore m_writer;
-    };
+    using PlexaTest::BundleBytes;
 
     /// Message types given out by name, from 10 on, in order of asking.
     class FixedDispatcher : public BundleDispatcher

@@ -3,6 +3,7 @@
 #include "bastion/LogCapture.hpp"
 #include "plexa/bundle/BundleOutput.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/bundle/BundleWriter.hpp"
 #include "plexa/session/BundleReceiver.hpp"
 #include "plexa/session/BundleSender.hpp"
@@ -14,6 +15,7 @@
 #include <stdexcept>
 
 using namespace Plexa;
+using namespace PlexaTest;
 
 namespace
 {
@@ -69,15 +71,6 @@ namespace
     QByteArray extraModule;
     uint32_t extraType = 0;
   };
-
-  Bundle makeBundle(uint32_t type, uint32_t sequence, std::vector<uint32_t> words = {})
-  {
-    Bundle bundle;
-    for (uint32_t w : words)
-      bundle.data().append(reinterpret_cast<const char*>(&w), 4);
-    bundle.setHeader(BundleHeader{uint32_t(words.size() * 4), type, sequence, 0});
-    return bundle;
-  }
 
   struct Reply
   {
@@ -135,9 +128,9 @@ TEST(CoreTest, UnknownTypeWarnsOnceAndIsAcknowledged)
 {
   Core core;
   Bastion::LogCapture log;
-  core.dispatchBundle(makeBundle(7, 4, {1}));
-  core.dispatchBundle(makeBundle(7, 5));
-  core.dispatchBundle(makeBundle(7, 6, {2, 3}));
+  core.dispatchBundle(BundleBytes(7, 4).words({1}));
+  core.dispatchBundle(BundleBytes(7, 5));
+  core.dispatchBundle(BundleBytes(7, 6).words({2, 3}));
   EXPECT_EQ(log.texts(), std::vector<QByteArray>{"BundleDispatcher::dispatchBundle # Unknown bundle type 7"});
   EXPECT_EQ(log.lines().at(0).first, Bastion::LogLevel::Warning);
   EXPECT_EQ(core.lastDispatched(), 6u);
@@ -220,9 +213,9 @@ TEST(CoreTest, NullEntryFromAnEarlierUnknownTypeDoesNotBlockALoad)
   auto receiver = std::make_shared<RecordingReceiver>();
   core.addReceiver("M", receiver);
   Bastion::LogCapture log;
-  core.dispatchBundle(makeBundle(2, 1, {10}));
+  core.dispatchBundle(BundleBytes(2, 1).words({10}));
   core.loadModule(2, "M", {});
-  core.dispatchBundle(makeBundle(2, 2, {20}));
+  core.dispatchBundle(BundleBytes(2, 2).words({20}));
   EXPECT_EQ(takeReplies(core), (std::vector<Reply>{{"ok", "load-module", "M", "Module loaded successfully"}}));
   ASSERT_EQ(receiver->payloads.size(), 1u);
   EXPECT_EQ(receiver->payloads[0], QByteArray("\x14\0\0\0", 4));
@@ -330,9 +323,9 @@ TEST(CoreTest, ThrowingReceiverStillAdvancesAcknowledged)
   auto receiver = std::make_shared<RecordingReceiver>();
   core.addReceiver("M", receiver);
   core.loadModule(1, "M", {});
-  EXPECT_THROW(core.dispatchBundle(makeBundle(1, 8, {0xBAD})), std::out_of_range);
+  EXPECT_THROW(core.dispatchBundle(BundleBytes(1, 8).words({0xBAD})), std::out_of_range);
   EXPECT_EQ(core.lastDispatched(), 8u);
-  core.dispatchBundle(makeBundle(1, 9, {1}));
+  core.dispatchBundle(BundleBytes(1, 9).words({1}));
   EXPECT_EQ(core.lastDispatched(), 9u);
   EXPECT_EQ(receiver->payloads.size(), 2u);
 

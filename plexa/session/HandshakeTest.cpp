@@ -4,12 +4,14 @@
 #include "bastion/LogCapture.hpp"
 #include "plexa/bundle/BundleOutput.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/bundle/BundleWriterCore.hpp"
 #include "plexa/session/Core.hpp"
 
 #include <gtest/gtest.h>
 
 using namespace Plexa;
+using namespace PlexaTest;
 
 namespace
 {
@@ -46,14 +48,6 @@ namespace
     BundleOutput output(&bundles, &counter, acknowledged);
     sender.writeUpdates(output);
     return bundles;
-  }
-
-  Bundle handshakeBundle(const Bytes& payload, uint32_t sequence = 1)
-  {
-    Bundle bundle;
-    bundle.data().append(payload.data);
-    bundle.setHeader(BundleHeader{uint32_t(payload.data.size()), 0, sequence, 0});
-    return bundle;
   }
 
   const Bytes InfoRecord = Bytes().record(
@@ -116,7 +110,7 @@ TEST(HandshakeTest, ReceiverReadsInfoAndLogsErrorsWithTheirMap)
       .record(Bytes().str("error").str("load-module").str("Corvanta.Plexa.OneWayEvent").word(2).str("a").str("1").str(
         "description").str("Module not found"))
       .record(Bytes().str("ok").str("load-module").str("X").word(1).str("description").str("fine"));
-  core.dispatchBundle(handshakeBundle(payload));
+  core.dispatchBundle(BundleBytes(0).bytes(payload.data));
   EXPECT_EQ(core.handshakeReceiver().peerInfo().value("application"), "Plexa");
   EXPECT_EQ(core.handshakeReceiver().peerInfo().value("version"), "2.7.2");
   ASSERT_EQ(log.texts().size(), 1u);
@@ -135,7 +129,7 @@ TEST(HandshakeTest, UnknownCommandIsSkippedByItsLength)
       // Fields shorter than the record: the rest of the record is skipped too.
       .record(Bytes().str("ok").str("load-module").str("X").word(0).word(0xdeadbeef))
       .record(Bytes().str("error").str("c").str("m").word(0));
-  core.dispatchBundle(handshakeBundle(payload));
+  core.dispatchBundle(BundleBytes(0).bytes(payload.data));
   EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
                            "HandshakeReceiver::handleBundle # Unknown command 'frobnicate'",
                            "HandshakeReceiver::handleBundle # error, command: c, module: m, additional info: "}));
@@ -162,7 +156,7 @@ TEST(HandshakeTest, UnreadableRecordEndsTheBundleWithOneWarning)
   for (size_t i = 0; i < corrupt.size(); ++i) {
     Core core;
     Bastion::LogCapture log;
-    EXPECT_NO_THROW(core.dispatchBundle(handshakeBundle(corrupt[i])));
+    EXPECT_NO_THROW(core.dispatchBundle(BundleBytes(0).bytes(corrupt[i].data)));
     EXPECT_EQ(log.texts(), std::vector<QByteArray>{"HandshakeReceiver::handleBundle # Corrupted message"}) << i;
   }
 }
@@ -173,7 +167,7 @@ TEST(HandshakeTest, ZeroLengthRecordsStillMoveForward)
   // the command's count. Whatever that reads as, the loop ends.
   Core core;
   Bastion::LogCapture log;
-  core.dispatchBundle(handshakeBundle(Bytes().word(0).word(0).word(0).word(0)));
+  core.dispatchBundle(BundleBytes(0).bytes(Bytes().word(0).word(0).word(0).word(0).data));
   const QByteArray unknown = "HandshakeReceiver::handleBundle # Unknown command ''";
   EXPECT_EQ(log.texts(), (std::vector<QByteArray>{unknown, unknown, unknown,
                                                   "HandshakeReceiver::handleBundle # Corrupted message"}));
