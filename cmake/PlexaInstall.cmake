@@ -38,10 +38,12 @@ set(PLEXA_PUBLIC_HEADERS
 if(TARGET Plexa)
   list(APPEND PLEXA_PUBLIC_HEADERS
     plexa/app/Peer.hpp
+    plexa/app/QtPeerDriver.hpp
     plexa/app/Version.hpp
     plexa/remote/RemoteNode.hpp
     plexa/remote/SliceAssembler.hpp
     plexa/remote/SyncFlags.hpp
+    plexa/session/BundleControllerParams.hpp
     plexa/tracking/AttributeCache.hpp
     plexa/tracking/NodeWatcher.hpp
   )
