@@ -1,6 +1,9 @@
 #include "Command.hpp"
 
+#include "AddressArgument.hpp"
 #include "Console.hpp"
+
+#include "plexa/app/Peer.hpp"
 
 namespace Plexa
 {
@@ -19,6 +22,28 @@ namespace Plexa
     void Command::warn(const QString& message)
     {
       console.err(QString("plexa %1: warning: %2").arg(name(), message));
+    }
+
+    QCommandLineOption Command::listenOption()
+    {
+      const QString fallback = QString("127.0.0.1:%1").arg(AddressArgument::DefaultPort);
+      return {"listen", QString("Address to listen on (default %1; port 0 picks a free one).").arg(fallback),
+              "HOST:PORT", fallback};
+    }
+
+    void Command::reportListening(const AddressArgument& address, Peer& peer)
+    {
+      const AddressArgument bound = address.withPort(peer.listeningPort());
+      if (!address.isLoopback())
+        warn(QString("listening on %1, which other machines can reach; the protocol has no encryption: anyone who "
+                     "can reach this port and knows the shared key can read and change the tree")
+               .arg(bound.toString()));
+      console.out(QString("listening on %1").arg(bound.toString()));
+      peer.setConnectionCallback([this, &peer](const QString& peerAddress, bool connected) {
+        console.out(QString("%1 %2 (%3 connected)")
+                      .arg(connected ? "connected" : "disconnected", peerAddress)
+                      .arg(peer.sessionCount()));
+      });
     }
   }
 }

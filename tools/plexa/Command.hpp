@@ -5,8 +5,11 @@
 
 namespace Plexa
 {
+  class Peer;
+
   namespace Cli
   {
+    class AddressArgument;
     class Console;
 
     /// Exit statuses of every command.
@@ -51,6 +54,12 @@ namespace Plexa
       int fail(int status, const QString& message);
       /// The same as a warning that does not end the command.
       void warn(const QString& message);
+
+      /// The --listen option of the commands that serve a tree (default 127.0.0.1 and the default port).
+      static QCommandLineOption listenOption();
+      /// Once `peer` listens at `address`: prints the address it got (with the port picked for port
+      /// 0), warns when other machines can reach it, and prints connections as they come and go.
+      void reportListening(const AddressArgument& address, Peer& peer);
 
       double timeoutSeconds() const { return m_timeoutSeconds; }
       int timeoutMs() const { return int(m_timeoutSeconds * 1000.0); }

@@ -55,8 +55,7 @@ namespace Plexa
     void ReplayCommand::addOptions(QCommandLineParser& parser)
     {
       parser.addOptions({
-        {"listen", QString("Address to listen on (default 127.0.0.1:%1; port 0 picks a free one).").arg(AddressArgument::DefaultPort),
-         "HOST:PORT", QString("127.0.0.1:%1").arg(AddressArgument::DefaultPort)},
+        listenOption(),
         {"speed", "Play X times as fast as recorded (default 1).", "X", "1"},
         {"as-fast-as-possible", "Play without waiting between records."},
         {"loop", "Start over at the end (at --from)."},
@@ -110,12 +109,7 @@ namespace Plexa
       Peer peer(tree);
       if (!peer.listen(address.host(), address.port(), &error))
         return fail(ExitFailure, error);
-      console.out(QString("listening on %1").arg(address.withPort(peer.listeningPort()).toString()));
-      peer.setConnectionCallback([&](const QString& peerAddress, bool connected) {
-        console.out(QString("%1 %2 (%3 connected)")
-                      .arg(connected ? "connected" : "disconnected", peerAddress)
-                      .arg(peer.sessionCount()));
-      });
+      reportListening(address, peer);
       // The recorded timing starts once somebody watches.
       while (!Interrupt::requested() && peer.initializedSessionCount() == 0)
         peer.waitAndUpdate(PollMs);

@@ -44,8 +44,7 @@ namespace Plexa
     void ServeCommand::addOptions(QCommandLineParser& parser)
     {
       parser.addOptions({
-        {"listen", QString("Address to listen on (default 127.0.0.1:%1; port 0 picks a free one).").arg(AddressArgument::DefaultPort),
-         "HOST:PORT", QString("127.0.0.1:%1").arg(AddressArgument::DefaultPort)},
+        listenOption(),
         {"tree", "Tree to publish, as JSON (default: an empty tree).", "FILE.json"},
         {"share", "Folder whose files peers may fetch.", "DIR"},
         {"max-connections", QString("Live connections at most (default %1).").arg(DefaultMaxConnections), "N",
@@ -107,22 +106,12 @@ namespace Plexa
           peer.waitAndUpdate(PollMs);
         }
       }
-      const AddressArgument bound = address.withPort(peer.listeningPort());
-      if (!address.isLoopback())
-        warn(QString("listening on %1, which other machines can reach; the protocol has no encryption: anyone who "
-                     "can reach this port and knows the shared key can read and change the tree")
-               .arg(bound.toString()));
-      console.out(QString("listening on %1").arg(bound.toString()));
+      reportListening(address, peer);
 
       // `plexa set` asks to hear once its values are applied.
       tree.eventAddListener(SyncEvents::Request, [&tree](Bastion::BinaryData& data) {
         Bastion::BinaryData reply(data.toByteArray());
         tree.eventProcess(SyncEvents::Reply, reply);
-      });
-      peer.setConnectionCallback([&](const QString& peerAddress, bool connected) {
-        console.out(QString("%1 %2 (%3 connected)")
-                      .arg(connected ? "connected" : "disconnected", peerAddress)
-                      .arg(peer.sessionCount()));
       });
       while (!Interrupt::requested())
         peer.waitAndUpdate(PollMs);
