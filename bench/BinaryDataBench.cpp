@@ -90,8 +90,8 @@ int main(int argc, char** argv)
   const double perItemRewrite = best.rewrite / items;
   const double perItemRead = best.read / items;
   const double perItemCopy = best.copy / items;
-  std::printf("BinaryData: %d items (int32 and float alternating, %d bytes), best of %d rounds\n", items,
-              items * 8, rounds);
+  std::printf("BinaryData: %d items (int32 and float alternating, %d bytes), best of %d rounds\n", items, items * 8,
+              rounds);
   std::printf("%-24s %10s %12s\n", "operation", "ns/item", "x memcpy");
   std::printf("%-24s %10.3f %12.1f\n", "write (growing buffer)", perItemWrite, perItemWrite / perItemCopy);
   std::printf("%-24s %10.3f %12.1f\n", "write (reused buffer)", perItemRewrite, perItemRewrite / perItemCopy);

@@ -47,30 +47,30 @@ int main()
   Carafe::AttributeT<float> quiet;
 
   const std::vector<double> t = bestOfRounds({
-    [&] {
-      for (int i = 0; i < Iterations; ++i) {
-        listener();
-        benchmark::ClobberMemory();
-      }
-    },
-    [&] {
-      for (int i = 0; i < Iterations; ++i) {
-        attribute.setValue(float(i & 1)); // every set changes the value
-        benchmark::ClobberMemory();
-      }
-    },
-    [&] {
-      for (int i = 0; i < Iterations; ++i) {
-        attribute.setValue(1.f);
-        benchmark::ClobberMemory();
-      }
-    },
-    [&] {
-      for (int i = 0; i < Iterations; ++i) {
-        quiet.setValue(float(i & 1));
-        benchmark::ClobberMemory();
-      }
-    },
+      [&] {
+        for (int i = 0; i < Iterations; ++i) {
+          listener();
+          benchmark::ClobberMemory();
+        }
+      },
+      [&] {
+        for (int i = 0; i < Iterations; ++i) {
+          attribute.setValue(float(i & 1)); // every set changes the value
+          benchmark::ClobberMemory();
+        }
+      },
+      [&] {
+        for (int i = 0; i < Iterations; ++i) {
+          attribute.setValue(1.f);
+          benchmark::ClobberMemory();
+        }
+      },
+      [&] {
+        for (int i = 0; i < Iterations; ++i) {
+          quiet.setValue(float(i & 1));
+          benchmark::ClobberMemory();
+        }
+      },
   });
   const double direct = t[0], set = t[1], equal = t[2], noListener = t[3];
 

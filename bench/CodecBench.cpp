@@ -94,7 +94,9 @@ namespace
     const double bulk = nanos / base.bulk;
     const double field = nanos / base.perField;
     std::printf("  %-28s %13.2f  %11.2fx  %13.2fx  %4.1fx: %s\n", name, nanos / records, bulk, field, target,
-                target == 0 ? "-" : field <= target ? (bulk <= target ? "met" : "met against field copy only") : "MISSED");
+                target == 0       ? "-"
+                : field <= target ? (bulk <= target ? "met" : "met against field copy only")
+                                  : "MISSED");
   }
 
   template <typename A>
@@ -123,8 +125,8 @@ namespace
   /// `copyFields(out, i)` copies record i's fields with memcpy and returns the bytes used, `sample(i)`
   /// is attribute i's value for the registry's writes, `expected(i)` the value record i carries.
   template <typename A, typename Encode, typename Decode, typename CopyFields, typename Sample, typename Expected>
-  bool runRecords(const char* title, const Plexa::TypeRegistry& registry, uint32_t typeId, int records,
-                  Encode encode, Decode decode, CopyFields copyFields, Sample sample, Expected expected)
+  bool runRecords(const char* title, const Plexa::TypeRegistry& registry, uint32_t typeId, int records, Encode encode,
+                  Decode decode, CopyFields copyFields, Sample sample, Expected expected)
   {
     std::printf("%s (%d records)\n", title, records);
     QByteArray encoded;
@@ -196,23 +198,23 @@ namespace
   bool runFloatRecords(const Plexa::TypeRegistry& registry, int records)
   {
     return runRecords<Carafe::AttributeT<float>>(
-      "symbol + float", registry, 3, records,
-      [](Plexa::BundleWriterCore& writer, int i) {
-        writer.writeValue(uint32_t(i % Attributes));
-        writer.writeValue(float(i) * 0.5f);
-      },
-      [](Plexa::BundleReaderCore& reader) {
-        const uint32_t symbol = reader.readValue<uint32_t>();
-        return symbol + uint64_t(reader.readValue<float>());
-      },
-      [](char* out, int i) {
-        const uint32_t symbol = uint32_t(i % Attributes);
-        const float value = float(i) * 0.5f;
-        std::memcpy(out, &symbol, 4);
-        std::memcpy(out + 4, &value, 4);
-        return 8;
-      },
-      [](int i) { return float(i); }, [](int i) { return float(i) * 0.5f; });
+        "symbol + float", registry, 3, records,
+        [](Plexa::BundleWriterCore& writer, int i) {
+          writer.writeValue(uint32_t(i % Attributes));
+          writer.writeValue(float(i) * 0.5f);
+        },
+        [](Plexa::BundleReaderCore& reader) {
+          const uint32_t symbol = reader.readValue<uint32_t>();
+          return symbol + uint64_t(reader.readValue<float>());
+        },
+        [](char* out, int i) {
+          const uint32_t symbol = uint32_t(i % Attributes);
+          const float value = float(i) * 0.5f;
+          std::memcpy(out, &symbol, 4);
+          std::memcpy(out + 4, &value, 4);
+          return 8;
+        },
+        [](int i) { return float(i); }, [](int i) { return float(i) * 0.5f; });
   }
 
   bool runStringRecords(const Plexa::TypeRegistry& registry, int records)
@@ -224,26 +226,26 @@ namespace
       texts.push_back(stringFor(k).toUtf8());
     QByteArray text;
     return runRecords<Carafe::AttributeT<QString>>(
-      "symbol + 16-byte string", registry, 35, records,
-      [&](Plexa::BundleWriterCore& writer, int i) {
-        writer.writeValue(uint32_t(i % Attributes));
-        writer.writeBinary(texts[size_t(i) % texts.size()]);
-      },
-      [&](Plexa::BundleReaderCore& reader) {
-        const uint32_t symbol = reader.readValue<uint32_t>();
-        reader.readBinary(text, 64);
-        return symbol + uint64_t(text.size());
-      },
-      [&](char* out, int i) {
-        const uint32_t symbol = uint32_t(i % Attributes);
-        const QByteArray& bytes = texts[size_t(i) % texts.size()];
-        const uint32_t count = uint32_t(bytes.size());
-        std::memcpy(out, &symbol, 4);
-        std::memcpy(out + 4, &count, 4);
-        std::memcpy(out + 8, bytes.constData(), count);
-        return int(8 + ((count + 3) & ~3u));
-      },
-      [](int i) { return stringFor(i); }, [](int i) { return stringFor(i); });
+        "symbol + 16-byte string", registry, 35, records,
+        [&](Plexa::BundleWriterCore& writer, int i) {
+          writer.writeValue(uint32_t(i % Attributes));
+          writer.writeBinary(texts[size_t(i) % texts.size()]);
+        },
+        [&](Plexa::BundleReaderCore& reader) {
+          const uint32_t symbol = reader.readValue<uint32_t>();
+          reader.readBinary(text, 64);
+          return symbol + uint64_t(text.size());
+        },
+        [&](char* out, int i) {
+          const uint32_t symbol = uint32_t(i % Attributes);
+          const QByteArray& bytes = texts[size_t(i) % texts.size()];
+          const uint32_t count = uint32_t(bytes.size());
+          std::memcpy(out, &symbol, 4);
+          std::memcpy(out + 4, &count, 4);
+          std::memcpy(out + 8, bytes.constData(), count);
+          return int(8 + ((count + 3) & ~3u));
+        },
+        [](int i) { return stringFor(i); }, [](int i) { return stringFor(i); });
   }
 }
 

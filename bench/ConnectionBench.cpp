@@ -13,8 +13,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -44,8 +44,8 @@ namespace
 
   struct Result
   {
-    double rate = 0;       // bytes per wall-clock second
-    double cpuPerGiB = 0;  // CPU seconds per GiB moved
+    double rate = 0;      // bytes per wall-clock second
+    double cpuPerGiB = 0; // CPU seconds per GiB moved
   };
 
   /// Reads the announced number of entries with readData, on its connection thread.
@@ -112,8 +112,7 @@ namespace
     const double cpuStart = cpuSeconds();
     const Clock::time_point start = Clock::now();
     sender.queue(QString("stream %1\n").arg(entries));
-    for (int i = 0; i < entries; ++i)
-    {
+    for (int i = 0; i < entries; ++i) {
       // Keep at most 32 MiB queued, as a producer of file parts does; resume at 16 MiB, so the
       // producer wakes once per 16 MiB and not once per entry.
       if (sender.bufferedDataSize() >= (32 << 20))
@@ -140,8 +139,7 @@ namespace
 
   bool writeAll(int fd, const char* data, size_t size)
   {
-    while (size > 0)
-    {
+    while (size > 0) {
       const ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
       if (n <= 0)
         return false;
@@ -153,8 +151,7 @@ namespace
 
   bool readAll(int fd, char* data, size_t size)
   {
-    while (size > 0)
-    {
+    while (size > 0) {
       const ssize_t n = ::recv(fd, data, size, 0);
       if (n <= 0)
         return false;
@@ -209,8 +206,7 @@ int main(int argc, char** argv)
 {
   int mib = 256;
   int runs = 3;
-  for (int i = 1; i + 1 < argc; i += 2)
-  {
+  for (int i = 1; i + 1 < argc; i += 2) {
     if (std::strcmp(argv[i], "--mib") == 0)
       mib = std::atoi(argv[i + 1]);
     else if (std::strcmp(argv[i], "--runs") == 0)
@@ -219,8 +215,7 @@ int main(int argc, char** argv)
   const int entries = mib * (1 << 20) / EntryBytes;
 
   Bastion::TCPServerSocket listener;
-  if (listener.open("127.0.0.1", 0, 2) != 0)
-  {
+  if (listener.open("127.0.0.1", 0, 2) != 0) {
     std::printf("cannot listen\n");
     return 1;
   }
@@ -232,20 +227,17 @@ int main(int argc, char** argv)
   auto receiver = std::make_shared<SinkConnection>(listener.accept(), true);
   receiver->setUsePing(false);
   receiver->Bastion::Thread::run();
-  if (!sender->waitConnected() || !receiver->waitConnected())
-  {
+  if (!sender->waitConnected() || !receiver->waitConnected()) {
     std::printf("handshake failed\n");
     return 1;
   }
 
   Result bestTransport;
   Result bestPlain;
-  for (int run = 0; run < runs; ++run)
-  {
+  for (int run = 0; run < runs; ++run) {
     const Result transport = transportRate(*sender, *receiver, entries);
     const Result plain = plainRate(entries);
-    if (transport.rate == 0 || plain.rate == 0)
-    {
+    if (transport.rate == 0 || plain.rate == 0) {
       std::printf("run %d failed\n", run + 1);
       return 1;
     }

@@ -31,10 +31,10 @@
 #endif
 
 #include <arpa/inet.h>
-#include <sched.h>
 #include <dirent.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -406,19 +406,20 @@ namespace
 
   /// Waits until the far side mirrors `count` floats of `floatPath` form; empty on timeout.
   std::vector<FloatAttribute*> waitForFloats(Plexa::Peer& peer, Plexa::RemoteNode& root, AdditionCounter& counter,
-                                              int count, double seconds)
+                                             int count, double seconds)
   {
     std::vector<FloatAttribute*> found;
     long long walkedAt = -1;
-    updateUntil(peer,
-                [&] {
-                  if (counter.added < count || counter.added == walkedAt)
-                    return false;
-                  walkedAt = counter.added;
-                  found = findFloats(root, count);
-                  return allFound(found);
-                },
-                seconds);
+    updateUntil(
+        peer,
+        [&] {
+          if (counter.added < count || counter.added == walkedAt)
+            return false;
+          walkedAt = counter.added;
+          found = findFloats(root, count);
+          return allFound(found);
+        },
+        seconds);
     if (!allFound(found))
       found.clear();
     return found;
@@ -479,7 +480,8 @@ namespace
       const int64_t t0 = nowNs();
       ping->setValue(v);
       peer.update();
-      if (!updateUntil(peer, [&] { return pong->value() == v; }, 10))
+      if (!updateUntil(
+              peer, [&] { return pong->value() == v; }, 10))
         return {};
       if (i >= run.settings.warmup)
         samples.push_back(nowNs() - t0);
@@ -518,13 +520,16 @@ namespace
     long long applied = 0;
     int64_t end = 0;
     for (FloatAttribute* a : values)
-      a->addListener([&] {
-        if (++applied == expected)
-          end = nowNs();
-      }, Carafe::Attribute::RoleChanged);
+      a->addListener(
+          [&] {
+            if (++applied == expected)
+              end = nowNs();
+          },
+          Carafe::Attribute::RoleChanged);
     const uint64_t bytes = tcpBytesReceived();
     say("ready");
-    updateUntil(peer, [&] { return applied >= expected; }, 60);
+    updateUntil(
+        peer, [&] { return applied >= expected; }, 60);
     if (end == 0)
       end = nowNs();
     const uint64_t received = tcpBytesReceived() - bytes;
@@ -543,18 +548,20 @@ namespace
     peer.connectTo("127.0.0.1", port);
     FloatAttribute* ping = nullptr;
     FloatAttribute* pong = nullptr;
-    if (!updateUntil(peer,
-                     [&] {
-                       ping = dynamic_cast<FloatAttribute*>(root.attribute("ping"));
-                       pong = dynamic_cast<FloatAttribute*>(root.attribute("pong"));
-                       return ping && pong;
-                     },
-                     30))
+    if (!updateUntil(
+            peer,
+            [&] {
+              ping = dynamic_cast<FloatAttribute*>(root.attribute("ping"));
+              pong = dynamic_cast<FloatAttribute*>(root.attribute("pong"));
+              return ping && pong;
+            },
+            30))
       return 1;
     ping->addListener([ping, pong] { pong->setValue(ping->value()); }, Carafe::Attribute::RoleChanged);
     say("ready");
     // Serves until the parent's connection goes away.
-    updateUntil(peer, [&] { return peer.sessionCount() == 0; }, 120);
+    updateUntil(
+        peer, [&] { return peer.sessionCount() == 0; }, 120);
     return 0;
   }
 
@@ -567,18 +574,19 @@ namespace
     peer.connectTo("127.0.0.1", port);
     std::vector<FloatAttribute*> found;
     long long walkedAt = -1;
-    const bool ok = updateUntil(peer,
-                                [&] {
-                                  if (counter.added < s.snapshotAttributes || counter.added == walkedAt)
-                                    return false;
-                                  walkedAt = counter.added;
-                                  found = findFloats(root, s.snapshotAttributes);
-                                  for (int i = 0; i < s.snapshotAttributes; ++i)
-                                    if (!found[size_t(i)] || found[size_t(i)]->value() != snapshotValue(i))
-                                      return false;
-                                  return true;
-                                },
-                                60);
+    const bool ok = updateUntil(
+        peer,
+        [&] {
+          if (counter.added < s.snapshotAttributes || counter.added == walkedAt)
+            return false;
+          walkedAt = counter.added;
+          found = findFloats(root, s.snapshotAttributes);
+          for (int i = 0; i < s.snapshotAttributes; ++i)
+            if (!found[size_t(i)] || found[size_t(i)]->value() != snapshotValue(i))
+              return false;
+          return true;
+        },
+        60);
     say("done " + std::to_string(double(nowNs() - start) / 1e6) + " " + (ok ? "1" : "0"));
     return 0;
   }
@@ -659,10 +667,8 @@ namespace
     for (const QString& name : names)
       replicas.emplace_back(node.acquireDynamic(name));
     const bool ok = qtUntil(
-      [&] {
-        return std::all_of(replicas.begin(), replicas.end(), [](const auto& r) { return r->isInitialized(); });
-      },
-      seconds);
+        [&] { return std::all_of(replicas.begin(), replicas.end(), [](const auto& r) { return r->isInitialized(); }); },
+        seconds);
     if (!ok)
       replicas.clear();
     return replicas;
@@ -760,7 +766,7 @@ namespace
     for (size_t b = 0; b < replicas.size(); ++b)
       for (int i = 0; i < PropertyBlock::Size; ++i)
         ok = ok && replicas[b]->property(propertyName(i).constData()).toFloat() ==
-                     fanoutValue(s.rounds - 1, int(b) * PropertyBlock::Size + i);
+                       fanoutValue(s.rounds - 1, int(b) * PropertyBlock::Size + i);
     say("done " + std::to_string(end) + " " + std::to_string(listener.count) + " " + std::to_string(received) + " " +
         (ok ? "1" : "0"));
     return 0;
@@ -794,7 +800,7 @@ namespace
     for (size_t b = 0; ok && b < replicas.size(); ++b)
       for (int i = 0; i < PropertyBlock::Size; ++i)
         ok = ok && replicas[b]->property(propertyName(i).constData()).toFloat() ==
-                     snapshotValue(int(b) * PropertyBlock::Size + i);
+                       snapshotValue(int(b) * PropertyBlock::Size + i);
     say("done " + std::to_string(double(nowNs() - start) / 1e6) + " " + (ok ? "1" : "0"));
     return 0;
   }
@@ -913,8 +919,8 @@ namespace
 #ifdef PLEXA_BENCH_QTRO
     const Side qtroSide{qtroFanout, qtroRoundTrip, qtroSnapshot};
     const char* qtroKind =
-      "QObject sources with 100 float Q_PROPERTYs each (enableRemoting), dynamic replicas (acquireDynamic), "
-      "tcp://; applied values counted by the replicas' notify signals";
+        "QObject sources with 100 float Q_PROPERTYs each (enableRemoting), dynamic replicas (acquireDynamic), "
+        "tcp://; applied values counted by the replicas' notify signals";
 #else
     const Side qtroSide;
     const char* qtroKind = "not built (Qt5RemoteObjects missing)";
@@ -971,7 +977,8 @@ namespace
     for (const RoundTrips& rt : placements) {
       if (rt.cpu >= 0)
         std::printf("%-38s %12.1f %12s %11s   p99 %.1f us; floor for (b)\n",
-                    rt.cpu == rt.childCpu ? "TCP ping-pong 8 B median, us, 1 CPU" : "TCP ping-pong 8 B median, us, 2 CPUs",
+                    rt.cpu == rt.childCpu ? "TCP ping-pong 8 B median, us, 1 CPU"
+                                          : "TCP ping-pong 8 B median, us, 2 CPUs",
                     rt.floor.medianUs, "", "", rt.floor.p99Us);
     }
     if (!pa.ok || !qtro.fanout.ok)

@@ -181,8 +181,8 @@ namespace
     const QString config = workDir + "/rsyncd.conf";
     writeFile(config, QStringLiteral("use chroot = no\nuid = 0\ngid = 0\npid file = %1/rsyncd.pid\n"
                                      "log file = %1/rsyncd.log\n[bench]\npath = %2\nread only = no\n")
-                        .arg(workDir, target)
-                        .toUtf8());
+                          .arg(workDir, target)
+                          .toUtf8());
     const pid_t daemon = fork();
     if (daemon == 0) {
       const QByteArray configArg = "--config=" + QFile::encodeName(config);
@@ -193,8 +193,8 @@ namespace
     }
     double seconds = -1;
     // The daemon needs a moment to listen: retry the copy until it connects, within a deadline.
-    const QByteArray command = "rsync -W -q " + QFile::encodeName(file) + " rsync://127.0.0.1:" +
-                               QByteArray::number(port) + "/bench/ 2>/dev/null";
+    const QByteArray command = "rsync -W -q " + QFile::encodeName(file) +
+                               " rsync://127.0.0.1:" + QByteArray::number(port) + "/bench/ 2>/dev/null";
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
     while (Clock::now() < deadline) {
       const Clock::time_point start = Clock::now();
@@ -232,8 +232,7 @@ int main(int argc, char** argv)
   const qint64 size = mib << 20;
 
   QTemporaryDir work(QDir::tempPath() + "/plexa-filetransfer-bench-XXXXXX");
-  const QString source = work.path() + "/source", target = work.path() + "/target",
-                copies = work.path() + "/copies";
+  const QString source = work.path() + "/source", target = work.path() + "/target", copies = work.path() + "/copies";
   QDir().mkpath(source);
   QDir().mkpath(target);
   QDir().mkpath(copies);

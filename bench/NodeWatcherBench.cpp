@@ -110,8 +110,8 @@ int main(int argc, char** argv)
   const double watchedHotSet = watchedHotTotal / hotRounds;
 
   std::printf("NodeWatcher on %zu float attributes (%d nodes)\n", watched.size(), 1 + Groups + Groups * SubGroups);
-  std::printf("  startWatching(send=true):      %8.1f ms  (%.0f ns per attribute, %ld events)\n",
-              startSeconds * 1e3, startSeconds * 1e9 / double(watched.size()), startEvents);
+  std::printf("  startWatching(send=true):      %8.1f ms  (%.0f ns per attribute, %ld events)\n", startSeconds * 1e3,
+              startSeconds * 1e9 / double(watched.size()), startEvents);
   std::printf("  sweep over all attributes (%d rounds, cold caches):\n", rounds);
   std::printf("    bare attribute set:            %8.1f ns\n", bareSet * 1e9);
   std::printf("    set reported to the listener:  %8.1f ns\n", watchedSet * 1e9);

@@ -52,7 +52,8 @@ namespace
     std::vector<Float*> attributes;
     for (int i = 0; i < Attributes; ++i) {
       auto* attribute = new Float(0.f);
-      node.addDeepAttribute("group" + QByteArray::number(i / PerNode) + "/value" + QByteArray::number(i % PerNode), attribute);
+      node.addDeepAttribute("group" + QByteArray::number(i / PerNode) + "/value" + QByteArray::number(i % PerNode),
+                            attribute);
       attributes.push_back(attribute);
     }
     node.processPendingAdditions();
@@ -118,7 +119,8 @@ int main(int argc, char** argv)
     server.listen("127.0.0.1", 0);
     client.connectTo("127.0.0.1", server.listeningPort());
     const auto deadline = Clock::now() + std::chrono::seconds(60);
-    const QByteArray lastPath = "group" + QByteArray::number((Attributes - 1) / PerNode) + "/value" + QByteArray::number(PerNode - 1);
+    const QByteArray lastPath =
+        "group" + QByteArray::number((Attributes - 1) / PerNode) + "/value" + QByteArray::number(PerNode - 1);
     auto mirrored = [&] {
       const uint32_t symbol = clientNode.symbolRegistry().lookup(lastPath);
       return client.initializedSessionCount() > 0 && symbol != 0 && clientNode.attributeCache().find(symbol) != nullptr;
@@ -141,7 +143,7 @@ int main(int argc, char** argv)
     const auto start = Clock::now();
     for (long sent = 0; sent < peerValues;) {
       for (int i = 0; i < Attributes && sent < peerValues; ++i, ++sent)
-        attributes[size_t(i)]->setValue(float(sent + 1));   // the attributes start at 0: every set is a change
+        attributes[size_t(i)]->setValue(float(sent + 1)); // the attributes start at 0: every set is a change
       server.update();
       client.update();
     }
@@ -153,14 +155,15 @@ int main(int argc, char** argv)
     static double unrecorded = 1;
     if (!record)
       unrecorded = seconds;
-    std::printf("%-40s %14.0f %10.2f  (%ld of %ld values arrived%s)\n", record ? "from a peer, recorded" : "from a peer, not recorded",
-                double(arrived()) / seconds, seconds / unrecorded, arrived(), peerValues,
+    std::printf("%-40s %14.0f %10.2f  (%ld of %ld values arrived%s)\n",
+                record ? "from a peer, recorded" : "from a peer, not recorded", double(arrived()) / seconds,
+                seconds / unrecorded, arrived(), peerValues,
                 record ? qPrintable(QString(", peak buffer %1 bytes").arg(recorder.peakBufferBytes())) : "");
   }
 
   // Reading the local recording back.
   int64_t bytes = 0;
-  plainRead(fileName, bytes);   // into the page cache first
+  plainRead(fileName, bytes); // into the page cache first
   const double plainSeconds = plainRead(fileName, bytes);
   Plexa::Recording recording;
   recording.open(fileName);
@@ -179,8 +182,10 @@ int main(int argc, char** argv)
   const double playSeconds = cpuSeconds() - start;
   std::printf("\n%-40s %14s %10s\n", "reading", "MB/s", "x plain");
   std::printf("%-40s %14.0f %10s\n", "plain read, 1 MiB chunks", bytes / plainSeconds / 1e6, "1.00");
-  std::printf("%-40s %14.0f %10.2f\n", "records read and checked", bytes / readSeconds / 1e6, readSeconds / plainSeconds);
-  std::printf("%-40s %14.0f %10.2f\n", "records applied to a tree", bytes / playSeconds / 1e6, playSeconds / plainSeconds);
+  std::printf("%-40s %14.0f %10.2f\n", "records read and checked", bytes / readSeconds / 1e6,
+              readSeconds / plainSeconds);
+  std::printf("%-40s %14.0f %10.2f\n", "records applied to a tree", bytes / playSeconds / 1e6,
+              playSeconds / plainSeconds);
   std::printf("\n%ld values in %ld records, %lld bytes: %.1f bytes per value; recorder's peak buffer %lld bytes\n",
               values, records, (long long)fileBytes, double(fileBytes) / double(values), (long long)peak);
   return 0;

@@ -46,7 +46,10 @@ namespace
 
   /// The value attribute `index` gets in `round`: exact in a float, and different from the
   /// previous round's, so that every set is a change.
-  float valueFor(int round, int index) { return float(round * 10007 + index); }
+  float valueFor(int round, int index)
+  {
+    return float(round * 10007 + index);
+  }
 
   /// A session's outgoing side that keeps each send pass for the benchmark to hand over.
   class Capture : public Plexa::Connection
@@ -69,7 +72,9 @@ namespace
   /// before the tree it listens to).
   struct Side
   {
-    explicit Side(const char* name) : node(nullptr, name), out(std::make_shared<Capture>())
+    explicit Side(const char* name)
+        : node(nullptr, name)
+        , out(std::make_shared<Capture>())
     {
       Plexa::BundleControllerParams params;
       params.connection = out;
@@ -309,8 +314,7 @@ int main(int argc, char** argv)
   std::printf("  session start (10,000 attributes announced and created on B): %.1f ms, %lld bytes\n",
               syncSeconds * 1e3, syncBytes);
   std::printf("  %-44s %14s %10s\n", "", "values/s", "ns/value");
-  std::printf("  %-44s %14.0f %10.1f\n", "A -> bundles -> B (whole path)", perSecond(path.total()),
-              ns(path.total()));
+  std::printf("  %-44s %14.0f %10.1f\n", "A -> bundles -> B (whole path)", perSecond(path.total()), ns(path.total()));
   std::printf("  %-44s %14s %10.1f\n", "  A: attribute sets", "", ns(path.set));
   std::printf("  %-44s %14s %10.1f\n", "  A: sendUpdates (node update, send pass)", "", ns(path.send));
   std::printf("  %-44s %14s %10.1f\n", "  B: process (own update, dispatch, apply)", "", ns(path.receive));

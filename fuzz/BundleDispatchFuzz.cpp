@@ -35,7 +35,11 @@ namespace
   class MemorySource : public Plexa::BundleByteSource
   {
   public:
-    MemorySource(const uint8_t* data, size_t size) : m_data(data), m_left(size) {}
+    MemorySource(const uint8_t* data, size_t size)
+        : m_data(data)
+        , m_left(size)
+    {
+    }
     bool readData(unsigned char* buffer, int size) override
     {
       if (size < 0 || size_t(size) > m_left)

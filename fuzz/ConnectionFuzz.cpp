@@ -51,7 +51,10 @@ namespace
   class FuzzConnection : public Plexa::ConnectionThread
   {
   public:
-    FuzzConnection(Bastion::TCPSocket* socket, bool accepted) : Plexa::ConnectionThread(socket, accepted) {}
+    FuzzConnection(Bastion::TCPSocket* socket, bool accepted)
+        : Plexa::ConnectionThread(socket, accepted)
+    {
+    }
     ~FuzzConnection() override { shutdown(); }
 
   protected:
@@ -75,8 +78,7 @@ namespace
   // The fuzzer's timers interrupt system calls: EINTR is no failure here.
   bool readExactly(int fd, char* buffer, int size)
   {
-    while (size > 0)
-    {
+    while (size > 0) {
       const ssize_t n = ::read(fd, buffer, size_t(size));
       if (n < 0 && errno == EINTR)
         continue;
@@ -91,8 +93,7 @@ namespace
   /// Sends everything or stops at the first failure (the connection closed its end).
   void sendAll(int fd, const char* data, size_t size)
   {
-    while (size > 0)
-    {
+    while (size > 0) {
       const ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
       if (n < 0 && errno == EINTR)
         continue;
@@ -113,15 +114,13 @@ namespace
       __builtin_trap();
     const QByteArray login = QByteArray(Plexa::NetFormat::LoginName) + '\n';
     int at = 0;
-    if (!input.startsWith(login))
-    {
+    if (!input.startsWith(login)) {
       at = input.indexOf('\n' + login);
       if (at < 0)
         return input;
       ++at;
     }
-    const QByteArray answer =
-      Plexa::SharedKey::answer(greeting.mid(versionLine.size()), Plexa::SharedKey::current());
+    const QByteArray answer = Plexa::SharedKey::answer(greeting.mid(versionLine.size()), Plexa::SharedKey::current());
     QByteArray sent = input;
     sent.insert(at + login.size(), answer);
     return sent;

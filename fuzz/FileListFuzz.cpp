@@ -66,7 +66,11 @@ namespace
   class Script
   {
   public:
-    Script(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
+    Script(const uint8_t* data, size_t size)
+        : m_data(data)
+        , m_size(size)
+    {
+    }
     bool atEnd() const { return m_pos >= m_size; }
     uint8_t byte() { return m_pos < m_size ? m_data[m_pos++] : 0; }
     /// A path of one to three names from a small alphabet, so that operations meet each other.
@@ -128,8 +132,8 @@ namespace
         return;
       const uint8_t choice = script.byte();
       const QString root = fixture().root.path(), outside = fixture().outside.path();
-      const QString targets[] = {QStringLiteral("a"), QStringLiteral("../b"), root + "/c", root + "/a/b",
-                                 outside, outside + "/secret", QStringLiteral("../../.."), root + "/.."};
+      const QString targets[] = {QStringLiteral("a"), QStringLiteral("../b"),     root + "/c", root + "/a/b", outside,
+                                 outside + "/secret", QStringLiteral("../../.."), root + "/.."};
       if (code == 4)
         mkfifoat(parent, nameOf(path).constData(), 0644);
       else
@@ -152,7 +156,12 @@ namespace
   class Disturber : public ProgressSender
   {
   public:
-    Disturber(Script& script, const RootDirectory& dir, int count) : m_script(script), m_dir(dir), m_left(count) {}
+    Disturber(Script& script, const RootDirectory& dir, int count)
+        : m_script(script)
+        , m_dir(dir)
+        , m_left(count)
+    {
+    }
     void transferInfo(const QString&) override
     {
       if (m_left > 0 && !m_script.atEnd()) {
@@ -208,8 +217,8 @@ namespace
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
   Fixture& f = fixture();
-  for (const QFileInfo& entry : QDir(f.root.path()).entryInfoList(QDir::NoDotAndDotDot | QDir::AllEntries |
-                                                                  QDir::Hidden | QDir::System)) {
+  for (const QFileInfo& entry :
+       QDir(f.root.path()).entryInfoList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden | QDir::System)) {
     if (entry.isDir() && !entry.isSymLink())
       QDir(entry.filePath()).removeRecursively();
     else

@@ -83,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
     return 0;
   auto handler =
-    std::make_shared<TestHandler>(new Bastion::TCPSocket(fds[0]), true, *fixture.store, fixture.root.path());
+      std::make_shared<TestHandler>(new Bastion::TCPSocket(fds[0]), true, *fixture.store, fixture.root.path());
   handler->setUsePing(false);
   handler->run();
   if (handshake(fds[1])) {

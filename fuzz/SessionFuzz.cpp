@@ -82,7 +82,8 @@ namespace
     std::shared_ptr<Plexa::BundleController> controller;
     int events = 0;
 
-    explicit Side(const Options& o) : root(nullptr, "fuzz")
+    explicit Side(const Options& o)
+        : root(nullptr, "fuzz")
     {
       root.addDeepAttribute("a", new Carafe::AttributeT<float>(1.5f));
       root.addDeepAttribute("n/b", new Carafe::AttributeT<int>(7));

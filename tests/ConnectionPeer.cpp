@@ -25,14 +25,12 @@ namespace
   protected:
     bool parse(QString line) override
     {
-      if (line.startsWith("echo "))
-      {
+      if (line.startsWith("echo ")) {
         queue("echoed " + line.mid(5) + "\n");
         return true;
       }
       const QStringList words = line.split(' ');
-      if (words.size() == 2 && words[0] == "map")
-      {
+      if (words.size() == 2 && words[0] == "map") {
         writeMapBuffer("map", readMap(words[1].toInt()));
         return true;
       }
@@ -59,8 +57,7 @@ namespace
 
 int main(int argc, char** argv)
 {
-  if (argc < 2)
-  {
+  if (argc < 2) {
     std::fprintf(stderr, "usage: %s <port> [shared key]\n", argv[0]);
     return 2;
   }
@@ -70,16 +67,14 @@ int main(int argc, char** argv)
   server.run("127.0.0.1", std::atoi(argv[1]));
   for (int i = 0; i < 500 && server.localPort() == 0; ++i)
     server.waitEnd(10);
-  if (server.localPort() == 0)
-  {
+  if (server.localPort() == 0) {
     std::printf("failed to listen\n");
     return 1;
   }
   std::printf("listening %d\n", server.localPort());
   std::fflush(stdout);
   std::string line;
-  while (std::getline(std::cin, line))
-  {
+  while (std::getline(std::cin, line)) {
   }
   return 0;
 }

@@ -25,8 +25,7 @@ namespace
       m_process.start(PLEXA_CONNECTION_PEER, arguments);
       if (!m_process.waitForStarted(WaitMs))
         return;
-      while (!m_process.canReadLine() && m_process.waitForReadyRead(WaitMs))
-      {
+      while (!m_process.canReadLine() && m_process.waitForReadyRead(WaitMs)) {
       }
       const QByteArray line = m_process.readLine().trimmed();
       if (line.startsWith("listening "))
@@ -36,17 +35,22 @@ namespace
       (void)key;
 #endif
     }
-    ~PeerProcess() { end(); }
+    ~PeerProcess()
+    {
+      end();
+    }
 
-    int port() const { return m_port; }
+    int port() const
+    {
+      return m_port;
+    }
     /// Closes the peer's input, which ends it, and waits for its exit.
     void end()
     {
       if (m_process.state() == QProcess::NotRunning)
         return;
       m_process.closeWriteChannel();
-      if (!m_process.waitForFinished(WaitMs))
-      {
+      if (!m_process.waitForFinished(WaitMs)) {
         m_process.kill();
         m_process.waitForFinished(WaitMs);
       }
@@ -76,9 +80,8 @@ TEST(ConnectionProcess, ExchangeLinesAndMapsAndStayAlive)
   PeerProcess peer(0);
   ASSERT_NE(peer.port(), 0);
   auto connection = std::make_shared<RecordingConnection>(nullptr, false);
-  connection->setHandler([](RecordingConnection& c, const QString& line) {
-    return readMapBlock(c, line) || line.startsWith("echoed ");
-  });
+  connection->setHandler(
+      [](RecordingConnection& c, const QString& line) { return readMapBlock(c, line) || line.startsWith("echoed "); });
   connection->connectToHost("127.0.0.1", peer.port());
   ASSERT_TRUE(connection->waitConnected());
   EXPECT_EQ(connection->remoteVersionText(), "2.7.2");
@@ -128,8 +131,7 @@ TEST(ConnectionProcess, ClientRetriesUntilServerAppearsAndReconnectsAfterRestart
   connection->connectToHost("127.0.0.1", port);
   // Nobody listens: attempts fail and the wait before the next one reports its progress.
   ASSERT_TRUE(connection->waitFor([&] { return connection->failedCount() >= 1 && !connection->retries().empty(); }));
-  for (double left : connection->retries())
-  {
+  for (double left : connection->retries()) {
     EXPECT_GT(left, 0.0);
     EXPECT_LE(left, 3.0);
   }

@@ -49,7 +49,8 @@ namespace
         const int seen = store->finished.count();
         if (arrived(files))
           return true;
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0 || !store->finished.wait(seen + 1, int(left.count())))
           return arrived(files);
       }

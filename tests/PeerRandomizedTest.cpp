@@ -39,7 +39,8 @@ namespace
   struct Side
   {
     Side(const QByteArray& ownName, const PeerOptions& options = PeerOptions())
-      : own(ownName), peer(node, options)
+        : own(ownName)
+        , peer(node, options)
     {
       for (const QByteArray name : {"e0", "e1"})
         node.eventAddListener(name, [this](Bastion::BinaryData& data) { received.insert(digest(data.toByteArray())); });
@@ -60,7 +61,10 @@ namespace
   class Workload
   {
   public:
-    explicit Workload(unsigned seed) : m_random(seed) {}
+    explicit Workload(unsigned seed)
+        : m_random(seed)
+    {
+    }
 
     int below(int n) { return int(m_random() % unsigned(n)); }
 
@@ -106,10 +110,7 @@ namespace
     int round = 0;
 
   private:
-    void note(const QByteArray& path, const char* what)
-    {
-      history[path] += " " + std::to_string(round) + what;
-    }
+    void note(const QByteArray& path, const char* what) { history[path] += " " + std::to_string(round) + what; }
 
     /// A side removes what it owns whenever it likes: a peer deletes the copies its sessions made,
     /// in this session or an earlier one.
@@ -246,10 +247,11 @@ TEST(PeerRandomizedTest, TreesEndIdenticalAfterRandomChangesAndCuts)
     }
   }
 
-  ASSERT_TRUE(pumpUntil({&server.peer, &client.peer}, [&] { return settled(server, client); }, 15000))
-    << "cuts at rounds" << work.history["cuts"] << "; sessions " << server.peer.initializedSessionCount() << "/"
-    << client.peer.initializedSessionCount() << "; trees differ:"
-    << differences(treeState(server.node), treeState(client.node), work);
+  ASSERT_TRUE(pumpUntil(
+      {&server.peer, &client.peer}, [&] { return settled(server, client); }, 15000))
+      << "cuts at rounds" << work.history["cuts"] << "; sessions " << server.peer.initializedSessionCount() << "/"
+      << client.peer.initializedSessionCount()
+      << "; trees differ:" << differences(treeState(server.node), treeState(client.node), work);
   EXPECT_FALSE(treeState(server.node).empty());
   for (const QByteArray& event : client.received)
     EXPECT_TRUE(server.sent.count(event)) << "an event arrived at the client that the server never sent";

@@ -255,7 +255,7 @@ TEST(SessionDataPathTest, WhatAnEarlierSessionCreatedGoesWhenItsOwnerRemovesItLa
 {
   LinkedSessions s;
   auto* kept = new Int();
-  s.b.addAttribute("mine", kept);   // b's own, announced by a as well
+  s.b.addAttribute("mine", kept); // b's own, announced by a as well
   s.a.addAttribute("mine", new Int());
   s.a.addAttribute("x", new Int());
   s.start(params(true), params(true));

@@ -22,7 +22,7 @@ namespace Bastion
   }
 
   BGThread::BGThread(const char* name)
-    : Thread(name)
+      : Thread(name)
   {
     run();
   }
@@ -116,8 +116,7 @@ namespace Bastion
         continue;
       }
       // A step that rescheduled its task since it was requeued competes normally again.
-      const bool requeued =
-        e.requeued && e.task->m_scheduleCount.load(std::memory_order_acquire) == e.requeuedAt;
+      const bool requeued = e.requeued && e.task->m_scheduleCount.load(std::memory_order_acquire) == e.requeuedAt;
       if (best < 0) {
         best = i;
         bestRequeued = requeued;

@@ -55,10 +55,12 @@ namespace
   {
     TestGate entered;
     TestGate release;
-    std::shared_ptr<FunctionTask> task = std::make_shared<FunctionTask>([this] {
-      entered.raise();
-      release.wait(1, 10000);
-    }, 100.0);
+    std::shared_ptr<FunctionTask> task = std::make_shared<FunctionTask>(
+        [this] {
+          entered.raise();
+          release.wait(1, 10000);
+        },
+        100.0);
   };
 
   /// Opens a gate when destroyed: the thread has let go of the task.
@@ -66,7 +68,9 @@ namespace
   {
   public:
     Watched(TestGate& gone, std::function<void(Watched&)> step, double priority = 1.0)
-      : Task(priority), m_gone(gone), m_step(std::move(step))
+        : Task(priority)
+        , m_gone(gone)
+        , m_step(std::move(step))
     {
     }
     ~Watched() override { m_gone.raise(); }
@@ -116,7 +120,8 @@ TEST(BGThread, TaskThatNeverReschedulesCannotStarveOthersAndReschedulingWaits)
 {
   BGThread bg("StarveTest");
   TestGate spinnerGone;
-  auto spinner = std::make_shared<Watched>(spinnerGone, [](Watched&) {}, 10.0);
+  auto spinner = std::make_shared<Watched>(
+      spinnerGone, [](Watched&) {}, 10.0);
   ASSERT_TRUE(bg.addTask(spinner));
   Journal journal;
   for (const char* name : {"x", "y", "z"})

@@ -15,12 +15,27 @@ namespace Bastion
     /// First allocation of an owned buffer, so small payloads do not grow in many tiny steps.
     constexpr int64_t MinCapacity = 64;
 
-    constexpr int64_t padded(int64_t n) { return (n + 3) & ~int64_t(3); }
+    constexpr int64_t padded(int64_t n)
+    {
+      return (n + 3) & ~int64_t(3);
+    }
 
-    uint32_t loadU32(const char* p) { return qFromLittleEndian<quint32>(p); }
-    uint64_t loadU64(const char* p) { return qFromLittleEndian<quint64>(p); }
-    void storeU32(char* p, uint32_t v) { qToLittleEndian<quint32>(v, p); }
-    void storeU64(char* p, uint64_t v) { qToLittleEndian<quint64>(v, p); }
+    uint32_t loadU32(const char* p)
+    {
+      return qFromLittleEndian<quint32>(p);
+    }
+    uint64_t loadU64(const char* p)
+    {
+      return qFromLittleEndian<quint64>(p);
+    }
+    void storeU32(char* p, uint32_t v)
+    {
+      qToLittleEndian<quint32>(v, p);
+    }
+    void storeU64(char* p, uint64_t v)
+    {
+      qToLittleEndian<quint64>(v, p);
+    }
 
     /// Bytes of the complete item at `pos`, or -1 for an unknown tag or an item cut off by the end.
     /// All bounds are computed in 64 bits, so no count can wrap them.
@@ -60,14 +75,23 @@ namespace Bastion
     }
   }
 
-  BinaryData::BinaryData() : m_data(m_bytes.constData()) {}
-
-  BinaryData::BinaryData(const QByteArray& bytes)
-    : m_bytes(bytes), m_data(m_bytes.constData()), m_size(m_bytes.size())
+  BinaryData::BinaryData()
+      : m_data(m_bytes.constData())
   {
   }
 
-  BinaryData::BinaryData(const BinaryData& other) : m_data(m_bytes.constData()) { *this = other; }
+  BinaryData::BinaryData(const QByteArray& bytes)
+      : m_bytes(bytes)
+      , m_data(m_bytes.constData())
+      , m_size(m_bytes.size())
+  {
+  }
+
+  BinaryData::BinaryData(const BinaryData& other)
+      : m_data(m_bytes.constData())
+  {
+    *this = other;
+  }
 
   BinaryData& BinaryData::operator=(const BinaryData& other)
   {
@@ -82,7 +106,8 @@ namespace Bastion
     return *this;
   }
 
-  BinaryData::BinaryData(BinaryData&& other) noexcept : m_data(m_bytes.constData())
+  BinaryData::BinaryData(BinaryData&& other) noexcept
+      : m_data(m_bytes.constData())
   {
     *this = std::move(other);
   }
@@ -211,8 +236,14 @@ namespace Bastion
     return offset;
   }
 
-  int BinaryData::writeInt32(int32_t v) { return writeFixed(Int32Item, uint32_t(v), 4); }
-  int BinaryData::writeInt64(int64_t v) { return writeFixed(Int64Item, uint64_t(v), 8); }
+  int BinaryData::writeInt32(int32_t v)
+  {
+    return writeFixed(Int32Item, uint32_t(v), 4);
+  }
+  int BinaryData::writeInt64(int64_t v)
+  {
+    return writeFixed(Int64Item, uint64_t(v), 8);
+  }
 
   int BinaryData::writeFloat(float v)
   {
@@ -228,7 +259,10 @@ namespace Bastion
     return writeFixed(DoubleItem, bits, 8);
   }
 
-  int BinaryData::writeString(const QString& s) { return writeString(s.toUtf8()); }
+  int BinaryData::writeString(const QString& s)
+  {
+    return writeString(s.toUtf8());
+  }
 
   int BinaryData::writeString(const QByteArray& utf8)
   {
@@ -243,9 +277,15 @@ namespace Bastion
     return writeCounted(StringItem, utf8, int(n));
   }
 
-  int BinaryData::writeBlob(const void* bytes, int size) { return writeCounted(BlobItem, bytes, size); }
+  int BinaryData::writeBlob(const void* bytes, int size)
+  {
+    return writeCounted(BlobItem, bytes, size);
+  }
 
-  int BinaryData::writeBlob(const QByteArray& bytes) { return writeCounted(BlobItem, bytes.constData(), bytes.size()); }
+  int BinaryData::writeBlob(const QByteArray& bytes)
+  {
+    return writeCounted(BlobItem, bytes.constData(), bytes.size());
+  }
 
   bool BinaryData::patchInt32(int itemOffset, int32_t v)
   {

@@ -17,12 +17,17 @@ namespace
   /// (a QByteArray keeps a terminating zero that would hide a one-byte overread).
   struct ExactBytes
   {
-    explicit ExactBytes(const char* bytes, int n) : size(n), block(new char[size_t(n > 0 ? n : 1)])
+    explicit ExactBytes(const char* bytes, int n)
+        : size(n)
+        , block(new char[size_t(n > 0 ? n : 1)])
     {
       if (n > 0)
         std::memcpy(block.get(), bytes, size_t(n));
     }
-    explicit ExactBytes(const QByteArray& b) : ExactBytes(b.constData(), b.size()) {}
+    explicit ExactBytes(const QByteArray& b)
+        : ExactBytes(b.constData(), b.size())
+    {
+    }
     int size;
     std::unique_ptr<char[]> block;
   };
@@ -82,8 +87,7 @@ namespace
     d.writeBlob("\x01\x02\x03", 3);
     d.writeBlob("wxyz", 4);
     if (kinds)
-      *kinds = {Read::Int32, Read::Int64, Read::Float,   Read::Double,
-                Read::String, Read::Blob, Read::BlobExact4};
+      *kinds = {Read::Int32, Read::Int64, Read::Float, Read::Double, Read::String, Read::Blob, Read::BlobExact4};
     return d.toByteArray();
   }
 }
@@ -229,8 +233,7 @@ TEST(BinaryData, WrongItemTypeFailsAndKeepsPosition)
   for (size_t item = 0; item < kinds.size(); ++item) {
     for (int k = 0; k < ReadKinds; ++k) {
       const Read kind = Read(k);
-      const bool fits = kind == kinds[item] ||
-                        (kinds[item] == Read::Int32 && kind == Read::Int64) ||
+      const bool fits = kind == kinds[item] || (kinds[item] == Read::Int32 && kind == Read::Int64) ||
                         (kinds[item] == Read::Int64 && kind == Read::Int32) ||
                         (kinds[item] == Read::String && kind == Read::StringBytes) ||
                         (kinds[item] == Read::BlobExact4 && kind == Read::Blob);

@@ -22,8 +22,8 @@ namespace Bastion
   }
 
   FileWriter::FileWriter(const char* name)
-    : m_name(name ? name : ""),
-      m_outer(nullptr)
+      : m_name(name ? name : "")
+      , m_outer(nullptr)
   {
     writeMutex().lock();
     {

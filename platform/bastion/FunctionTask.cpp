@@ -5,8 +5,8 @@
 namespace Bastion
 {
   FunctionTask::FunctionTask(std::function<void()> function, double priority)
-    : Task(priority),
-      m_function(std::move(function))
+      : Task(priority)
+      , m_function(std::move(function))
   {
   }
 

@@ -9,7 +9,11 @@ namespace Bastion
   class BASTION_SCOPED_CAPABILITY Guard
   {
   public:
-    explicit Guard(Mutex& mutex) BASTION_ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+    explicit Guard(Mutex& mutex) BASTION_ACQUIRE(mutex)
+        : m_mutex(mutex)
+    {
+      m_mutex.lock();
+    }
     ~Guard() BASTION_RELEASE() { m_mutex.unlock(); }
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;

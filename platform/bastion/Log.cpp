@@ -93,9 +93,15 @@ namespace Bastion
     return previous;
   }
 
-  void setLogLevel(LogLevel level) { state().level.store(int(level)); }
+  void setLogLevel(LogLevel level)
+  {
+    state().level.store(int(level));
+  }
 
-  LogLevel logLevel() { return LogLevel(state().level.load()); }
+  LogLevel logLevel()
+  {
+    return LogLevel(state().level.load());
+  }
 
   QByteArray escapeLogText(const QByteArray& line)
   {
@@ -122,13 +128,13 @@ namespace Bastion
     return out;
   }
 
-#define BASTION_LOG_FUNCTION(name, level)                                                          \
-  void name(const char* fmt, ...)                                                                  \
-  {                                                                                                \
-    va_list args;                                                                                  \
-    va_start(args, fmt);                                                                           \
-    emit(level, fmt, args);                                                                        \
-    va_end(args);                                                                                  \
+#define BASTION_LOG_FUNCTION(name, level)                                                                              \
+  void name(const char* fmt, ...)                                                                                      \
+  {                                                                                                                    \
+    va_list args;                                                                                                      \
+    va_start(args, fmt);                                                                                               \
+    emit(level, fmt, args);                                                                                            \
+    va_end(args);                                                                                                      \
   }
 
   BASTION_LOG_FUNCTION(error, LogLevel::Error)

@@ -2,7 +2,8 @@
 
 namespace Bastion
 {
-  LogCapture::LogCapture(LogLevel level) : m_previousLevel(logLevel())
+  LogCapture::LogCapture(LogLevel level)
+      : m_previousLevel(logLevel())
   {
     setLogLevel(level);
     m_previous = setLogHandler([this](LogLevel l, const QByteArray& text) {

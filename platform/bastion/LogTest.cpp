@@ -55,8 +55,7 @@ TEST(Log, SetLogHandlerReturnsThePreviousOneAndCaptureRestoresIt)
 {
   const LogLevel levelBefore = Bastion::logLevel();
   int outerCalls = 0;
-  Bastion::LogHandler original =
-    Bastion::setLogHandler([&](LogLevel, const QByteArray&) { ++outerCalls; });
+  Bastion::LogHandler original = Bastion::setLogHandler([&](LogLevel, const QByteArray&) { ++outerCalls; });
   Bastion::setLogLevel(LogLevel::Info);
   {
     Bastion::LogCapture log;
@@ -110,8 +109,8 @@ TEST(Log, LevelComesFromTheEnvironment)
   {
     const char* value;
     LogLevel level;
-  } cases[] = {{"error", LogLevel::Error},     {"WARNING", LogLevel::Warning}, {"debug", LogLevel::Debug},
-               {"info", LogLevel::Info},       {"nonsense", LogLevel::Info},   {nullptr, LogLevel::Info}};
+  } cases[] = {{"error", LogLevel::Error}, {"WARNING", LogLevel::Warning}, {"debug", LogLevel::Debug},
+               {"info", LogLevel::Info},   {"nonsense", LogLevel::Info},   {nullptr, LogLevel::Info}};
   for (const auto& c : cases) {
     QProcess child;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();

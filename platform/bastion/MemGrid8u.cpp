@@ -5,7 +5,10 @@
 
 namespace Bastion
 {
-  MemGrid8u::MemGrid8u(int width, int height) { resize(width, height); }
+  MemGrid8u::MemGrid8u(int width, int height)
+  {
+    resize(width, height);
+  }
 
   MemGrid8u::MemGrid8u(const MemGrid8u& other)
   {
@@ -14,7 +17,10 @@ namespace Bastion
   }
 
   MemGrid8u::MemGrid8u(MemGrid8u&& other) noexcept
-    : m_width(other.m_width), m_height(other.m_height), m_capacity(other.m_capacity), m_data(other.m_data)
+      : m_width(other.m_width)
+      , m_height(other.m_height)
+      , m_capacity(other.m_capacity)
+      , m_data(other.m_data)
   {
     other.m_width = other.m_height = 0;
     other.m_capacity = 0;
@@ -40,7 +46,10 @@ namespace Bastion
     return *this;
   }
 
-  MemGrid8u::~MemGrid8u() { std::free(m_data); }
+  MemGrid8u::~MemGrid8u()
+  {
+    std::free(m_data);
+  }
 
   bool MemGrid8u::resize(int width, int height)
   {

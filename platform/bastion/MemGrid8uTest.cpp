@@ -9,7 +9,10 @@ using Bastion::MemGrid8u;
 
 namespace
 {
-  bool aligned(const void* p) { return reinterpret_cast<uintptr_t>(p) % 4096 == 0; }
+  bool aligned(const void* p)
+  {
+    return reinterpret_cast<uintptr_t>(p) % 4096 == 0;
+  }
 
   void fill(MemGrid8u& g, uint8_t seed)
   {

@@ -21,7 +21,7 @@ namespace Bastion
   }
 
   Mutex::Mutex(bool recursive)
-    : m_recursive(recursive)
+      : m_recursive(recursive)
   {
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);

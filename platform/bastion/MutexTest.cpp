@@ -1,6 +1,6 @@
+#include "bastion/Mutex.hpp"
 #include "bastion/Condition.hpp"
 #include "bastion/Guard.hpp"
-#include "bastion/Mutex.hpp"
 
 #include <gtest/gtest.h>
 
@@ -15,12 +15,14 @@ namespace
 {
   bool tryLockElsewhere(Mutex& m)
   {
-    return std::async(std::launch::async, [&m] {
-      if (!m.tryLock())
-        return false;
-      m.unlock();
-      return true;
-    }).get();
+    return std::async(std::launch::async,
+                      [&m] {
+                        if (!m.tryLock())
+                          return false;
+                        m.unlock();
+                        return true;
+                      })
+        .get();
   }
 }
 

@@ -1,5 +1,5 @@
-#include "bastion/LogCapture.hpp"
 #include "bastion/PlatformUtils.hpp"
+#include "bastion/LogCapture.hpp"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,9 @@ namespace
   {
   public:
     EnvScope(const char* name, const QByteArray& value)
-      : m_name(name), m_had(qEnvironmentVariableIsSet(name)), m_old(qgetenv(name))
+        : m_name(name)
+        , m_had(qEnvironmentVariableIsSet(name))
+        , m_old(qgetenv(name))
     {
       if (value.isNull())
         qunsetenv(name);
@@ -92,7 +94,8 @@ TEST(PlatformUtils, FirewallRuleLogsByDefaultAndGoesThroughTheHook)
 {
   LogCapture log;
   EXPECT_TRUE(PlatformUtils::openFirewallPortTCP(4242, "Rule name"));
-  EXPECT_TRUE(log.contains(LogLevel::Info, "PlatformUtils::openFirewallPortTCP # port 4242 (Rule name): no firewall to configure"));
+  EXPECT_TRUE(log.contains(LogLevel::Info,
+                           "PlatformUtils::openFirewallPortTCP # port 4242 (Rule name): no firewall to configure"));
 
   std::vector<std::pair<int, QString>> calls;
   auto previous = PlatformUtils::setFirewallHook([&calls](int port, const QString& name) {

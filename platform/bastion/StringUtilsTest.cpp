@@ -19,8 +19,7 @@ namespace
 TEST(StringUtils, DemangleGivesReadableNamesOrTheRawOne)
 {
   EXPECT_EQ(StringUtils::demangle(typeid(Bastion::BinaryData).name()), QString("Bastion::BinaryData"));
-  EXPECT_EQ(StringUtils::demangle(typeid(std::vector<int>).name()),
-            QString("std::vector<int, std::allocator<int> >"));
+  EXPECT_EQ(StringUtils::demangle(typeid(std::vector<int>).name()), QString("std::vector<int, std::allocator<int> >"));
   EXPECT_EQ(StringUtils::demangle(typeid(LocalThing).name()), QString("(anonymous namespace)::LocalThing"));
   // One leading '*' is skipped; a second one is part of the name.
   EXPECT_EQ(StringUtils::demangle("*N7Bastion10BinaryDataE"), QString("Bastion::BinaryData"));

@@ -46,7 +46,8 @@ namespace Bastion
     class WriteGuard
     {
     public:
-      explicit WriteGuard(QReadWriteLock& lock) : m_lock(lock)
+      explicit WriteGuard(QReadWriteLock& lock)
+          : m_lock(lock)
       {
         m_lock.lockForWrite();
         annotateAcquire(&m_lock);

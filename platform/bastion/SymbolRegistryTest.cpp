@@ -83,8 +83,8 @@ TEST(SymbolRegistry, SymbolZeroIsRefusedAndTheLargestDoesNotWrap)
   {
     Bastion::LogCapture log;
     r.define("zero", 0);
-    EXPECT_TRUE(log.contains(Bastion::LogLevel::Warning,
-                             "SymbolRegistry::define # Symbol 0 names nothing, ignored for: zero"));
+    EXPECT_TRUE(
+        log.contains(Bastion::LogLevel::Warning, "SymbolRegistry::define # Symbol 0 names nothing, ignored for: zero"));
   }
   EXPECT_EQ(r.lookup(QByteArray("zero")), 0u);
   EXPECT_EQ(r.count(), 0);

@@ -61,7 +61,7 @@ namespace Bastion
   };
 
   TCPServerSocket::TCPServerSocket()
-    : m_d(new D)
+      : m_d(new D)
   {
   }
 

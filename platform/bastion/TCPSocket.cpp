@@ -118,12 +118,12 @@ namespace Bastion
   };
 
   TCPSocket::TCPSocket()
-    : m_d(new D)
+      : m_d(new D)
   {
   }
 
   TCPSocket::TCPSocket(int fd)
-    : m_d(new D)
+      : m_d(new D)
   {
     if (fd < 0)
       return;
@@ -146,7 +146,7 @@ namespace Bastion
       closeCount = m_d->closeCount;
     }
     const Clock::time_point deadline =
-      Clock::now() + std::chrono::milliseconds(std::max(0, m_d->connectTimeoutMs.load()));
+        Clock::now() + std::chrono::milliseconds(std::max(0, m_d->connectTimeoutMs.load()));
 
     addrinfo hints;
     std::memset(&hints, 0, sizeof(hints));
@@ -317,7 +317,7 @@ namespace Bastion
     int done = 0;
     while (done < size) {
       const ssize_t n =
-        ::send(*fd, in + done, size_t(std::min(size - done, SendChunkSize)), MSG_NOSIGNAL | MSG_DONTWAIT);
+          ::send(*fd, in + done, size_t(std::min(size - done, SendChunkSize)), MSG_NOSIGNAL | MSG_DONTWAIT);
       if (n > 0) {
         done += int(n);
         m_txBytes.fetch_add(uint64_t(n), std::memory_order_relaxed);

@@ -1,5 +1,5 @@
-#include "bastion/TCPServerSocket.hpp"
 #include "bastion/TCPSocket.hpp"
+#include "bastion/TCPServerSocket.hpp"
 
 #include <gtest/gtest.h>
 
@@ -317,8 +317,7 @@ TEST(TCPServerSocket, PendingConnectionIsFalseOnTimeoutAndAfterClose)
   const auto start = Clock::now();
   auto poll = std::async(std::launch::async, [&] { return server.isPendingConnection(20000000); });
   auto blockedAccept = std::async(std::launch::async, [&] { return server.accept(); });
-  while (poll.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready &&
-         Clock::now() - start < Deadline)
+  while (poll.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready && Clock::now() - start < Deadline)
     server.close();
   ASSERT_EQ(poll.wait_for(Deadline), std::future_status::ready);
   EXPECT_FALSE(poll.get());

@@ -9,8 +9,8 @@
 namespace Bastion
 {
   Task::Task(double priority)
-    : m_priority(priority),
-      m_due(TimeStamp::getTime().value())
+      : m_priority(priority)
+      , m_due(TimeStamp::getTime().value())
   {
   }
 

@@ -35,7 +35,7 @@ namespace Bastion
       Guard g(m_mutex);
       while (m_count < count) {
         auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
         if (left <= 0)
           return false;
         m_cond.wait(m_mutex, int(left));

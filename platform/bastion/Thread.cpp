@@ -18,7 +18,10 @@ namespace Bastion
   class Thread::D
   {
   public:
-    explicit D(const char* n) : name(n ? n : "") {}
+    explicit D(const char* n)
+        : name(n ? n : "")
+    {
+    }
 
     // constant after construction
     const QByteArray name;
@@ -30,7 +33,7 @@ namespace Bastion
   };
 
   Thread::Thread(const char* name)
-    : m_d(std::make_shared<D>(name))
+      : m_d(std::make_shared<D>(name))
   {
   }
 

@@ -1,6 +1,6 @@
+#include "bastion/Thread.hpp"
 #include "bastion/LogCapture.hpp"
 #include "bastion/TestGate.hpp"
-#include "bastion/Thread.hpp"
 
 #include <gtest/gtest.h>
 
@@ -18,17 +18,17 @@ namespace
   class GatedThread : public Thread
   {
   public:
-    explicit GatedThread(const char* name = "Gated") : Thread(name) {}
+    explicit GatedThread(const char* name = "Gated")
+        : Thread(name)
+    {
+    }
     ~GatedThread() override
     {
       release();
       waitEnd();
     }
 
-    void release()
-    {
-      gate->raise();
-    }
+    void release() { gate->raise(); }
 
     std::shared_ptr<TestGate> gate = std::make_shared<TestGate>();
     TestGate entered;
@@ -103,7 +103,10 @@ namespace
   {
   public:
     Detached(std::atomic<int>& done, TestGate& go, bool selfDelete)
-      : Thread("Detached"), m_done(done), m_go(go), m_selfDelete(selfDelete)
+        : Thread("Detached")
+        , m_done(done)
+        , m_go(go)
+        , m_selfDelete(selfDelete)
     {
     }
     ~Detached() override

@@ -26,8 +26,16 @@ namespace Bastion
 
     constexpr TimeStamp operator+(TimeStamp o) const { return TimeStamp(m_value + o.m_value); }
     constexpr TimeStamp operator-(TimeStamp o) const { return TimeStamp(m_value - o.m_value); }
-    TimeStamp& operator+=(TimeStamp o) { m_value += o.m_value; return *this; }
-    TimeStamp& operator-=(TimeStamp o) { m_value -= o.m_value; return *this; }
+    TimeStamp& operator+=(TimeStamp o)
+    {
+      m_value += o.m_value;
+      return *this;
+    }
+    TimeStamp& operator-=(TimeStamp o)
+    {
+      m_value -= o.m_value;
+      return *this;
+    }
     constexpr bool operator==(TimeStamp o) const { return m_value == o.m_value; }
     constexpr bool operator!=(TimeStamp o) const { return m_value != o.m_value; }
     constexpr bool operator<(TimeStamp o) const { return m_value < o.m_value; }
@@ -36,7 +44,10 @@ namespace Bastion
     constexpr bool operator>=(TimeStamp o) const { return m_value >= o.m_value; }
 
   private:
-    constexpr explicit TimeStamp(int64_t v) : m_value(v) {}
+    constexpr explicit TimeStamp(int64_t v)
+        : m_value(v)
+    {
+    }
     int64_t m_value = 0;
   };
 

@@ -44,7 +44,11 @@ namespace Carafe
     struct TableHold
     {
       ListenerTable* table;
-      explicit TableHold(ListenerTable* t) : table(t) { ++t->refs; }
+      explicit TableHold(ListenerTable* t)
+          : table(t)
+      {
+        ++t->refs;
+      }
       ~TableHold()
       {
         if (--table->refs == 0)

@@ -91,11 +91,11 @@ TEST(AttributeAlias, DeletedTargetsLeaveTheAliasUntargeted)
   int innerChanges = 0;
   Attribute* innerTargetSeen = value.get();
   inner->addListener(
-    [&] {
-      ++innerChanges;
-      innerTargetSeen = inner->attribute();
-    },
-    Attribute::RoleChanged);
+      [&] {
+        ++innerChanges;
+        innerTargetSeen = inner->attribute();
+      },
+      Attribute::RoleChanged);
   int outerChanges = 0;
   countChanges(outer, outerChanges);
 
@@ -135,11 +135,11 @@ TEST(AttributeAlias, TargetsNodesAndRefusesDyingObjects)
   int aliasChanges = 0;
   Attribute* seenTarget = child;
   alias.addListener(
-    [&] {
-      ++aliasChanges;
-      seenTarget = alias.attribute();
-    },
-    Attribute::RoleChanged);
+      [&] {
+        ++aliasChanges;
+        seenTarget = alias.attribute();
+      },
+      Attribute::RoleChanged);
   EXPECT_TRUE(root.removeAttribute("child"));
   EXPECT_FALSE(accepted);
   EXPECT_EQ(late.attribute(), nullptr);

@@ -1,9 +1,9 @@
+#include "carafe/AttributeT.hpp"
 #include "carafe/AttributeAsset.hpp"
 #include "carafe/AttributeContainer.hpp"
 #include "carafe/AttributeEnum.hpp"
 #include "carafe/AttributeGrid.hpp"
 #include "carafe/AttributeSpline.hpp"
-#include "carafe/AttributeT.hpp"
 
 #include <gtest/gtest.h>
 
@@ -47,8 +47,7 @@ TEST(AttributeT, EveryValueTypeRoundTripsAndHasItsTextForm)
   checkValue<AttributeT<QString>>(QString("h\u00e9llo"), QString("h\u00e9llo"));
   checkValue<AttributeT<QStringList>>(QStringList{"a", "b c"}, "a, b c");
   checkValue<AttributeT<Bastion::Color>>(Bastion::Color(1, 0.5f, 0, 0.25f), "rgba(1, 0.5, 0, 0.25)");
-  checkValue<AttributeT<Bastion::ColorPMA>>(Bastion::ColorPMA(0.5f, 0.25f, 0, 0.5f),
-                                            "rgba_pma(0.5, 0.25, 0, 0.5)");
+  checkValue<AttributeT<Bastion::ColorPMA>>(Bastion::ColorPMA(0.5f, 0.25f, 0, 0.5f), "rgba_pma(0.5, 0.25, 0, 0.5)");
   checkValue<AttributeT<Bastion::TimeStamp>>(Bastion::TimeStamp::createSeconds(2.5), "2.500000");
   checkValue<AttributeT<Quiver::Vector2i>>(Quiver::Vector2i(1, -2), "(1, -2)");
   checkValue<AttributeT<Vector2f>>(Vector2f(1.5f, 2), "(1.5, 2)");
@@ -69,12 +68,10 @@ TEST(AttributeT, EveryValueTypeRoundTripsAndHasItsTextForm)
   checkValue<AttributeT<Quiver::Matrix3f>>(Quiver::Matrix3f::identity(), "((1, 0, 0), (0, 1, 0), (0, 0, 1))");
   Quiver::Matrix4f m4 = Quiver::Matrix4f::identity();
   m4.m[3][0] = 5;
-  checkValue<AttributeT<Quiver::Matrix4f>>(
-    m4, "((1, 0, 0, 0), (0, 1, 0, 0), (0, 0, 1, 0), (5, 0, 0, 1))");
+  checkValue<AttributeT<Quiver::Matrix4f>>(m4, "((1, 0, 0, 0), (0, 1, 0, 0), (0, 0, 1, 0), (5, 0, 0, 1))");
 
   checkValue<AttributeContainer<std::vector<float>>>(std::vector<float>{1, 2.5f}, "1, 2.5");
-  checkValue<AttributeContainer<std::vector<Vector2f>>>(std::vector<Vector2f>{{1, 2}, {3, 4}},
-                                                        "(1, 2), (3, 4)");
+  checkValue<AttributeContainer<std::vector<Vector2f>>>(std::vector<Vector2f>{{1, 2}, {3, 4}}, "(1, 2), (3, 4)");
   checkValue<AttributeContainer<std::vector<int>>>(std::vector<int>{-1, 0, 1}, "-1, 0, 1");
   checkValue<AttributeContainer<std::vector<unsigned int>>>(std::vector<unsigned int>{7}, "7");
   checkValue<AttributeContainer<std::vector<QString>>>(std::vector<QString>{"x", "y"}, "x, y");

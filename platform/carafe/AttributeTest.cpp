@@ -53,14 +53,14 @@ TEST(Attribute, ACallSeesTheTableAsItWasMinusRemovedListeners)
   std::vector<QByteArray> calls;
   long idA = -1, idB = -1, idC = -1;
   idA = a.addListener(
-    [&] {
-      calls.push_back("A");
-      if (idC < 0)
-        idC = a.addListener([&] { calls.push_back("C"); }, Attribute::RoleChanged);
-      a.removeListener(idB);
-      a.removeListener(idA); // itself
-    },
-    Attribute::RoleChanged);
+      [&] {
+        calls.push_back("A");
+        if (idC < 0)
+          idC = a.addListener([&] { calls.push_back("C"); }, Attribute::RoleChanged);
+        a.removeListener(idB);
+        a.removeListener(idA); // itself
+      },
+      Attribute::RoleChanged);
   idB = a.addListener([&] { calls.push_back("B"); }, Attribute::RoleChanged);
 
   a.setValue(1);
@@ -75,12 +75,12 @@ TEST(Attribute, NestedChangesFromListenersEachRunTheCurrentTable)
   AttributeT<int> a;
   std::vector<int> seen;
   a.addListener(
-    [&] {
-      seen.push_back(a.value());
-      if (a.value() < 3)
-        a.setValue(a.value() + 1);
-    },
-    Attribute::RoleChanged);
+      [&] {
+        seen.push_back(a.value());
+        if (a.value() < 3)
+          a.setValue(a.value() + 1);
+      },
+      Attribute::RoleChanged);
   a.addListener([&] { seen.push_back(-a.value()); }, Attribute::RoleChanged);
   a.setValue(1);
   // Innermost change finishes first; every listener sees the value current at its call.
@@ -156,16 +156,16 @@ TEST(Attribute, DeletionListenersRunOnceWhileTheObjectIsWholeAndHosted)
   a->setValue(1.5);
   int calls = 0;
   a->addListener(
-    [&] {
-      ++calls;
-      auto* whole = dynamic_cast<AttributeT<double>*>(static_cast<Attribute*>(a));
-      ASSERT_NE(whole, nullptr);
-      EXPECT_EQ(whole->value(), 1.5);
-      EXPECT_EQ(a->host(), &root); // the host has not heard yet
-      EXPECT_EQ(root.attribute("a"), a);
-      EXPECT_TRUE(a->isBeingDestroyed());
-    },
-    Attribute::RoleDeleted);
+      [&] {
+        ++calls;
+        auto* whole = dynamic_cast<AttributeT<double>*>(static_cast<Attribute*>(a));
+        ASSERT_NE(whole, nullptr);
+        EXPECT_EQ(whole->value(), 1.5);
+        EXPECT_EQ(a->host(), &root); // the host has not heard yet
+        EXPECT_EQ(root.attribute("a"), a);
+        EXPECT_TRUE(a->isBeingDestroyed());
+      },
+      Attribute::RoleDeleted);
   a->addListener([&] { ADD_FAILURE() << "value listener called on deletion"; }, Attribute::RoleChanged);
   delete a;
   EXPECT_EQ(calls, 1);

@@ -28,8 +28,8 @@ namespace Carafe
     return id;
   }
 
-  long ListenerHolder::addBd(Node* node, const QByteArray& event,
-                             std::function<void(Bastion::BinaryData&)> callback, int type)
+  long ListenerHolder::addBd(Node* node, const QByteArray& event, std::function<void(Bastion::BinaryData&)> callback,
+                             int type)
   {
     if (!node || node->isBeingDestroyed())
       return -1;

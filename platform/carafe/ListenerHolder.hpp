@@ -33,8 +33,7 @@ namespace Carafe
     /// listener is refused or the object is null or being deleted.
     long add(Attribute* attribute, std::function<void()> callback, int role);
     /// `node->eventAddListener(event, callback, type)`, remembered.
-    long addBd(Node* node, const QByteArray& event, std::function<void(Bastion::BinaryData&)> callback,
-               int type);
+    long addBd(Node* node, const QByteArray& event, std::function<void(Bastion::BinaryData&)> callback, int type);
     /// Removes every listener this holder put on `attribute`, value and event listeners.
     void removeListeners(Attribute* attribute);
     /// Removes every listener this holder put anywhere.

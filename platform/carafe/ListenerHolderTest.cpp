@@ -1,5 +1,5 @@
-#include "carafe/AttributeT.hpp"
 #include "carafe/ListenerHolder.hpp"
+#include "carafe/AttributeT.hpp"
 #include "carafe/Node.hpp"
 
 #include "bastion/BinaryData.hpp"
@@ -19,13 +19,23 @@ TEST(ListenerHolder, RemovesItsListenersPerObjectOrAll)
   a->addListener([&] { ++foreign; }, Attribute::RoleChanged); // not the holder's
 
   auto* holder = new ListenerHolder;
-  EXPECT_GE(holder->add(a, [&] { ++aCalls; }, Attribute::RoleChanged), 0);
-  holder->add(a, [&] { ++aCalls; }, Attribute::RoleChanged);
-  holder->add(b, [&] { ++bCalls; }, Attribute::RoleChanged);
-  holder->add(&node, [&] { ++nodeCalls; }, Attribute::RoleDeleted);
-  holder->addBd(&node, "attribute-added", [&](Bastion::BinaryData&) { ++nodeCalls; }, 1);
-  EXPECT_EQ(holder->add(nullptr, [] {}, Attribute::RoleChanged), -1);
-  EXPECT_EQ(holder->add(a, [] {}, 7), -1);
+  EXPECT_GE(holder->add(
+                a, [&] { ++aCalls; }, Attribute::RoleChanged),
+            0);
+  holder->add(
+      a, [&] { ++aCalls; }, Attribute::RoleChanged);
+  holder->add(
+      b, [&] { ++bCalls; }, Attribute::RoleChanged);
+  holder->add(
+      &node, [&] { ++nodeCalls; }, Attribute::RoleDeleted);
+  holder->addBd(
+      &node, "attribute-added", [&](Bastion::BinaryData&) { ++nodeCalls; }, 1);
+  EXPECT_EQ(holder->add(
+                nullptr, [] {}, Attribute::RoleChanged),
+            -1);
+  EXPECT_EQ(holder->add(
+                a, [] {}, 7),
+            -1);
   EXPECT_EQ(holder->objectCount(), 3);
 
   a->setValue(1);
@@ -55,9 +65,12 @@ TEST(ListenerHolder, ForgetsObjectsDeletedMeanwhile)
     Node node;
     auto* a = new AttributeT<float>;
     node.addAttribute("a", a);
-    holder.add(a, [&] { ++deleted; }, Attribute::RoleDeleted);
-    holder.addBd(&node, "attribute-removed", [&](Bastion::BinaryData&) { ADD_FAILURE(); }, 1);
-    holder.add(&node, [&] { ++deleted; }, Attribute::RoleDeleted);
+    holder.add(
+        a, [&] { ++deleted; }, Attribute::RoleDeleted);
+    holder.addBd(
+        &node, "attribute-removed", [&](Bastion::BinaryData&) { ADD_FAILURE(); }, 1);
+    holder.add(
+        &node, [&] { ++deleted; }, Attribute::RoleDeleted);
   }
   // The node's deletion listener ran; then the holder took its listeners off, so the node's
   // "attribute-removed" for its child never reached the holder's listener.
@@ -71,8 +84,10 @@ TEST(ListenerHolder, MayBeDestroyedByOneOfItsListeners)
   AttributeT<int> a;
   auto* holder = new ListenerHolder;
   int later = 0;
-  holder->add(&a, [&] { delete holder; }, Attribute::RoleChanged);
-  holder->add(&a, [&] { ++later; }, Attribute::RoleChanged);
+  holder->add(
+      &a, [&] { delete holder; }, Attribute::RoleChanged);
+  holder->add(
+      &a, [&] { ++later; }, Attribute::RoleChanged);
   a.setValue(1);
   EXPECT_EQ(later, 0);
   EXPECT_EQ(a.listenerCount(Attribute::RoleChanged), 0);

@@ -52,10 +52,13 @@ namespace Carafe
   {
     std::mutex mutex;
     std::condition_variable idle;
-    Node* node; // guarded by mutex; null once the node is being deleted
+    Node* node;                           // guarded by mutex; null once the node is being deleted
     std::vector<std::thread::id> callers; // guarded by mutex
 
-    explicit EventLife(Node* n) : node(n) {}
+    explicit EventLife(Node* n)
+        : node(n)
+    {
+    }
   };
 
   namespace
@@ -65,7 +68,7 @@ namespace Carafe
       long id;
       QByteArray name;
       int type;
-      Node::EventCallback callback; // empty for a link
+      Node::EventCallback callback;              // empty for a link
       std::shared_ptr<detail::EventLife> target; // set for a link
       QByteArray inName;
       // guarded by EventHub::mutex
@@ -105,7 +108,8 @@ namespace Carafe
     std::shared_ptr<detail::EventLife> life;
   };
 
-  Node::Node(Node* host, const QByteArray& name) : m_d(new D)
+  Node::Node(Node* host, const QByteArray& name)
+      : m_d(new D)
   {
     m_d->life = std::make_shared<detail::EventLife>(this);
     if (host && !host->addAttribute(name, this))
@@ -147,7 +151,7 @@ namespace Carafe
       if (children.empty()) {
         stack.pop_back();
         if (node != this)
-          delete node;   // begun and emptied: its own destructor has nothing left to walk
+          delete node; // begun and emptied: its own destructor has nothing left to walk
         continue;
       }
       Attribute* child = children.back();
@@ -177,8 +181,8 @@ namespace Carafe
 
   bool Node::addAttribute(const QByteArray& name, Attribute* attribute)
   {
-    if (!attribute || attribute->m_host || attribute == this || name.isEmpty() || isBeingDestroyed()
-        || attribute->isBeingDestroyed() || m_d->index.contains(name))
+    if (!attribute || attribute->m_host || attribute == this || name.isEmpty() || isBeingDestroyed() ||
+        attribute->isBeingDestroyed() || m_d->index.contains(name))
       return false;
     // An unhosted ancestor of this node would end up owning itself.
     for (Node* n = m_host; n; n = n->m_host)

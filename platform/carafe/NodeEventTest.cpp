@@ -76,8 +76,8 @@ TEST(NodeEvents, BeforeListenersRunFirstAndEachSeesThePayloadFromItsStart)
   data.writeString(QString("f.txt"));
   data.writeInt32(12);
   node.eventSend("data-written", data);
-  EXPECT_EQ(calls, (std::vector<QByteArray>{"before1:f.txt:12", "before2:f.txt:12", "after1:f.txt:12",
-                                            "after2:f.txt:12"}));
+  EXPECT_EQ(calls,
+            (std::vector<QByteArray>{"before1:f.txt:12", "before2:f.txt:12", "after1:f.txt:12", "after2:f.txt:12"}));
 
   // Undeclared names work; a payload-less send gives an empty payload.
   bool connected = false;
@@ -86,7 +86,9 @@ TEST(NodeEvents, BeforeListenersRunFirstAndEachSeesThePayloadFromItsStart)
   EXPECT_TRUE(connected);
 
   EXPECT_EQ(node.eventAddListener("x", Node::EventCallback()), -1);
-  EXPECT_EQ(node.eventAddListener("x", [](Bastion::BinaryData&) {}, 2), -1);
+  EXPECT_EQ(node.eventAddListener(
+                "x", [](Bastion::BinaryData&) {}, 2),
+            -1);
   EXPECT_EQ(node.eventAddListener("x", nullptr, "y"), -1);
   EXPECT_FALSE(node.eventRemoveListener(-1));
 }

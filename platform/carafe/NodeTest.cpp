@@ -1,7 +1,7 @@
+#include "carafe/Node.hpp"
 #include "carafe/AttributeAlias.hpp"
 #include "carafe/AttributeT.hpp"
 #include "carafe/ListenerHolder.hpp"
-#include "carafe/Node.hpp"
 
 #include "bastion/BinaryData.hpp"
 #include "bastion/LogCapture.hpp"
@@ -45,17 +45,17 @@ TEST(Node, ChildrenAreKeptInOrderAndFoundByName)
   EXPECT_EQ(root.attribute("b"), b);
   EXPECT_EQ(root.attribute("missing"), nullptr);
   EXPECT_EQ(root.attributes(), (std::vector<Attribute*>{a, b, n}));
-  EXPECT_EQ(log, (std::vector<QByteArray>{"root attribute-added a", "root attribute-added b",
-                                          "root attribute-added n"}));
+  EXPECT_EQ(log,
+            (std::vector<QByteArray>{"root attribute-added a", "root attribute-added b", "root attribute-added n"}));
 
   // Refusals change nothing and leave the object with the caller.
   AttributeT<int> spare;
-  EXPECT_FALSE(root.addAttribute("a", &spare));      // name taken
-  EXPECT_FALSE(root.addAttribute("", &spare));       // empty name
-  EXPECT_FALSE(root.addAttribute("x", nullptr));     // null
-  EXPECT_FALSE(n->addAttribute("a", a));             // already hosted
-  EXPECT_FALSE(root.addAttribute("self", &root));    // itself
-  EXPECT_FALSE(n->addAttribute("up", &root));        // its own ancestor
+  EXPECT_FALSE(root.addAttribute("a", &spare));   // name taken
+  EXPECT_FALSE(root.addAttribute("", &spare));    // empty name
+  EXPECT_FALSE(root.addAttribute("x", nullptr));  // null
+  EXPECT_FALSE(n->addAttribute("a", a));          // already hosted
+  EXPECT_FALSE(root.addAttribute("self", &root)); // itself
+  EXPECT_FALSE(n->addAttribute("up", &root));     // its own ancestor
   EXPECT_EQ(spare.host(), nullptr);
   EXPECT_EQ(root.attributeCount(), 3);
   EXPECT_EQ(log.size(), 3u);
@@ -158,18 +158,19 @@ TEST(Node, DeletionTellsEveryoneInOrderWhileObjectsAreWhole)
 
   {
     ListenerHolder holder;
-    holder.addBd(n, "attribute-removed", [&](Bastion::BinaryData&) { log.push_back("holder heard"); }, 1);
-    holder.add(a, [&] { log.push_back("holder a deleted"); }, Attribute::RoleDeleted);
+    holder.addBd(
+        n, "attribute-removed", [&](Bastion::BinaryData&) { log.push_back("holder heard"); }, 1);
+    holder.add(
+        a, [&] { log.push_back("holder a deleted"); }, Attribute::RoleDeleted);
     EXPECT_EQ(holder.objectCount(), 2);
     EXPECT_TRUE(root.removeAttribute("n"));
     EXPECT_EQ(holder.objectCount(), 0);
   } // the holder goes after the objects: it must not touch them
 
-  EXPECT_EQ(log, (std::vector<QByteArray>{
-                   "n deleted", "root removed n", "x untargeted",
-                   // children, last first, each through the same steps
-                   "b deleted", "n attribute-removed b", "a deleted", "holder a deleted",
-                   "n attribute-removed a", "y untargeted"}));
+  EXPECT_EQ(log, (std::vector<QByteArray>{"n deleted", "root removed n", "x untargeted",
+                                          // children, last first, each through the same steps
+                                          "b deleted", "n attribute-removed b", "a deleted", "holder a deleted",
+                                          "n attribute-removed a", "y untargeted"}));
   EXPECT_TRUE(root.eventRemoveListener(rootListener));
 }
 
@@ -186,10 +187,14 @@ TEST(Node, DeletingAnyPartOfATreeInAnyOrderLeavesNothingDangling)
     alias->setAttribute(a);
     auto* holder = new ListenerHolder;
     int calls = 0;
-    holder->add(a, [&] { ++calls; }, Attribute::RoleChanged);
-    holder->add(alias, [&] { ++calls; }, Attribute::RoleChanged);
-    holder->addBd(n, "attribute-removed", [&](Bastion::BinaryData&) { ++calls; }, 1);
-    holder->addBd(root, "attribute-removed", [&](Bastion::BinaryData&) { ++calls; }, 1);
+    holder->add(
+        a, [&] { ++calls; }, Attribute::RoleChanged);
+    holder->add(
+        alias, [&] { ++calls; }, Attribute::RoleChanged);
+    holder->addBd(
+        n, "attribute-removed", [&](Bastion::BinaryData&) { ++calls; }, 1);
+    holder->addBd(
+        root, "attribute-removed", [&](Bastion::BinaryData&) { ++calls; }, 1);
     a->setValue("x");
     EXPECT_EQ(calls, 2);
 

@@ -8,8 +8,14 @@ namespace Quiver
   template <typename T>
   struct Matrix2T : MatrixNT<T, 2>
   {
-    constexpr Matrix2T() : MatrixNT<T, 2>{} {}
-    constexpr Matrix2T(const MatrixNT<T, 2>& base) : MatrixNT<T, 2>(base) {}
+    constexpr Matrix2T()
+        : MatrixNT<T, 2>{}
+    {
+    }
+    constexpr Matrix2T(const MatrixNT<T, 2>& base)
+        : MatrixNT<T, 2>(base)
+    {
+    }
     static constexpr Matrix2T identity() { return Matrix2T(MatrixNT<T, 2>::identity()); }
   };
 

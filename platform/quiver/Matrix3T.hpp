@@ -8,8 +8,14 @@ namespace Quiver
   template <typename T>
   struct Matrix3T : MatrixNT<T, 3>
   {
-    constexpr Matrix3T() : MatrixNT<T, 3>{} {}
-    constexpr Matrix3T(const MatrixNT<T, 3>& base) : MatrixNT<T, 3>(base) {}
+    constexpr Matrix3T()
+        : MatrixNT<T, 3>{}
+    {
+    }
+    constexpr Matrix3T(const MatrixNT<T, 3>& base)
+        : MatrixNT<T, 3>(base)
+    {
+    }
     static constexpr Matrix3T identity() { return Matrix3T(MatrixNT<T, 3>::identity()); }
   };
 

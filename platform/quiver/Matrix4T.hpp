@@ -8,8 +8,14 @@ namespace Quiver
   template <typename T>
   struct Matrix4T : MatrixNT<T, 4>
   {
-    constexpr Matrix4T() : MatrixNT<T, 4>{} {}
-    constexpr Matrix4T(const MatrixNT<T, 4>& base) : MatrixNT<T, 4>(base) {}
+    constexpr Matrix4T()
+        : MatrixNT<T, 4>{}
+    {
+    }
+    constexpr Matrix4T(const MatrixNT<T, 4>& base)
+        : MatrixNT<T, 4>(base)
+    {
+    }
     static constexpr Matrix4T identity() { return Matrix4T(MatrixNT<T, 4>::identity()); }
   };
 

@@ -12,8 +12,16 @@ namespace Quiver
     Vector2T<T> high;
 
     constexpr RectT() = default;
-    constexpr RectT(Vector2T<T> l, Vector2T<T> h) : low(l), high(h) {}
-    constexpr RectT(T x0, T y0, T x1, T y1) : low(x0, y0), high(x1, y1) {}
+    constexpr RectT(Vector2T<T> l, Vector2T<T> h)
+        : low(l)
+        , high(h)
+    {
+    }
+    constexpr RectT(T x0, T y0, T x1, T y1)
+        : low(x0, y0)
+        , high(x1, y1)
+    {
+    }
 
     constexpr T width() const { return high.x - low.x; }
     constexpr T height() const { return high.y - low.y; }

@@ -12,7 +12,11 @@ namespace Quiver
     T height{};
 
     constexpr SizeT() = default;
-    constexpr SizeT(T w, T h) : width(w), height(h) {}
+    constexpr SizeT(T w, T h)
+        : width(w)
+        , height(h)
+    {
+    }
 
     constexpr T area() const { return width * height; }
     constexpr bool operator==(const SizeT& o) const { return width == o.width && height == o.height; }

@@ -12,16 +12,35 @@ namespace Quiver
     T y{};
 
     constexpr Vector2T() = default;
-    constexpr Vector2T(T x_, T y_) : x(x_), y(y_) {}
+    constexpr Vector2T(T x_, T y_)
+        : x(x_)
+        , y(y_)
+    {
+    }
 
     constexpr bool operator==(const Vector2T& o) const { return x == o.x && y == o.y; }
     constexpr bool operator!=(const Vector2T& o) const { return !(*this == o); }
     constexpr Vector2T operator+(const Vector2T& o) const { return {x + o.x, y + o.y}; }
     constexpr Vector2T operator-(const Vector2T& o) const { return {x - o.x, y - o.y}; }
     constexpr Vector2T operator*(T s) const { return {x * s, y * s}; }
-    Vector2T& operator+=(const Vector2T& o) { x += o.x; y += o.y; return *this; }
-    Vector2T& operator-=(const Vector2T& o) { x -= o.x; y -= o.y; return *this; }
-    Vector2T& operator*=(T s) { x *= s; y *= s; return *this; }
+    Vector2T& operator+=(const Vector2T& o)
+    {
+      x += o.x;
+      y += o.y;
+      return *this;
+    }
+    Vector2T& operator-=(const Vector2T& o)
+    {
+      x -= o.x;
+      y -= o.y;
+      return *this;
+    }
+    Vector2T& operator*=(T s)
+    {
+      x *= s;
+      y *= s;
+      return *this;
+    }
   };
 
   using Vector2f = Vector2T<float>;

@@ -13,16 +13,39 @@ namespace Quiver
     T z{};
 
     constexpr Vector3T() = default;
-    constexpr Vector3T(T x_, T y_, T z_) : x(x_), y(y_), z(z_) {}
+    constexpr Vector3T(T x_, T y_, T z_)
+        : x(x_)
+        , y(y_)
+        , z(z_)
+    {
+    }
 
     constexpr bool operator==(const Vector3T& o) const { return x == o.x && y == o.y && z == o.z; }
     constexpr bool operator!=(const Vector3T& o) const { return !(*this == o); }
     constexpr Vector3T operator+(const Vector3T& o) const { return {x + o.x, y + o.y, z + o.z}; }
     constexpr Vector3T operator-(const Vector3T& o) const { return {x - o.x, y - o.y, z - o.z}; }
     constexpr Vector3T operator*(T s) const { return {x * s, y * s, z * s}; }
-    Vector3T& operator+=(const Vector3T& o) { x += o.x; y += o.y; z += o.z; return *this; }
-    Vector3T& operator-=(const Vector3T& o) { x -= o.x; y -= o.y; z -= o.z; return *this; }
-    Vector3T& operator*=(T s) { x *= s; y *= s; z *= s; return *this; }
+    Vector3T& operator+=(const Vector3T& o)
+    {
+      x += o.x;
+      y += o.y;
+      z += o.z;
+      return *this;
+    }
+    Vector3T& operator-=(const Vector3T& o)
+    {
+      x -= o.x;
+      y -= o.y;
+      z -= o.z;
+      return *this;
+    }
+    Vector3T& operator*=(T s)
+    {
+      x *= s;
+      y *= s;
+      z *= s;
+      return *this;
+    }
   };
 
   using Vector3f = Vector3T<float>;

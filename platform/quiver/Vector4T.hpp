@@ -14,12 +14,15 @@ namespace Quiver
     T w{};
 
     constexpr Vector4T() = default;
-    constexpr Vector4T(T x_, T y_, T z_, T w_) : x(x_), y(y_), z(z_), w(w_) {}
-
-    constexpr bool operator==(const Vector4T& o) const
+    constexpr Vector4T(T x_, T y_, T z_, T w_)
+        : x(x_)
+        , y(y_)
+        , z(z_)
+        , w(w_)
     {
-      return x == o.x && y == o.y && z == o.z && w == o.w;
     }
+
+    constexpr bool operator==(const Vector4T& o) const { return x == o.x && y == o.y && z == o.z && w == o.w; }
     constexpr bool operator!=(const Vector4T& o) const { return !(*this == o); }
     constexpr Vector4T operator+(const Vector4T& o) const { return {x + o.x, y + o.y, z + o.z, w + o.w}; }
     constexpr Vector4T operator-(const Vector4T& o) const { return {x - o.x, y - o.y, z - o.z, w - o.w}; }

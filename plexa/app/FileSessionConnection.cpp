@@ -18,7 +18,8 @@ namespace Plexa
   FileSessionConnection::FileSessionConnection(Bastion::TCPSocket* socket, bool accepted, AssetBase& assets,
                                                SessionHost& host, std::shared_ptr<TrafficMeter> traffic,
                                                const QString& peerAddress)
-    : FileTransferHandler(socket, accepted, assets), m_link(host, std::move(traffic), peerAddress)
+      : FileTransferHandler(socket, accepted, assets)
+      , m_link(host, std::move(traffic), peerAddress)
   {
     m_link.attach(*this);
     // A fetch asks for each file it takes: an announcement nobody asked for books nothing.
@@ -64,8 +65,7 @@ namespace Plexa
       if (it == m_downloads.end())
         return true;
       if (!assets().isDownloading(command.path)) {
-        const bool verified = assets().md5(command.path) == it->md5 &&
-                              QFileInfo(rootPath() + command.path).isFile();
+        const bool verified = assets().md5(command.path) == it->md5 && QFileInfo(rootPath() + command.path).isFile();
         report(SessionHost::FileEvent::Finished, command.path, *it, verified);
         m_downloads.erase(it);
       } else if (it->reported.sinceSecondsD() >= AliveReportSecs) {

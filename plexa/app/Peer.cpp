@@ -74,12 +74,12 @@ namespace Plexa
     };
 
     D(RemoteNode& node, const PeerOptions& options)
-      : node(node)
-      , options(options)
-      , traffic(std::make_shared<TrafficMeter>())
-      , assets(options.fileRoot.isEmpty() ? nullptr : new AssetBase(options.fileRoot))
-      , factory(*this, traffic, assets.get())
-      , wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+        : node(node)
+        , options(options)
+        , traffic(std::make_shared<TrafficMeter>())
+        , assets(options.fileRoot.isEmpty() ? nullptr : new AssetBase(options.fileRoot))
+        , factory(*this, traffic, assets.get())
+        , wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
     {
       if (wakeFd < 0)
         Bastion::error("Peer::Peer # No wake-up descriptor for an event loop: %s", std::strerror(errno));
@@ -283,7 +283,8 @@ namespace Plexa
       if (session->controller()) {
         entry.reported = true;
         if (connectionCallback)
-          calls.push_back([callback = connectionCallback, address = session->peerAddress()] { callback(address, true); });
+          calls.push_back(
+              [callback = connectionCallback, address = session->peerAddress()] { callback(address, true); });
       }
       sessions.push_back(entry);
     }
@@ -297,7 +298,8 @@ namespace Plexa
         }
         it->session->finish();
         if (it->reported && connectionCallback)
-          calls.push_back([callback = connectionCallback, address = it->session->peerAddress()] { callback(address, false); });
+          calls.push_back(
+              [callback = connectionCallback, address = it->session->peerAddress()] { callback(address, false); });
         for (auto f = fetches.begin(); f != fetches.end();) {
           if (f->session == it->session) {
             calls.push_back([callback = f->callback, path = f->path] { callback(path, FetchResult::Failed); });
@@ -354,7 +356,8 @@ namespace Plexa
       // Every fetch of the path in that session: one download serves them all.
       bool matched = false;
       for (auto it = fetches.begin(); it != fetches.end();) {
-        if (!it->session || it->session != event.session || FileTransferCommand::canonicalPath(it->path) != event.path) {
+        if (!it->session || it->session != event.session ||
+            FileTransferCommand::canonicalPath(it->path) != event.path) {
           ++it;
           continue;
         }
@@ -381,7 +384,8 @@ namespace Plexa
         it = fetches.erase(it);
       }
       if (matched && event.kind == FileEvent::Progress && progressCallback)
-        calls.push_back([callback = progressCallback, event] { callback(event.path, event.bytesDone, event.bytesTotal); });
+        calls.push_back(
+            [callback = progressCallback, event] { callback(event.path, event.bytesDone, event.bytesTotal); });
     }
 
     void checkFetchTimes(std::vector<std::function<void()>>& calls)
@@ -486,9 +490,9 @@ namespace Plexa
         server.reset();
         if (error)
           *error = QStringLiteral("cannot listen on %1:%2: %3")
-                     .arg(host)
-                     .arg(port)
-                     .arg(QString::fromLocal8Bit(std::strerror(result)));
+                       .arg(host)
+                       .arg(port)
+                       .arg(QString::fromLocal8Bit(std::strerror(result)));
         return false;
       }
       return true;
@@ -567,7 +571,10 @@ namespace Plexa
     double retrySecondsLeft BASTION_GUARDED_BY(inboxMutex) = 0;
   };
 
-  Peer::Peer(RemoteNode& node, const PeerOptions& options) : d(new D(node, options)) {}
+  Peer::Peer(RemoteNode& node, const PeerOptions& options)
+      : d(new D(node, options))
+  {
+  }
 
   Peer::~Peer() = default;
 

@@ -7,7 +7,9 @@ namespace Plexa
 {
   PeerConnectionFactory::PeerConnectionFactory(SessionHost& host, std::shared_ptr<TrafficMeter> traffic,
                                                AssetBase* assets)
-    : m_host(host), m_traffic(std::move(traffic)), m_assets(assets)
+      : m_host(host)
+      , m_traffic(std::move(traffic))
+      , m_assets(assets)
   {
   }
 

@@ -175,7 +175,8 @@ TEST(PeerFetchFromAFakeServerTest, AFetchEndsInTimeWhenThePeerIsSilentOrStopsSen
   const auto record = [&](const QString&, FetchResult r) { results.push_back(r); };
   auto start = Clock::now();
   client.fetch("/silent", 300, record);
-  ASSERT_TRUE(pumpUntil({&client}, [&] { return results.size() == 1; }, 5000));
+  ASSERT_TRUE(pumpUntil(
+      {&client}, [&] { return results.size() == 1; }, 5000));
   EXPECT_EQ(results[0], FetchResult::TimedOut);
 
   // Announced, one part of four sent, then nothing.
@@ -186,7 +187,8 @@ TEST(PeerFetchFromAFakeServerTest, AFetchEndsInTimeWhenThePeerIsSilentOrStopsSen
                "filepart \"/stalls\" 65536 1\n" + content.left(65536));
   ASSERT_TRUE(pumpUntil({&client}, [&] { return server->lines().contains("sendparts \"/stalls\""); }));
   start = Clock::now();
-  ASSERT_TRUE(pumpUntil({&client}, [&] { return results.size() == 2; }, 5000));
+  ASSERT_TRUE(pumpUntil(
+      {&client}, [&] { return results.size() == 2; }, 5000));
   EXPECT_EQ(results[1], FetchResult::Stalled);
   EXPECT_LT(secondsSince(start), 2.0);
   EXPECT_EQ(log.countContaining("No part of '/stalls' arrived from 127.0.0.1:"), 1);

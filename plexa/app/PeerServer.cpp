@@ -12,7 +12,8 @@
 namespace Plexa
 {
   PeerServer::PeerServer(const PeerConnectionFactory& factory, int maxConnections)
-    : m_factory(factory), m_maxConnections(maxConnections)
+      : m_factory(factory)
+      , m_maxConnections(maxConnections)
   {
   }
 
@@ -36,8 +37,8 @@ namespace Plexa
         if (connection->isRunning())
           ++live;
       if (live >= m_maxConnections) {
-        Bastion::warning("PeerServer::createConnection # %d connections already, closing the one from %s",
-                         live, address.toUtf8().constData());
+        Bastion::warning("PeerServer::createConnection # %d connections already, closing the one from %s", live,
+                         address.toUtf8().constData());
         delete socket;
         return nullptr;
       }

@@ -8,7 +8,10 @@
 namespace Plexa
 {
   PeerSession::PeerSession(std::weak_ptr<ConnectionThread> connection, const QString& peerAddress, SessionHost& host)
-    : m_connection(connection), m_peerAddress(peerAddress), m_host(host), m_output(connection)
+      : m_connection(connection)
+      , m_peerAddress(peerAddress)
+      , m_host(host)
+      , m_output(connection)
   {
   }
 

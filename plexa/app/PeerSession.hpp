@@ -37,9 +37,7 @@ namespace Plexa
   /// `send`, `finish`, `controller` and `disconnect` on the application thread. The core holds
   /// the session (as its connection) while the session holds the controller: `finish` breaks that
   /// cycle and must be called before the session is let go.
-  class PeerSession : public BundleListScheduler,
-                      public Connection,
-                      public std::enable_shared_from_this<PeerSession>
+  class PeerSession : public BundleListScheduler, public Connection, public std::enable_shared_from_this<PeerSession>
   {
   public:
     PeerSession(std::weak_ptr<ConnectionThread> connection, const QString& peerAddress, SessionHost& host);

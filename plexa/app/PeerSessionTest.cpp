@@ -3,8 +3,8 @@
 // sent stays in its writer's queue where the test can see it. Last, what a file connection reports
 // of the downloads it books, over 127.0.0.1.
 
-#include "plexa/app/FileSessionConnection.hpp"
 #include "plexa/app/PeerSession.hpp"
+#include "plexa/app/FileSessionConnection.hpp"
 #include "plexa/app/SessionHost.hpp"
 #include "plexa/app/SessionLink.hpp"
 #include "plexa/app/TrafficMeter.hpp"
@@ -59,7 +59,10 @@ namespace
   class IdleConnection : public ConnectionThread
   {
   public:
-    IdleConnection() : ConnectionThread(nullptr, false) {}
+    IdleConnection()
+        : ConnectionThread(nullptr, false)
+    {
+    }
     ~IdleConnection() override { shutdown(); }
 
   protected:

@@ -56,9 +56,8 @@ TEST(PeerTest, ASessionBeginsWithEachConnectionAndEndsWithIt)
   // The server goes away: both sessions end, and the client keeps trying.
   server.stop();
   EXPECT_EQ(server.listeningPort(), 0);
-  ASSERT_TRUE(pumpUntil({&server, &client}, [&] {
-    return server.sessionCount() == 0 && client.sessionCount() == 0 && !retries.empty();
-  }));
+  ASSERT_TRUE(pumpUntil({&server, &client},
+                        [&] { return server.sessionCount() == 0 && client.sessionCount() == 0 && !retries.empty(); }));
   EXPECT_EQ(clientLog.events.back(), "-" + local(port));
   EXPECT_EQ(serverLog.events.back(), "-" + serverLog.events[0].mid(1));
   for (double secondsLeft : retries) {
@@ -107,12 +106,13 @@ TEST(PeerTest, AConnectionOverTheCapIsClosedAndGetsInOnceThereIsRoom)
   RemoteNode firstNode(nullptr, "scene"), secondNode(nullptr, "scene");
   Peer first(firstNode), second(secondNode);
   first.connectTo("127.0.0.1", server.listeningPort());
-  ASSERT_TRUE(pumpUntil({&server, &first, &second},
-                        [&] { return first.sessionCount() == 1 && server.sessionCount() == 1; }));
+  ASSERT_TRUE(
+      pumpUntil({&server, &first, &second}, [&] { return first.sessionCount() == 1 && server.sessionCount() == 1; }));
   second.connectTo("127.0.0.1", server.listeningPort());
-  ASSERT_TRUE(pumpUntil({&server, &first, &second},
-                        [&] { return log.countContaining("PeerServer::createConnection # 1 connections already, closing "
-                                                         "the one from 127.0.0.1:") > 0; }));
+  ASSERT_TRUE(pumpUntil({&server, &first, &second}, [&] {
+    return log.countContaining("PeerServer::createConnection # 1 connections already, closing "
+                               "the one from 127.0.0.1:") > 0;
+  }));
   EXPECT_EQ(second.sessionCount(), 0);
   EXPECT_EQ(server.sessionCount(), 1);
 

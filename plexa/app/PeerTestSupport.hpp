@@ -46,9 +46,8 @@ namespace PlexaTest
   {
     explicit ConnectionLog(Plexa::Peer& peer)
     {
-      peer.setConnectionCallback([this](const QString& address, bool connected) {
-        events.push_back((connected ? "+" : "-") + address);
-      });
+      peer.setConnectionCallback(
+          [this](const QString& address, bool connected) { events.push_back((connected ? "+" : "-") + address); });
     }
     std::vector<QString> events;
   };
@@ -71,7 +70,10 @@ namespace PlexaTest
     return state;
   }
 
-  inline Carafe::Attribute* sampleAttribute(uint32_t typeId) { return Plexa::TypeSamples::sampleAttribute(typeId); }
+  inline Carafe::Attribute* sampleAttribute(uint32_t typeId)
+  {
+    return Plexa::TypeSamples::sampleAttribute(typeId);
+  }
 
   /// The attribute of class A at `path` (slash-separated) below `root`, or null.
   template <typename A>

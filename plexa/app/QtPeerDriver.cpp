@@ -14,7 +14,10 @@ namespace Plexa
     constexpr int FallbackPollMs = 20;
   }
 
-  QtPeerDriver::QtPeerDriver(Peer& peer, QObject* parent) : QObject(parent), m_peer(peer), m_timer(new QTimer(this))
+  QtPeerDriver::QtPeerDriver(Peer& peer, QObject* parent)
+      : QObject(parent)
+      , m_peer(peer)
+      , m_timer(new QTimer(this))
   {
     qRegisterMetaType<Plexa::FetchResult>();
     m_timer->setSingleShot(true);

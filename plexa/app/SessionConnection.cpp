@@ -4,7 +4,8 @@ namespace Plexa
 {
   SessionConnection::SessionConnection(Bastion::TCPSocket* socket, bool accepted, SessionHost& host,
                                        std::shared_ptr<TrafficMeter> traffic, const QString& peerAddress)
-    : ConnectionThread(socket, accepted), m_link(host, std::move(traffic), peerAddress)
+      : ConnectionThread(socket, accepted)
+      , m_link(host, std::move(traffic), peerAddress)
   {
     m_link.attach(*this);
   }

@@ -10,7 +10,9 @@
 namespace Plexa
 {
   SessionLink::SessionLink(SessionHost& host, std::shared_ptr<TrafficMeter> traffic, const QString& peerAddress)
-    : m_host(host), m_traffic(std::move(traffic)), m_peerAddress(peerAddress)
+      : m_host(host)
+      , m_traffic(std::move(traffic))
+      , m_peerAddress(peerAddress)
   {
   }
 

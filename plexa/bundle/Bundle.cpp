@@ -6,12 +6,12 @@
 namespace Plexa
 {
   Bundle::Bundle()
-    : m_data(HeaderSize, '\0')
+      : m_data(HeaderSize, '\0')
   {
   }
 
   Bundle::Bundle(const QByteArray& bytes)
-    : m_data(bytes)
+      : m_data(bytes)
   {
   }
 
@@ -31,7 +31,6 @@ namespace Plexa
 
   bool Bundle::isComplete() const
   {
-    return m_data.size() >= HeaderSize
-           && quint64(header().payloadSize) + HeaderSize == quint64(m_data.size());
+    return m_data.size() >= HeaderSize && quint64(header().payloadSize) + HeaderSize == quint64(m_data.size());
   }
 }

@@ -3,9 +3,9 @@
 namespace Plexa
 {
   BundleOutput::BundleOutput(std::vector<Bundle>* bundles, uint32_t* sequence, uint32_t acknowledged)
-    : m_bundles(bundles)
-    , m_sequence(sequence)
-    , m_acknowledged(acknowledged)
+      : m_bundles(bundles)
+      , m_sequence(sequence)
+      , m_acknowledged(acknowledged)
   {
   }
 

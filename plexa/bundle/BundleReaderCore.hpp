@@ -25,11 +25,13 @@ namespace Plexa
   public:
     /// A reader of a whole bundle starts behind the 16-byte header; pass 0 for bare item bytes.
     explicit BundleReaderCore(const QByteArray* data, uint32_t position = BundleHeaderSize)
-      : data(data), position(position)
+        : data(data)
+        , position(position)
     {
     }
     explicit BundleReaderCore(const QByteArray& data, uint32_t position = BundleHeaderSize)
-      : data(&data), position(position)
+        : data(&data)
+        , position(position)
     {
     }
 

@@ -9,9 +9,9 @@
 #include <string>
 
 using Plexa::WireTest::bytes;
-using Plexa::WireTest::thrownText;
-using Plexa::WireTest::outOfRange;
 using Plexa::WireTest::invalidArgument;
+using Plexa::WireTest::outOfRange;
+using Plexa::WireTest::thrownText;
 
 namespace
 {
@@ -123,8 +123,7 @@ TEST(BundleReaderCore, StringWithZeroByteIsASizeMismatch)
     Plexa::BundleReaderCore reader(data, 0);
     QString text = QStringLiteral("kept");
     QByteArray raw;
-    const std::string got =
-      thrownText([&] { form == 0 ? reader.readString(text, 10) : reader.readString(raw, 10); });
+    const std::string got = thrownText([&] { form == 0 ? reader.readString(text, 10) : reader.readString(raw, 10); });
     EXPECT_EQ(got, invalidArgument("BundleReaderCore::readString # size mismatch"));
     EXPECT_EQ(text, QStringLiteral("kept"));
   }
@@ -194,10 +193,18 @@ TEST(BundleReaderCore, RandomBytesOnlyEverThrowTheDocumentedExceptions)
         QString text;
         QByteArray raw;
         switch (rng() % 4) {
-        case 0: reader.readString(text, rng() % 2 ? 0xFFFFFFFFu : 8); break;
-        case 1: reader.readBinary(raw, 0xFFFFFFFFu); break;
-        case 2: reader.readCountedString(); break;
-        default: reader.readValue<uint64_t>(); break;
+        case 0:
+          reader.readString(text, rng() % 2 ? 0xFFFFFFFFu : 8);
+          break;
+        case 1:
+          reader.readBinary(raw, 0xFFFFFFFFu);
+          break;
+        case 2:
+          reader.readCountedString();
+          break;
+        default:
+          reader.readValue<uint64_t>();
+          break;
         }
       } catch (const std::out_of_range&) {
       } catch (const std::invalid_argument&) {

@@ -53,7 +53,10 @@ namespace Plexa
     class ConnectionSource : public BundleByteSource
     {
     public:
-      explicit ConnectionSource(ConnectionThread& connection) : m_connection(connection) {}
+      explicit ConnectionSource(ConnectionThread& connection)
+          : m_connection(connection)
+      {
+      }
       bool readData(unsigned char* buffer, int size) override { return m_connection.readData(buffer, size); }
       void abort() override
       {
@@ -90,8 +93,7 @@ namespace Plexa
     return BundleBlockResult::Complete;
   }
 
-  bool processPlexa2(std::shared_ptr<BundleListScheduler> scheduler, ConnectionThread& connection,
-                     const QString& line)
+  bool processPlexa2(std::shared_ptr<BundleListScheduler> scheduler, ConnectionThread& connection, const QString& line)
   {
     ConnectionSource source(connection);
     std::vector<Bundle> bundles;

@@ -17,7 +17,10 @@ namespace
   class FakeSource : public BundleByteSource
   {
   public:
-    explicit FakeSource(const QByteArray& bytes = QByteArray()) : stream(bytes) {}
+    explicit FakeSource(const QByteArray& bytes = QByteArray())
+        : stream(bytes)
+    {
+    }
 
     bool readData(unsigned char* buffer, int size) override
     {
@@ -46,8 +49,8 @@ namespace
 
 TEST(BundleStreamTest, LinesThatDoNotOpenABlockReadNothing)
 {
-  for (const char* line : {"plexa2", "Plexa2 3", "plexa2 x", "plexa2 ", "plexa23", "plexa2 3x", "plexa2 99999999999",
-                           "ping", ""}) {
+  for (const char* line :
+       {"plexa2", "Plexa2 3", "plexa2 x", "plexa2 ", "plexa23", "plexa2 3x", "plexa2 99999999999", "ping", ""}) {
     FakeSource source(QByteArray(64, '\0'));
     std::vector<Bundle> bundles{Bundle()};
     EXPECT_EQ(readBundleBlock(line, source, bundles), BundleBlockResult::NotABlock) << line;
@@ -58,8 +61,7 @@ TEST(BundleStreamTest, LinesThatDoNotOpenABlockReadNothing)
 
 TEST(BundleStreamTest, CountIsReadAsToIntReadsIt)
 {
-  const std::vector<Bundle> sent{BundleBytes(1, 1).bytes("aaaa"),
-                                 BundleBytes(2, 2).bytes(""),
+  const std::vector<Bundle> sent{BundleBytes(1, 1).bytes("aaaa"), BundleBytes(2, 2).bytes(""),
                                  BundleBytes(3, 3).bytes("bbbbcccc")};
   FakeSource source(concat(sent) + "trailing");
   std::vector<Bundle> bundles;
@@ -99,8 +101,7 @@ TEST(BundleStreamTest, BundlesArriveWholeAndInOrder)
 
 TEST(BundleStreamTest, BlockCutShortYieldsNothing)
 {
-  const std::vector<Bundle> sent{BundleBytes(1, 1).bytes("aaaa"),
-                                 BundleBytes(1, 2).bytes("bbbb"),
+  const std::vector<Bundle> sent{BundleBytes(1, 1).bytes("aaaa"), BundleBytes(1, 2).bytes("bbbb"),
                                  BundleBytes(1, 3).bytes("cccc")};
   {
     // Closed after the second bundle: the third header is missing.

@@ -20,7 +20,7 @@ namespace PlexaTest
   {
   public:
     BundleBytes(uint32_t messageType, uint32_t sequence = 1, uint32_t acknowledged = 0)
-      : m_writer(m_data)
+        : m_writer(m_data)
     {
       m_data.resize(16);
       Plexa::BundleHeader header;

@@ -7,8 +7,8 @@
 namespace Plexa
 {
   BundleWriter::BundleWriter()
-    : m_data(Bundle::HeaderSize, '\0')
-    , m_core(&m_data)
+      : m_data(Bundle::HeaderSize, '\0')
+      , m_core(&m_data)
   {
   }
 

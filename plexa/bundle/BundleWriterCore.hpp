@@ -20,8 +20,14 @@ namespace Plexa
   class BundleWriterCore
   {
   public:
-    explicit BundleWriterCore(QByteArray* data) : data(data) {}
-    explicit BundleWriterCore(QByteArray& data) : data(&data) {}
+    explicit BundleWriterCore(QByteArray* data)
+        : data(data)
+    {
+    }
+    explicit BundleWriterCore(QByteArray& data)
+        : data(&data)
+    {
+    }
 
     /// The bytes being written (the whole bundle, header included). Not owned.
     QByteArray* data;

@@ -7,8 +7,8 @@
 #include <string>
 
 using Plexa::WireTest::bytes;
-using Plexa::WireTest::thrownText;
 using Plexa::WireTest::outOfRange;
+using Plexa::WireTest::thrownText;
 
 TEST(BundleWriterCore, ValuesAndStringsArePaddedToFourBytes)
 {

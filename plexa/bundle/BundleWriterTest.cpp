@@ -1,6 +1,6 @@
+#include "plexa/bundle/BundleWriter.hpp"
 #include "plexa/bundle/Bundle.hpp"
 #include "plexa/bundle/BundleOutput.hpp"
-#include "plexa/bundle/BundleWriter.hpp"
 
 #include <gtest/gtest.h>
 
@@ -30,9 +30,9 @@ TEST(BundleWriterTest, ClosedBundleCarriesHeaderThenRecords)
   ASSERT_TRUE(writer.close(0x55, output));
 
   ASSERT_EQ(bundles.size(), 1u);
-  const QByteArray expected = bytes({12, 0, 0, 0,            // payload size
-                                     0x55, 0, 0, 0,          // message type
-                                     4, 3, 2, 1,             // sequence
+  const QByteArray expected = bytes({12,   0,    0,    0,    // payload size
+                                     0x55, 0,    0,    0,    // message type
+                                     4,    3,    2,    1,    // sequence
                                      0x0d, 0x0c, 0x0b, 0x0a, // acknowledged
                                      0xef, 0xbe, 0xad, 0xde, 3, 0, 0, 0, 'a', 'b', 'c', 0});
   EXPECT_EQ(bundles[0].data(), expected);

@@ -10,7 +10,7 @@ namespace Plexa
   const QByteArray Plexa1Connection::BufferName = QByteArrayLiteral("plexa2");
 
   Plexa1Connection::Plexa1Connection(std::weak_ptr<ConnectionThread> connection)
-    : m_connection(std::move(connection))
+      : m_connection(std::move(connection))
   {
   }
 

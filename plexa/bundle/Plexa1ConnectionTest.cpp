@@ -1,5 +1,5 @@
-#include "plexa/bundle/BundleStream.hpp"
 #include "plexa/bundle/Plexa1Connection.hpp"
+#include "plexa/bundle/BundleStream.hpp"
 
 #include "bastion/LogCapture.hpp"
 #include "plexa/bundle/BundleTestSupport.hpp"
@@ -45,9 +45,8 @@ namespace
   /// Every line goes to processPlexa2 first, as an application's command handler does.
   void receiveBlocks(RecordingConnection& connection, std::shared_ptr<RecordingScheduler> scheduler)
   {
-    connection.setHandler([scheduler](RecordingConnection& c, const QString& line) {
-      return processPlexa2(scheduler, c, line);
-    });
+    connection.setHandler(
+        [scheduler](RecordingConnection& c, const QString& line) { return processPlexa2(scheduler, c, line); });
   }
 
 
@@ -83,8 +82,7 @@ TEST(Plexa1ConnectionTest, ListsArriveWholeAndInOrderOverLoopback)
   sender->setUsePing(false);
   Plexa1Connection connection(sender);
 
-  const std::vector<Bundle> first{BundleBytes(0, 1).bytes("abcd"),
-                                  BundleBytes(1, 2).bytes(""),
+  const std::vector<Bundle> first{BundleBytes(0, 1).bytes("abcd"), BundleBytes(1, 2).bytes(""),
                                   BundleBytes(2, 3).bytes("12345678")};
   const std::vector<Bundle> second{BundleBytes(1, 4).bytes(QByteArray(3 * BundleReadChunkBytes + 20, 'q'))};
   std::vector<Bundle> third;

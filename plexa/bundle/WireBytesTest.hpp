@@ -38,7 +38,13 @@ namespace Plexa
       return "(nothing thrown)";
     }
 
-    inline std::string outOfRange(const char* text) { return std::string("out_of_range: ") + text; }
-    inline std::string invalidArgument(const char* text) { return std::string("invalid_argument: ") + text; }
+    inline std::string outOfRange(const char* text)
+    {
+      return std::string("out_of_range: ") + text;
+    }
+    inline std::string invalidArgument(const char* text)
+    {
+      return std::string("invalid_argument: ") + text;
+    }
   }
 }

@@ -138,7 +138,10 @@ namespace Plexa
   class AssetBase::D
   {
   public:
-    explicit D(const QString& root) : rootPath(canonicalRoot(root)) {}
+    explicit D(const QString& root)
+        : rootPath(canonicalRoot(root))
+    {
+    }
 
     void loadFileList();
     void saveFileList(const FileList& list);
@@ -163,7 +166,7 @@ namespace Plexa
     /// in the list's order, so most lookups are one comparison.
     void scan(const RootDirectory& root, int folder, const QString& relative, int depth, const FileList& old,
               FileList::const_iterator& cursor, FileList& result, QList<Pending>& toHash)
-      BASTION_REQUIRES(fileListMutex, removeQueueMutex);
+        BASTION_REQUIRES(fileListMutex, removeQueueMutex);
     /// Hashes one file through `root`; false (logged) when it is not a regular file below the root
     /// or cannot be read to its end.
     bool hash(const RootDirectory& root, const Pending& pending, QByteArray& block, FileInfo& row,
@@ -195,7 +198,6 @@ namespace Plexa
 
     mutable Bastion::Mutex downloadMutex;
     FileList downloadList BASTION_GUARDED_BY(downloadMutex);
-
   };
 
   void AssetBase::D::loadFileList()
@@ -314,8 +316,8 @@ namespace Plexa
     // open(); a regular file found by the scan is opened only if it still is one, never through a
     // link.
     const int fd = pending.link ? root.open(RootDirectory::encode(pending.path), O_RDONLY | O_NONBLOCK)
-                                : root.open(RootDirectory::encode(pending.path), O_RDONLY | O_NONBLOCK | O_NOFOLLOW,
-                                            0, RootDirectory::Links::Refused);
+                                : root.open(RootDirectory::encode(pending.path), O_RDONLY | O_NONBLOCK | O_NOFOLLOW, 0,
+                                            RootDirectory::Links::Refused);
     if (fd < 0) {
       tell(progress, QStringLiteral("Failed to open: %1").arg(pending.path));
       Bastion::error("Failed to open %s", localName.toUtf8().constData());
@@ -358,7 +360,8 @@ namespace Plexa
     return true;
   }
 
-  AssetBase::AssetBase(const QString& root) : d(new D(root))
+  AssetBase::AssetBase(const QString& root)
+      : d(new D(root))
   {
     d->loadFileList();
     d->thread.reset(new FileListThread(this));

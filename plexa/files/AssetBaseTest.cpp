@@ -129,7 +129,7 @@ TEST_F(AssetBaseTest, RescanKeepsExactlyThePresentRowsWhateverTheWalkOrder)
   EXPECT_EQ(list.keys(), QStringList({"/a/x", "/b", "/c/d/e", "/c/f"}));
   for (const QString& path : list.keys())
     EXPECT_EQ(list.value(path).md5.toHex(), md5Hex("file " + QByteArray::number(paths.indexOf(path))).toLatin1())
-      << path.toUtf8().constData();
+        << path.toUtf8().constData();
   EXPECT_EQ(store.fileList().keys(), list.keys());
   EXPECT_EQ(savedRows(store.rootPath()).keys(), list.keys());
 
@@ -209,7 +209,8 @@ TEST_F(AssetBaseTest, FileThatCannotBeOpenedIsSkipped)
   Bastion::LogCapture log;
   store.buildFileList(&progress);
   EXPECT_TRUE(progress.texts.contains("Failed to open: /b.txt"));
-  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "Failed to open " + QFile::encodeName(store.rootPath() + "/b.txt")));
+  EXPECT_TRUE(
+      log.contains(Bastion::LogLevel::Error, "Failed to open " + QFile::encodeName(store.rootPath() + "/b.txt")));
   EXPECT_EQ(store.fileList().keys(), QStringList({"/a.txt"}));
   EXPECT_EQ(savedRows(store.rootPath()).keys(), QStringList({"/a.txt"}));
 }
@@ -240,9 +241,8 @@ TEST_F(AssetBaseTest, HashingStaysBelowTheRootAndTakesOnlyRegularFiles)
   store.buildFileList(&progress);
   EXPECT_EQ(store.fileList().keys(), QStringList({"/a.txt"}));
   EXPECT_EQ(log.countContaining("Failed to open " + QFile::encodeName(store.rootPath() + "/b.txt")), 1);
-  EXPECT_EQ(log.countContaining("Not hashing " + QFile::encodeName(store.rootPath() + "/c.txt") +
-                                ": not a regular file"),
-            1);
+  EXPECT_EQ(
+      log.countContaining("Not hashing " + QFile::encodeName(store.rootPath() + "/c.txt") + ": not a regular file"), 1);
   EXPECT_EQ(log.countContaining("Failed to open " + QFile::encodeName(store.rootPath() + "/d/e.txt")), 1);
 }
 

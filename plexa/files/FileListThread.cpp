@@ -4,7 +4,11 @@
 
 namespace Plexa
 {
-  FileListThread::FileListThread(AssetBase* store) : Bastion::Thread("Bastion::Thread"), m_store(store) {}
+  FileListThread::FileListThread(AssetBase* store)
+      : Bastion::Thread("Bastion::Thread")
+      , m_store(store)
+  {
+  }
 
   FileListThread::~FileListThread()
   {

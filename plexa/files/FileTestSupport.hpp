@@ -15,10 +15,10 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
 #include <functional>
 #include <ostream>
 #include <random>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,7 +37,8 @@ namespace Plexa
     class TemporaryHome
     {
     public:
-      TemporaryHome() : m_dir(QDir::tempPath() + QStringLiteral("/plexa-files-home-XXXXXX"))
+      TemporaryHome()
+          : m_dir(QDir::tempPath() + QStringLiteral("/plexa-files-home-XXXXXX"))
       {
         const QByteArray base = QFile::encodeName(m_dir.path());
         QDir().mkpath(m_dir.path() + QStringLiteral("/data"));

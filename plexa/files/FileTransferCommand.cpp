@@ -11,7 +11,10 @@ namespace Plexa
     class Cursor
     {
     public:
-      explicit Cursor(const QString& line) : m_line(line) {}
+      explicit Cursor(const QString& line)
+          : m_line(line)
+      {
+      }
 
       bool literal(QLatin1String text)
       {
@@ -117,8 +120,7 @@ namespace Plexa
     {
       Cursor cursor(line);
       if (cursor.literal(QLatin1String("filepart ")) && cursor.path(c.path) && cursor.literal(blank) &&
-          cursor.digits(c.first, false) && cursor.literal(blank) && cursor.digits(c.second, false) &&
-          cursor.atEnd()) {
+          cursor.digits(c.first, false) && cursor.literal(blank) && cursor.digits(c.second, false) && cursor.atEnd()) {
         c.kind = FilePart;
         return c;
       }

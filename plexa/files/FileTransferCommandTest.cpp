@@ -53,17 +53,17 @@ namespace
     if (got.kind == want.kind && got.path == want.path && got.first == want.first && got.second == want.second &&
         got.md5 == want.md5)
       return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "line '" << line.toStdString() << "': parsed kind " << got.kind
-                                         << " path '" << got.path.toStdString() << "', expected kind " << want.kind
-                                         << " path '" << want.path.toStdString() << "'";
+    return ::testing::AssertionFailure() << "line '" << line.toStdString() << "': parsed kind " << got.kind << " path '"
+                                         << got.path.toStdString() << "', expected kind " << want.kind << " path '"
+                                         << want.path.toStdString() << "'";
   }
 
   const QStringList validLines = {
-    "fileinfo 123 \"/a/b c.txt\" 1 0123456789abcdef0123456789abcdef",
-    "fileinfo -5 \"//x/\" 0 d41d8cd98f00b204e9800998ecf8427e",
-    "sendfileinfo \"/dir/file\"",
-    "filepart \"/a..b\" 65536 12",
-    "sendparts \"/x\"",
+      "fileinfo 123 \"/a/b c.txt\" 1 0123456789abcdef0123456789abcdef",
+      "fileinfo -5 \"//x/\" 0 d41d8cd98f00b204e9800998ecf8427e",
+      "sendfileinfo \"/dir/file\"",
+      "filepart \"/a..b\" 65536 12",
+      "sendparts \"/x\"",
   };
 }
 
@@ -96,28 +96,31 @@ TEST(FileTransferCommand, PathsComeOutCanonical)
 TEST(FileTransferCommand, RefusesEachCorruption)
 {
   const QStringList refused = {
-    "",
-    "sendparts",
-    "sendparts \"\"",                                              // empty path
-    "sendparts \"/\"",                                             // a slash without a name
-    "sendparts \"relative\"",                                      // no leading slash
-    "sendparts \"/a\" ",                                           // trailing blank
-    " sendparts \"/a\"",                                           // leading blank
-    "sendparts \"/a?\"",                                           // reserved characters
-    "sendparts \"/a*\"", "sendparts \"/a<\"", "sendparts \"/a>\"", "sendparts \"/a:b\"",
-    "sendparts \"/a\"b\"",                                         // quote inside
-    "sendparts \"/a",                                              // unterminated
-    "Sendparts \"/a\"",                                            // case
-    "filepart \"/a\" -1 1",                                        // negative count
-    "filepart \"/a\" 1",                                           // missing number
-    "filepart \"/a\" 1 2 3",                                       // extra number
-    "filepart \"/a\" 1x 2",                                        // not a number
-    "fileinfo 1 \"/a\" 1 0123456789ABCDEF0123456789abcdef",        // upper-case digest
-    "fileinfo 1 \"/a\" 1 0123456789abcdef0123456789abcde",         // short digest
-    "fileinfo 1 \"/a\" 1 0123456789abcdef0123456789abcdef0",       // long digest
-    "fileinfo 1 \"/a\" 1 ",                                        // empty digest (unlisted file)
-    "fileinfo - \"/a\" 1 0123456789abcdef0123456789abcdef",        // sign without digits
-    "fileinfo 1 \"/a\" -1 0123456789abcdef0123456789abcdef",       // negative part count
+      "",
+      "sendparts",
+      "sendparts \"\"",         // empty path
+      "sendparts \"/\"",        // a slash without a name
+      "sendparts \"relative\"", // no leading slash
+      "sendparts \"/a\" ",      // trailing blank
+      " sendparts \"/a\"",      // leading blank
+      "sendparts \"/a?\"",      // reserved characters
+      "sendparts \"/a*\"",
+      "sendparts \"/a<\"",
+      "sendparts \"/a>\"",
+      "sendparts \"/a:b\"",
+      "sendparts \"/a\"b\"",                                   // quote inside
+      "sendparts \"/a",                                        // unterminated
+      "Sendparts \"/a\"",                                      // case
+      "filepart \"/a\" -1 1",                                  // negative count
+      "filepart \"/a\" 1",                                     // missing number
+      "filepart \"/a\" 1 2 3",                                 // extra number
+      "filepart \"/a\" 1x 2",                                  // not a number
+      "fileinfo 1 \"/a\" 1 0123456789ABCDEF0123456789abcdef",  // upper-case digest
+      "fileinfo 1 \"/a\" 1 0123456789abcdef0123456789abcde",   // short digest
+      "fileinfo 1 \"/a\" 1 0123456789abcdef0123456789abcdef0", // long digest
+      "fileinfo 1 \"/a\" 1 ",                                  // empty digest (unlisted file)
+      "fileinfo - \"/a\" 1 0123456789abcdef0123456789abcdef",  // sign without digits
+      "fileinfo 1 \"/a\" -1 0123456789abcdef0123456789abcdef", // negative part count
   };
   for (const QString& line : refused) {
     EXPECT_EQ(FileTransferCommand::parse(line).kind, FileTransferCommand::None) << line.toStdString();

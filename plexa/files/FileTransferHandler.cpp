@@ -95,7 +95,11 @@ namespace Plexa
   class FileTransferHandler::UploadTask : public Bastion::Task
   {
   public:
-    explicit UploadTask(FileTransferHandler* handler) : Bastion::Task(1.0), m_handler(handler) {}
+    explicit UploadTask(FileTransferHandler* handler)
+        : Bastion::Task(1.0)
+        , m_handler(handler)
+    {
+    }
 
     void doTask() override
     {
@@ -125,7 +129,10 @@ namespace Plexa
   class FileTransferHandler::D
   {
   public:
-    explicit D(AssetBase& store) : assets(store) {}
+    explicit D(AssetBase& store)
+        : assets(store)
+    {
+    }
 
     struct Upload
     {
@@ -191,7 +198,8 @@ namespace Plexa
   };
 
   FileTransferHandler::FileTransferHandler(Bastion::TCPSocket* socket, bool accepted, AssetBase& assets)
-    : ConnectionThread(socket, accepted), d(new D(assets))
+      : ConnectionThread(socket, accepted)
+      , d(new D(assets))
   {
     setPingTimeout(60.0);
     eventAddOut("file-info");
@@ -368,8 +376,8 @@ namespace Plexa
     writerThread()->removeFromBuffer(FileBufferName);
   }
 
-  void FileTransferHandler::logCapOnce(int cap, const char* where, const char* which, const QString& path,
-                                       qint64 size, qint64 limit)
+  void FileTransferHandler::logCapOnce(int cap, const char* where, const char* which, const QString& path, qint64 size,
+                                       qint64 limit)
   {
     if (d->capsLogged & cap)
       return;
@@ -411,8 +419,8 @@ namespace Plexa
     }
     const qint64 size = st.st_size;
     writeFileTraffic(QStringLiteral("fileinfo %1 \"%2\" %3 %4\n")
-                       .arg(QString::number(size), path, QString::number(partCount(size)), d->assets.md5(path))
-                       .toUtf8());
+                         .arg(QString::number(size), path, QString::number(partCount(size)), d->assets.md5(path))
+                         .toUtf8());
   }
 
   void FileTransferHandler::receiveFileInfo(const QString& path, qint64 size, qint64 parts, const QString& md5)
@@ -490,8 +498,8 @@ namespace Plexa
     const qint64 expected = d->assets.currentParts(path) + 1;
     if (partNumber != expected || !d->assets.isDownloading(path)) {
       if (mayLog("received file part but we expected"))
-        Bastion::error("received file part %lld but we expected %lld: '%s'", (long long)partNumber,
-                       (long long)expected, loggedText(path).constData());
+        Bastion::error("received file part %lld but we expected %lld: '%s'", (long long)partNumber, (long long)expected,
+                       loggedText(path).constData());
       return;
     }
 
@@ -706,8 +714,8 @@ namespace Plexa
     int failure = fd < 0 ? errno : (::fstat(fd, &st) != 0 ? errno : (S_ISREG(st.st_mode) ? 0 : EISDIR));
     if (fd >= 0 && failure != 0)
       ::close(fd);
-    if (failure == 0 && !d->currentFile.open(fd, QIODevice::ReadOnly | QIODevice::Unbuffered,
-                                             QFileDevice::AutoCloseHandle)) {
+    if (failure == 0 &&
+        !d->currentFile.open(fd, QIODevice::ReadOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
       ::close(fd);
       failure = EIO;
     }
@@ -743,7 +751,7 @@ namespace Plexa
       }
       part.resize(int(got));
       const QByteArray header =
-        "filepart \"" + path + "\" " + QByteArray::number(got) + ' ' + QByteArray::number(partNumber) + '\n';
+          "filepart \"" + path + "\" " + QByteArray::number(got) + ' ' + QByteArray::number(partNumber) + '\n';
       if (!queuePart({header, part})) {
         closeCurrentFile();
         return;

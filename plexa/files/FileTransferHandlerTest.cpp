@@ -1,5 +1,5 @@
-#include "plexa/files/FileTransferFormat.hpp"
 #include "plexa/files/FileTransferHandler.hpp"
+#include "plexa/files/FileTransferFormat.hpp"
 #include "plexa/files/FileTransferTestSupport.hpp"
 #include "plexa/files/RootDirectory.hpp"
 #include "plexa/net/NetFormat.hpp"
@@ -85,8 +85,8 @@ namespace
       m_store.reset(new NotifyingStore(root()));
       ASSERT_TRUE(m_store->waitForFileList(10000));
       std::tie(m_handler, m_peer) = connectPair<TestHandler, RawPeer>(
-        [&](Bastion::TCPSocket* socket) { return std::make_shared<TestHandler>(socket, true, *m_store, root()); },
-        [] { return std::make_shared<RawPeer>(nullptr, false); });
+          [&](Bastion::TCPSocket* socket) { return std::make_shared<TestHandler>(socket, true, *m_store, root()); },
+          [] { return std::make_shared<RawPeer>(nullptr, false); });
       ASSERT_TRUE(m_handler && m_peer);
     }
     void TearDown() override
@@ -105,15 +105,12 @@ namespace
       m_peer->send("sendfileinfo \"/known.txt\"\n");
       return m_peer->waitLines(linesBefore + 1);
     }
-    QString knownInfo() const
-    {
-      return QStringLiteral("fileinfo 5 \"/known.txt\" 1 %1").arg(md5Hex("known"));
-    }
+    QString knownInfo() const { return QStringLiteral("fileinfo 5 \"/known.txt\" 1 %1").arg(md5Hex("known")); }
     static QByteArray fileInfo(const QString& path, const QByteArray& content, qint64 parts)
     {
       return QStringLiteral("fileinfo %1 \"%2\" %3 %4\n")
-        .arg(QString::number(content.size()), path, QString::number(parts), md5Hex(content))
-        .toUtf8();
+          .arg(QString::number(content.size()), path, QString::number(parts), md5Hex(content))
+          .toUtf8();
     }
     static QByteArray part(const QString& path, const QByteArray& bytes, qint64 number)
     {
@@ -141,8 +138,8 @@ TEST_P(FileTransferHandlerTest, ServingRefusesPathsThatLeaveTheRoot)
   for (const char* path : {"/../secret", "/a/../known.txt", "/out/secret", "/secret-link"})
     EXPECT_GE(log.countContaining(QByteArray("'") + path + "': the path leads outside the root folder"), 1) << path;
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "FileTransferHandler::commitUpload#  file '" +
-                                                       QFile::encodeName(root()) +
-                                                       "/missing.txt' doesn't exist. Not uploaded"));
+                                                         QFile::encodeName(root()) +
+                                                         "/missing.txt' doesn't exist. Not uploaded"));
   // The refused uploads were never queued; the linked ones fail at the open, also without a byte sent.
   m_peer->send("sendparts \"/known.txt\"\n");
   ASSERT_TRUE(m_peer->waitLines(2));
@@ -186,8 +183,10 @@ TEST_P(FileTransferHandlerTest, RefusedAnnouncementsChangeNothing)
   m_peer->send(fileInfo("/x/../y", "x", 1));
   m_peer->send("fileinfo 99999999999999999999 \"/big\" 1 " + md5Hex("x").toLatin1() + "\n");
   ASSERT_TRUE(roundTrip(0));
-  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "Filename can't contain '..' and it has to start with '/': /a..b"));
-  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "Filename can't contain '..' and it has to start with '/': /x/../y"));
+  EXPECT_TRUE(
+      log.contains(Bastion::LogLevel::Error, "Filename can't contain '..' and it has to start with '/': /a..b"));
+  EXPECT_TRUE(
+      log.contains(Bastion::LogLevel::Error, "Filename can't contain '..' and it has to start with '/': /x/../y"));
   EXPECT_EQ(log.countContaining("out of range for '/big'"), 1);
   EXPECT_FALSE(m_store->isDownloading("/a..b"));
   EXPECT_FALSE(m_store->isDownloading("/big"));
@@ -270,8 +269,8 @@ TEST_P(FileTransferHandlerTest, FailedDownloadLeavesOldFileAlone)
   ASSERT_TRUE(m_peer->waitLines(1));
   m_peer->send(part("/f.txt", "wrong", 1));
   ASSERT_TRUE(m_store->finished.wait());
-  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "md5 mismatch for '" + QFile::encodeName(root()) +
-                                                       "/f.txt.filesync.part'"));
+  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error,
+                           "md5 mismatch for '" + QFile::encodeName(root()) + "/f.txt.filesync.part'"));
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "File Download for '/f.txt' failed"));
   EXPECT_EQ(readFile(root() + "/f.txt"), "old");
   EXPECT_FALSE(QFileInfo::exists(root() + "/f.txt.filesync.part"));
@@ -387,8 +386,8 @@ TEST_P(FileTransferHandlerTest, SecondConnectionCannotReachAnotherConnectionsDow
   std::shared_ptr<TestHandler> otherHandler;
   std::shared_ptr<RawPeer> otherPeer;
   std::tie(otherHandler, otherPeer) = connectPair<TestHandler, RawPeer>(
-    [&](Bastion::TCPSocket* socket) { return std::make_shared<TestHandler>(socket, true, *m_store, root()); },
-    [] { return std::make_shared<RawPeer>(nullptr, false); });
+      [&](Bastion::TCPSocket* socket) { return std::make_shared<TestHandler>(socket, true, *m_store, root()); },
+      [] { return std::make_shared<RawPeer>(nullptr, false); });
   ASSERT_TRUE(otherHandler && otherPeer);
   const QByteArray mine = randomBytes(65536 + 10, 12), foreign = randomBytes(100, 13);
   m_peer->send(fileInfo("/a", mine, 2) + part("/a", mine.left(65536), 1));
@@ -421,8 +420,8 @@ TEST_P(FileTransferHandlerTest, DroppedConnectionClearsOnlyItsDownloads)
   std::shared_ptr<TestHandler> otherHandler;
   std::shared_ptr<RawPeer> otherPeer;
   std::tie(otherHandler, otherPeer) = connectPair<TestHandler, RawPeer>(
-    [&](Bastion::TCPSocket* socket) { return std::make_shared<TestHandler>(socket, true, *m_store, root()); },
-    [] { return std::make_shared<RawPeer>(nullptr, false); });
+      [&](Bastion::TCPSocket* socket) { return std::make_shared<TestHandler>(socket, true, *m_store, root()); },
+      [] { return std::make_shared<RawPeer>(nullptr, false); });
   ASSERT_TRUE(otherHandler && otherPeer);
   const QByteArray a = randomBytes(65536 + 10, 8), b = randomBytes(65536 + 20, 9);
   m_peer->send(fileInfo("/a.bin", a, 2) + part("/a.bin", a.left(65536), 1));

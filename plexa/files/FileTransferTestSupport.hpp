@@ -40,7 +40,8 @@ namespace Plexa
     {
     public:
       TestHandler(Bastion::TCPSocket* socket, bool accepted, AssetBase& assets, const QString& root)
-        : FileTransferHandler(socket, accepted, assets), m_root(root)
+          : FileTransferHandler(socket, accepted, assets)
+          , m_root(root)
       {
         eventAddListener("connected", [this](Bastion::BinaryData&) { connectedSignal.raise(); });
         eventAddListener("disconnected", [this](Bastion::BinaryData&) { disconnectedSignal.raise(); });
@@ -79,7 +80,11 @@ namespace Plexa
     class FileServer : public ServerBase
     {
     public:
-      FileServer(AssetBase& assets, const QString& root) : m_assets(assets), m_root(root) {}
+      FileServer(AssetBase& assets, const QString& root)
+          : m_assets(assets)
+          , m_root(root)
+      {
+      }
       ~FileServer() override
       {
         // The accept thread may still be setting up the last connection: join it before the
@@ -111,7 +116,8 @@ namespace Plexa
         QByteArray bytes;
       };
 
-      RawPeer(Bastion::TCPSocket* socket, bool accepted) : ConnectionThread(socket, accepted)
+      RawPeer(Bastion::TCPSocket* socket, bool accepted)
+          : ConnectionThread(socket, accepted)
       {
         eventAddListener("connected", [this](Bastion::BinaryData&) { connectedSignal.raise(); });
         eventAddListener("disconnected", [this](Bastion::BinaryData&) { disconnectedSignal.raise(); });

@@ -9,7 +9,11 @@
 
 namespace Plexa
 {
-  PartHasher::PartHasher(qint64 queueLimit) : Bastion::Thread("Plexa::Hasher"), m_queueLimit(queueLimit) {}
+  PartHasher::PartHasher(qint64 queueLimit)
+      : Bastion::Thread("Plexa::Hasher")
+      , m_queueLimit(queueLimit)
+  {
+  }
 
   PartHasher::~PartHasher()
   {

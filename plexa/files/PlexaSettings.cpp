@@ -20,7 +20,8 @@ namespace Plexa
     }
   }
 
-  PlexaSettings::PlexaSettings(bool vanta) : QSettings(settingsFile(), QSettings::IniFormat)
+  PlexaSettings::PlexaSettings(bool vanta)
+      : QSettings(settingsFile(), QSettings::IniFormat)
   {
     beginGroup(vanta ? QStringLiteral("vanta") : QStringLiteral("config"));
   }

@@ -21,7 +21,10 @@ namespace Plexa
     class FdHolder
     {
     public:
-      explicit FdHolder(int fd) : m_fd(fd) {}
+      explicit FdHolder(int fd)
+          : m_fd(fd)
+      {
+      }
       ~FdHolder()
       {
         if (m_fd >= 0) {

@@ -18,7 +18,10 @@
 
 namespace Plexa
 {
-  ServerBase::ServerBase() : Bastion::Thread("Bastion::Thread") {}
+  ServerBase::ServerBase()
+      : Bastion::Thread("Bastion::Thread")
+  {
+  }
 
   ServerBase::~ServerBase()
   {
@@ -113,8 +116,7 @@ namespace Plexa
     }
     for (const auto& connection : taken)
       connection->stop();
-    for (const auto& connection : taken)
-    {
+    for (const auto& connection : taken) {
       connection->waitEnd();
       forgetListeners(connection.get());
     }
@@ -146,11 +148,10 @@ namespace Plexa
       removedInstance(connection);
       Bastion::Guard guard(m_instancesMutex);
       m_retiring.erase(connection.get());
-      m_pendingRemovals.erase(std::remove_if(m_pendingRemovals.begin(), m_pendingRemovals.end(),
-                                             [&](const std::shared_ptr<Bastion::FunctionTask>& t) {
-                                               return t.get() == *self;
-                                             }),
-                              m_pendingRemovals.end());
+      m_pendingRemovals.erase(
+          std::remove_if(m_pendingRemovals.begin(), m_pendingRemovals.end(),
+                         [&](const std::shared_ptr<Bastion::FunctionTask>& t) { return t.get() == *self; }),
+          m_pendingRemovals.end());
     });
     *self = task.get();
     Bastion::Guard guard(m_instancesMutex);
@@ -199,8 +200,7 @@ namespace Plexa
 
   void ServerBase::childLoop()
   {
-    if (!m_running)
-    {
+    if (!m_running) {
       reportBind(ECANCELED);
       return;
     }
@@ -209,22 +209,19 @@ namespace Plexa
       Bastion::Guard guard(m_configMutex);
       retry = m_retryBind;
     }
-    for (;;)
-    {
+    for (;;) {
       const int result = bind();
       reportBind(result);
       if (result == 0)
         break;
-      if (!retry)
-      {
+      if (!retry) {
         m_running = false;
         return;
       }
       // A busy port is retried quietly until it frees up or the server is stopped.
       const Bastion::TimeStamp start = Bastion::TimeStamp::getTime();
       Bastion::Guard guard(m_waitMutex);
-      while (m_running)
-      {
+      while (m_running) {
         const double left = NetFormat::BindRetrySecs - start.sinceSecondsD();
         if (left <= 0)
           break;
@@ -239,12 +236,9 @@ namespace Plexa
     }
     Bastion::TimeStamp lastSweep = Bastion::TimeStamp::getTime();
     int failedAccepts = 0;
-    while (m_running)
-    {
-      if (!isPendingConnection(NetFormat::AcceptPollUsec))
-      {
-        if (lastSweep.sinceSecondsD() > 1.0)
-        {
+    while (m_running) {
+      if (!isPendingConnection(NetFormat::AcceptPollUsec)) {
+        if (lastSweep.sinceSecondsD() > 1.0) {
           retireEnded();
           lastSweep = Bastion::TimeStamp::getTime();
         }
@@ -255,14 +249,12 @@ namespace Plexa
       int error = 0;
       Bastion::TCPSocket* socket = accept(&error);
       retireEnded();
-      if (socket)
-      {
+      if (socket) {
         if (failedAccepts > 0)
           Bastion::info("ServerBase # Accepting connections again after %d failed attempts", failedAccepts);
         failedAccepts = 0;
         accepted(socket);
-      }
-      else if (m_running && !failedOnItsOwn(error))
+      } else if (m_running && !failedOnItsOwn(error))
         waitAfterFailedAccept(error, ++failedAccepts);
     }
     // A stop that raced with the bind may have left the socket open.
@@ -273,8 +265,7 @@ namespace Plexa
   {
     // Errors of the one connection being taken (it is gone from the queue): the next one may be
     // fine, so these cost no pause, or a peer could slow the accepting down with them.
-    switch (error)
-    {
+    switch (error) {
     case ECONNABORTED:
     case EPROTO:
     case EPERM:
@@ -296,16 +287,15 @@ namespace Plexa
     // Out of descriptors, the connection stays pending and the next poll returns at once: without
     // a pause the loop would spin until a descriptor frees up. One line per run of failures.
     if (failures == 1)
-      Bastion::error("ServerBase # Cannot accept a connection (%s), retrying at most every %d ms",
-                     std::strerror(error), NetFormat::AcceptRetryMaxMs);
+      Bastion::error("ServerBase # Cannot accept a connection (%s), retrying at most every %d ms", std::strerror(error),
+                     NetFormat::AcceptRetryMaxMs);
     int pauseMs = NetFormat::AcceptRetryMinMs;
     for (int i = 1; i < failures && pauseMs < NetFormat::AcceptRetryMaxMs; ++i)
       pauseMs *= 2;
     pauseMs = qMin(pauseMs, NetFormat::AcceptRetryMaxMs);
     const Bastion::TimeStamp start = Bastion::TimeStamp::getTime();
     Bastion::Guard guard(m_waitMutex);
-    while (m_running)
-    {
+    while (m_running) {
       const double left = pauseMs / 1000.0 - start.sinceSecondsD();
       if (left <= 0)
         break;
@@ -316,12 +306,9 @@ namespace Plexa
   void ServerBase::accepted(Bastion::TCPSocket* socket)
   {
     std::shared_ptr<ConnectionThread> connection;
-    try
-    {
+    try {
       connection = createConnection(socket);
-    }
-    catch (const std::exception& e)
-    {
+    } catch (const std::exception& e) {
       Bastion::error("ServerBase::childLoop # createConnection failed: %s", e.what());
       return;
     }
@@ -330,28 +317,27 @@ namespace Plexa
     std::weak_ptr<ConnectionThread> weak = connection;
     Listeners listeners;
     listeners.connected = connection->eventAddListener(
-      "connected",
-      [this, weak](Bastion::BinaryData&) {
-        if (std::shared_ptr<ConnectionThread> alive = weak.lock())
-          connected(alive);
-      },
-      Carafe::Node::After);
+        "connected",
+        [this, weak](Bastion::BinaryData&) {
+          if (std::shared_ptr<ConnectionThread> alive = weak.lock())
+            connected(alive);
+        },
+        Carafe::Node::After);
     listeners.disconnected = connection->eventAddListener(
-      "disconnected",
-      [this, weak](Bastion::BinaryData&) {
-        std::shared_ptr<ConnectionThread> alive = weak.lock();
-        if (alive)
-          disconnected(alive);
-        removeInstance(alive);
-      },
-      Carafe::Node::After);
+        "disconnected",
+        [this, weak](Bastion::BinaryData&) {
+          std::shared_ptr<ConnectionThread> alive = weak.lock();
+          if (alive)
+            disconnected(alive);
+          removeInstance(alive);
+        },
+        Carafe::Node::After);
     {
       // Started and listed under one hold: its retirement, which needs the mutex, cannot come
       // first. Tested under it too: a `stop` that came while the socket was being set up has
       // stopped the listed connections already, and this one would escape it.
       Bastion::Guard guard(m_instancesMutex);
-      if (m_running)
-      {
+      if (m_running) {
         m_listeners[connection.get()] = listeners;
         connection->Bastion::Thread::run();
         m_instances.push_back(connection);
@@ -368,8 +354,7 @@ namespace Plexa
     std::vector<std::shared_ptr<ConnectionThread>> ended;
     {
       Bastion::Guard guard(m_instancesMutex);
-      for (const auto& connection : m_instances)
-      {
+      for (const auto& connection : m_instances) {
         if (!connection->isRunning() && m_retiring.count(connection.get()) == 0)
           ended.push_back(connection);
       }

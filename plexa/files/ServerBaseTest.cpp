@@ -1,20 +1,20 @@
+#include "plexa/files/ServerBase.hpp"
 #include "bastion/LogCapture.hpp"
 #include "bastion/PlatformUtils.hpp"
-#include "plexa/files/ServerBase.hpp"
 #include "plexa/net/ConnectionTestSupport.hpp"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <netinet/in.h>
-#include <fcntl.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -294,8 +294,7 @@ TEST(ServerBase, FailedAcceptBacksOff)
   for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
     fillers.push_back(fd);
   // The client takes the last free descriptor; the server has none left for accepting.
-  if (!fillers.empty())
-  {
+  if (!fillers.empty()) {
     ::close(fillers.back());
     fillers.pop_back();
   }

@@ -102,8 +102,7 @@ TEST(ConnectionHandshake, EndlessOrSilentFirstLineIsBounded)
     side.client().read(64);
     const auto start = std::chrono::steady_clock::now();
     bool ended = false;
-    while (!ended && std::chrono::steady_clock::now() - start < std::chrono::seconds(3))
-    {
+    while (!ended && std::chrono::steady_clock::now() - start < std::chrono::seconds(3)) {
       side.client().write("O");
       ended = side.connection->waitEnd(100);
     }
@@ -114,8 +113,7 @@ TEST(ConnectionHandshake, EndlessOrSilentFirstLineIsBounded)
 
 TEST(ConnectionHandshake, ClientSpeaksToNewAndOldServers)
 {
-  for (const QByteArray& version : {QByteArray("Orrery 2.7.2\n"), QByteArray("Orrery 1.9.0\n")})
-  {
+  for (const QByteArray& version : {QByteArray("Orrery 2.7.2\n"), QByteArray("Orrery 1.9.0\n")}) {
     Listener listener;
     auto connection = std::make_shared<RecordingConnection>(nullptr, false);
     connection->connectToHost("127.0.0.1", listener.port());
@@ -183,16 +181,15 @@ TEST(ConnectionHandshake, VersionGating)
     const char* text;
   };
   const Case cases[] = {
-    {2, 2, 0, "", true, "2.2.0"},
-    {2, 1, 9, "", false, "2.1.9"},
-    {2, 0, 4, "corvanta", true, "2.0.4-corvanta"},
-    {2, 0, 4, "Vanta", false, "2.0.4-Vanta"},
-    {2, 0, 4, "", false, "2.0.4"},
-    {2, 0, 3, "vanta", false, "2.0.3-vanta"},
-    {3, 0, 0, "", true, "3.0.0"},
+      {2, 2, 0, "", true, "2.2.0"},
+      {2, 1, 9, "", false, "2.1.9"},
+      {2, 0, 4, "corvanta", true, "2.0.4-corvanta"},
+      {2, 0, 4, "Vanta", false, "2.0.4-Vanta"},
+      {2, 0, 4, "", false, "2.0.4"},
+      {2, 0, 3, "vanta", false, "2.0.3-vanta"},
+      {3, 0, 0, "", true, "3.0.0"},
   };
-  for (const Case& c : cases)
-  {
+  for (const Case& c : cases) {
     connection.setRemoteVersion(c.major, c.minor, c.patch, c.suffix);
     EXPECT_EQ(connection.isPlexa15Supported(), c.supported) << c.text;
     EXPECT_EQ(connection.remoteVersionText(), c.text);

@@ -70,11 +70,11 @@ TEST(ConnectionLines, UnknownLinesAreLoggedShortAndRateLimited)
                [](const QByteArray& t) { return t.startsWith("Failed to parse command"); });
   ASSERT_EQ(logged.size(), size_t(Plexa::NetFormat::LogBurstLines));
   EXPECT_EQ(logged[0], "Failed to parse command 'unknown" + QByteArray(Plexa::NetFormat::LoggedTextChars - 7, 'x') +
-                         "... (1048576 characters)'");
+                           "... (1048576 characters)'");
   EXPECT_EQ(logged[1], "Failed to parse command 'unknown 0'");
-  EXPECT_TRUE(log.contains(Bastion::LogLevel::Warning,
-                           "127.0.0.1:" + QByteArray::number(c.connection->remotePort()) +
-                             ": 20 more \"Failed to parse command\" lines were not logged"));
+  EXPECT_TRUE(
+      log.contains(Bastion::LogLevel::Warning, "127.0.0.1:" + QByteArray::number(c.connection->remotePort()) +
+                                                   ": 20 more \"Failed to parse command\" lines were not logged"));
 }
 
 TEST(ConnectionLines, ExceptionFromParseEndsConnectionNotProcess)
@@ -107,8 +107,7 @@ TEST(ConnectionLines, ExceptionFromParseEndsConnectionNotProcess)
 TEST(ConnectionLines, HookExceptionsEndOnlyThatConnection)
 {
   Bastion::LogCapture log;
-  for (const QByteArray hook : {"connected", "listener", "pong", "disconnected"})
-  {
+  for (const QByteArray hook : {"connected", "listener", "pong", "disconnected"}) {
     Connected c;
     if (hook == "listener")
       c.connection->eventAddListener("connected", [](Bastion::BinaryData&) { throw std::runtime_error("listener"); });
@@ -235,12 +234,11 @@ TEST(ConnectionMaps, ImpossibleBlockSizeEndsConnection)
 {
   Bastion::LogCapture log;
   const QByteArray sizeItems[] = {
-    QByteArray::fromHex("01000000ffffff7f"), // 2 GiB - 1
-    QByteArray::fromHex("0100000004000000"), // smaller than the size item itself
-    QByteArray::fromHex("05000000ffffff7f"), // not an int32 item
+      QByteArray::fromHex("01000000ffffff7f"), // 2 GiB - 1
+      QByteArray::fromHex("0100000004000000"), // smaller than the size item itself
+      QByteArray::fromHex("05000000ffffff7f"), // not an int32 item
   };
-  for (const QByteArray& sizeItem : sizeItems)
-  {
+  for (const QByteArray& sizeItem : sizeItems) {
     Connected c(false);
     c.connection->setHandler(readMapBlock);
     ASSERT_TRUE(c.start());
@@ -302,8 +300,7 @@ TEST(ConnectionMaps, EncodingKeepsPercentTextsAndPatchesTheSize)
   EXPECT_EQ(decoded, SampleMap);
   EXPECT_FALSE(Plexa::MapBlock::announcedSize(body.left(8), size - 1, size));
   // Every truncation fails cleanly and keeps the pairs before it.
-  for (int cut = 8; cut < body.size(); ++cut)
-  {
+  for (int cut = 8; cut < body.size(); ++cut) {
     QMap<QString, QString> partial;
     EXPECT_FALSE(Plexa::MapBlock::decode(body.left(cut), 4, partial)) << cut;
     EXPECT_LT(partial.size(), 4);
@@ -317,8 +314,7 @@ TEST(ConnectionReads, ReadDataSkipAndTheirErrors)
   Connected c(false);
   QByteArray got;
   c.connection->setHandler([&](RecordingConnection& connection, const QString& line) {
-    if (line == "data")
-    {
+    if (line == "data") {
       unsigned char buffer[5];
       const bool ok = connection.readData(buffer, 5) && connection.readData(buffer, 0);
       const QByteArray more = connection.readData(3);
@@ -327,8 +323,7 @@ TEST(ConnectionReads, ReadDataSkipAndTheirErrors)
       connection.notify();
       return true;
     }
-    if (line == "short")
-    {
+    if (line == "short") {
       connection.readData(100);
       return true;
     }

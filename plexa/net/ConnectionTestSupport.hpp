@@ -36,7 +36,10 @@ namespace PlexaTest
   public:
     using Handler = std::function<bool(RecordingConnection&, const QString&)>;
 
-    RecordingConnection(Bastion::TCPSocket* socket, bool accepted) : Plexa::ConnectionThread(socket, accepted) {}
+    RecordingConnection(Bastion::TCPSocket* socket, bool accepted)
+        : Plexa::ConnectionThread(socket, accepted)
+    {
+    }
     ~RecordingConnection() override { shutdown(); }
 
     /// Called for every parsed line (on the connection thread) before it is recorded; its result
@@ -202,7 +205,8 @@ namespace PlexaTest
   class RawSocket
   {
   public:
-    explicit RawSocket(Bastion::TCPSocket* socket) : m_socket(socket)
+    explicit RawSocket(Bastion::TCPSocket* socket)
+        : m_socket(socket)
     {
       if (m_socket)
         m_socket->setReadTimeout(WaitMs);
@@ -216,8 +220,7 @@ namespace PlexaTest
     {
       QByteArray line;
       char c = 0;
-      while (m_socket->read(&c, 1) == 1)
-      {
+      while (m_socket->read(&c, 1) == 1) {
         if (c == '\n')
           return line;
         line.append(c);
@@ -303,8 +306,7 @@ namespace PlexaTest
   {
     SocketPair pair;
     auto* socket = new Bastion::TCPSocket();
-    if (socket->open("127.0.0.1", listener.port()) != 0)
-    {
+    if (socket->open("127.0.0.1", listener.port()) != 0) {
       delete socket;
       return pair;
     }

@@ -24,16 +24,15 @@ namespace Plexa
   }
 
   ConnectionThread::ConnectionThread(Bastion::TCPSocket* socket, bool accepted)
-    : Bastion::Thread("Plexa::Connection"),
-      m_socket(socket),
-      m_accepted(accepted),
-      m_port(NetFormat::DefaultPort),
-      m_pingTimeout(NetFormat::DefaultPingTimeoutSecs),
-      m_handshakeTimeoutMs(NetFormat::DefaultHandshakeTimeoutMs),
-      m_writeTimeoutMs(NetFormat::DefaultWriteTimeoutMs)
+      : Bastion::Thread("Plexa::Connection")
+      , m_socket(socket)
+      , m_accepted(accepted)
+      , m_port(NetFormat::DefaultPort)
+      , m_pingTimeout(NetFormat::DefaultPingTimeoutSecs)
+      , m_handshakeTimeoutMs(NetFormat::DefaultHandshakeTimeoutMs)
+      , m_writeTimeoutMs(NetFormat::DefaultWriteTimeoutMs)
   {
-    if (accepted && socket)
-    {
+    if (accepted && socket) {
       // An accepted connection knows its peer only from the socket; log lines name it.
       Bastion::Guard guard(m_infoMutex);
       m_host = QString::fromUtf8(socket->peerAddress());
@@ -245,13 +244,11 @@ namespace Plexa
 
   void ConnectionThread::childLoop()
   {
-    if (m_accepted)
-    {
+    if (m_accepted) {
       handleConnection();
       return;
     }
-    for (int retries = 0; !m_stopRequested; ++retries)
-    {
+    for (int retries = 0; !m_stopRequested; ++retries) {
       if (!m_running && !m_reconnect)
         break;
       if (retries > 3)
@@ -280,8 +277,7 @@ namespace Plexa
   void ConnectionThread::waitBeforeRetry(Bastion::TimeStamp start)
   {
     m_waitMutex.lock();
-    for (;;)
-    {
+    for (;;) {
       if (m_stopRequested || (!m_reconnect && !m_running))
         break;
       double left = NetFormat::RetryIntervalSecs - start.sinceSecondsD();
@@ -289,8 +285,7 @@ namespace Plexa
         break;
       m_waitCondition.wait(m_waitMutex, left > 1.0 ? 1001 : int(1000.0 * left) + 1);
       left = NetFormat::RetryIntervalSecs - start.sinceSecondsD();
-      if (left > 0 && !m_stopRequested)
-      {
+      if (left > 0 && !m_stopRequested) {
         // Hooks never run under our locks; stop() re-checks the flags under the mutex, so
         // nothing is lost while it is released.
         m_waitMutex.unlock();
@@ -306,8 +301,7 @@ namespace Plexa
     m_writer->stop();
     m_writer->waitEnd();
     Bastion::TCPSocket* socket = m_socket.load();
-    if (!socket)
-    {
+    if (!socket) {
       // Kept for all later attempts (see m_socket), also when this one fails.
       socket = new Bastion::TCPSocket();
       m_socket = socket;
@@ -332,8 +326,7 @@ namespace Plexa
     m_pongReceived = false;
     m_logBudgets.clear();
     Bastion::TCPSocket* socket = m_socket.load();
-    if (!socket)
-    {
+    if (!socket) {
       m_running = false;
       return;
     }
@@ -342,14 +335,14 @@ namespace Plexa
     guarded("shaking hands", "closing connection", [&] {
       Bastion::Guard guard(m_writeMutex);
       const int timeoutMs = m_handshakeTimeoutMs;
-      m_readDeadline = timeoutMs > 0 ? Bastion::TimeStamp::getTime() + Bastion::TimeStamp::createSeconds(timeoutMs / 1000.0)
-                                     : Bastion::TimeStamp();
+      m_readDeadline = timeoutMs > 0
+                           ? Bastion::TimeStamp::getTime() + Bastion::TimeStamp::createSeconds(timeoutMs / 1000.0)
+                           : Bastion::TimeStamp();
       shookHands = handshake();
     });
     m_readDeadline = Bastion::TimeStamp();
     socket->setReadTimeout(0);
-    if (!shookHands)
-    {
+    if (!shookHands) {
       Bastion::error("Handshake failed, closing connection");
       closeSocket();
       m_writer->stop();
@@ -362,8 +355,7 @@ namespace Plexa
       m_writer->run();
       eventSend("connected");
     });
-    if (started)
-    {
+    if (started) {
       if (m_usePing)
         ping(NetFormat::InitialPingPayload);
       handOverPending();
@@ -390,8 +382,7 @@ namespace Plexa
 
   void ConnectionThread::lineLoop()
   {
-    while (m_running)
-    {
+    while (m_running) {
       bool more = false;
       const bool survived = guarded("handling a command", "closing connection", [&] {
         QString text = line();
@@ -411,35 +402,26 @@ namespace Plexa
   void ConnectionThread::dispatch(QString& text)
   {
     QString pongPayload;
-    if (m_usePing && LineSyntax::isPing(text))
-    {
+    if (m_usePing && LineSyntax::isPing(text)) {
       text[1] = QLatin1Char('o');
       Bastion::Guard guard(m_writeMutex);
       puts(text);
-    }
-    else if (m_usePing && LineSyntax::matchPong(text, pongPayload))
-    {
+    } else if (m_usePing && LineSyntax::matchPong(text, pongPayload)) {
       m_pongReceived = true;
       pong(pongPayload.toUtf8());
-    }
-    else if (!parse(text) && mayLog("Failed to parse command"))
+    } else if (!parse(text) && mayLog("Failed to parse command"))
       Bastion::error("Failed to parse command '%s'", loggedText(text).constData());
   }
 
   bool ConnectionThread::guarded(const char* what, const char* consequence, const std::function<void()>& step)
   {
-    try
-    {
+    try {
       step();
       return true;
-    }
-    catch (const std::exception& e)
-    {
+    } catch (const std::exception& e) {
       Bastion::error("ConnectionThread # Exception while %s with %s, %s: %s", what, addressUtf8().constData(),
                      consequence, e.what());
-    }
-    catch (...)
-    {
+    } catch (...) {
       Bastion::error("ConnectionThread # Unknown exception while %s with %s, %s", what, addressUtf8().constData(),
                      consequence);
     }
@@ -450,15 +432,13 @@ namespace Plexa
   {
     LogBudget& budget = m_logBudgets[kind];
     const Bastion::TimeStamp now = Bastion::TimeStamp::getTime();
-    if (budget.written > 0 && (now - budget.windowStart).secondsD() >= NetFormat::LogWindowSecs)
-    {
+    if (budget.written > 0 && (now - budget.windowStart).secondsD() >= NetFormat::LogWindowSecs) {
       reportHeldBack(addressUtf8(), kind, budget.heldBack);
       budget = LogBudget();
     }
     if (budget.written == 0)
       budget.windowStart = now;
-    if (budget.written < NetFormat::LogBurstLines)
-    {
+    if (budget.written < NetFormat::LogBurstLines) {
       ++budget.written;
       return true;
     }
@@ -477,8 +457,7 @@ namespace Plexa
   {
     if (text.size() <= NetFormat::LoggedTextChars)
       return text.toUtf8();
-    return text.left(NetFormat::LoggedTextChars).toUtf8() + "... (" + QByteArray::number(text.size()) +
-           " characters)";
+    return text.left(NetFormat::LoggedTextChars).toUtf8() + "... (" + QByteArray::number(text.size()) + " characters)";
   }
 
   // ---- handshake ----
@@ -498,17 +477,13 @@ namespace Plexa
     if (!readLine(NetFormat::MaxHandshakeLineBytes, first))
       return false;
     QString login;
-    if (first == QLatin1String(NetFormat::LoginName))
-    {
+    if (first == QLatin1String(NetFormat::LoginName)) {
       // Peers before 1.9.1 send no version line: their login comes first.
       setRemoteVersion(1, 9, 0, QString());
       login = first;
-    }
-    else
-    {
+    } else {
       LineSyntax::Version version;
-      if (!LineSyntax::parseVersion(first, version))
-      {
+      if (!LineSyntax::parseVersion(first, version)) {
         puts(NetFormat::HandshakeRefused);
         return false;
       }
@@ -520,9 +495,8 @@ namespace Plexa
     if (!readData(answer, NetFormat::AnswerBytes))
       return false;
     const bool keyOk = SharedKey::equalConstantTime(
-      QByteArray::fromRawData(reinterpret_cast<const char*>(answer), NetFormat::AnswerBytes), expected);
-    if (login == QLatin1String(NetFormat::LoginName) && keyOk)
-    {
+        QByteArray::fromRawData(reinterpret_cast<const char*>(answer), NetFormat::AnswerBytes), expected);
+    if (login == QLatin1String(NetFormat::LoginName) && keyOk) {
       {
         Bastion::Guard guard(m_infoMutex);
         m_remoteUser = login;
@@ -539,8 +513,7 @@ namespace Plexa
     if (!readLine(NetFormat::MaxHandshakeLineBytes, first))
       return false;
     LineSyntax::Version version;
-    if (!LineSyntax::parseVersion(first, version))
-    {
+    if (!LineSyntax::parseVersion(first, version)) {
       Bastion::error("Unknown server version '%s', expected \"Orrery (1|2).*.*\"", loggedText(first).constData());
       return false;
     }
@@ -550,7 +523,7 @@ namespace Plexa
         !readData(challenge + NetFormat::ChallengeHalfBytes, NetFormat::ChallengeHalfBytes))
       return false;
     const QByteArray answer = SharedKey::answer(
-      QByteArray(reinterpret_cast<const char*>(challenge), NetFormat::ChallengeBytes), SharedKey::current());
+        QByteArray(reinterpret_cast<const char*>(challenge), NetFormat::ChallengeBytes), SharedKey::current());
     if (remoteVersion(1, 9, 1) && !puts(NetFormat::VersionLine))
       return false;
     if (!puts(NetFormat::LoginName) || !writeData(answer.constData(), answer.size()))
@@ -558,8 +531,7 @@ namespace Plexa
     QString reply;
     if (!readLine(NetFormat::MaxHandshakeLineBytes, reply))
       return false;
-    if (reply != QLatin1String(NetFormat::HandshakeOk))
-    {
+    if (reply != QLatin1String(NetFormat::HandshakeOk)) {
       Bastion::error("Remote host sent handshake error: %s", loggedText(reply).constData());
       return false;
     }
@@ -598,34 +570,29 @@ namespace Plexa
     text.clear();
     Bastion::TCPSocket* socket = m_socket.load();
     QByteArray bytes;
-    for (;;)
-    {
+    for (;;) {
       char c = 0;
-      if (!socket || !beforeRead() || socket->read(&c, 1) != 1)
-      {
+      if (!socket || !beforeRead() || socket->read(&c, 1) != 1) {
         Bastion::debug("ConnectionThread::line # no reply from %s:%d (could not read from socket)",
                        remoteHost().toUtf8().constData(), remotePort());
         failRead();
         return false;
       }
       touch();
-      if (c == '\r' || c == '\n')
-      {
+      if (c == '\r' || c == '\n') {
         if (bytes.isEmpty())
           continue;
         const int zero = bytes.indexOf('\0');
         text = QString::fromUtf8(bytes.constData(), zero < 0 ? bytes.size() : zero);
         // A line that is empty once cut at its first zero byte is skipped like a blank line:
         // an empty result means "connection ended" to every caller.
-        if (text.isEmpty())
-        {
+        if (text.isEmpty()) {
           bytes.clear();
           continue;
         }
         return true;
       }
-      if (bytes.size() >= maxBytes)
-      {
+      if (bytes.size() >= maxBytes) {
         Bastion::error("ConnectionThread::line # %s sent a line longer than %d bytes, closing connection",
                        addressUtf8().constData(), maxBytes);
         failRead();
@@ -641,8 +608,7 @@ namespace Plexa
     Bastion::TCPSocket* socket = m_socket.load();
     if (!socket)
       return false;
-    while (out.size() < size)
-    {
+    while (out.size() < size) {
       const int piece = qMin(size - out.size(), NetFormat::ReadGrowthBytes);
       const int old = out.size();
       if (!beforeRead())
@@ -661,8 +627,7 @@ namespace Plexa
     if (size < 1)
       return true;
     Bastion::TCPSocket* socket = m_socket.load();
-    if (!socket || !beforeRead() || socket->read(buffer, size) != size)
-    {
+    if (!socket || !beforeRead() || socket->read(buffer, size) != size) {
       Bastion::error("ConnectionThread::readData # Read error");
       failRead();
       return false;
@@ -676,8 +641,7 @@ namespace Plexa
     QByteArray data;
     if (size < 1)
       return data;
-    if (!readInto(data, size))
-    {
+    if (!readInto(data, size)) {
       if (!m_stopRequested)
         Bastion::error("ConnectionThread::readData # Read error (%s:%d expected %d bytes, got %d bytes",
                        remoteHost().toUtf8().constData(), remotePort(), size, data.size());
@@ -692,11 +656,9 @@ namespace Plexa
   {
     Bastion::TCPSocket* socket = m_socket.load();
     char piece[NetFormat::SkipPieceBytes];
-    for (int left = size; left > 0;)
-    {
+    for (int left = size; left > 0;) {
       const int n = qMin(left, int(sizeof(piece)));
-      if (!socket || !beforeRead() || socket->read(piece, n) != n)
-      {
+      if (!socket || !beforeRead() || socket->read(piece, n) != n) {
         Bastion::error("ConnectionThread::skip # Read error");
         failRead();
         return false;
@@ -710,10 +672,8 @@ namespace Plexa
   QMap<QString, QString> ConnectionThread::readMap(int count)
   {
     QMap<QString, QString> map;
-    if (!remoteVersion(1, 9, 1))
-    {
-      for (int i = 0; i < count; ++i)
-      {
+    if (!remoteVersion(1, 9, 1)) {
+      for (int i = 0; i < count; ++i) {
         const QString key = line();
         if (key.isEmpty())
           break;
@@ -725,16 +685,14 @@ namespace Plexa
       return map;
     }
     QByteArray sizeItem;
-    if (!readInto(sizeItem, MapBlock::SizeItemBytes))
-    {
+    if (!readInto(sizeItem, MapBlock::SizeItemBytes)) {
       if (!m_stopRequested)
         Bastion::error("ConnectionThread::readMap # error while reading data");
       failRead();
       return map;
     }
     int32_t size = 0;
-    if (!MapBlock::announcedSize(sizeItem, NetFormat::MaxMapBlockBytes, size))
-    {
+    if (!MapBlock::announcedSize(sizeItem, NetFormat::MaxMapBlockBytes, size)) {
       Bastion::error("ConnectionThread::readMap # %s announced a map block of %d bytes (allowed: %d to %d), "
                      "closing connection",
                      addressUtf8().constData(), int(size), MapBlock::SizeItemBytes, NetFormat::MaxMapBlockBytes);
@@ -760,8 +718,7 @@ namespace Plexa
 
   bool ConnectionThread::writeData(const void* data, int size)
   {
-    if (writeSocket(static_cast<const char*>(data), size) != size)
-    {
+    if (writeSocket(static_cast<const char*>(data), size) != size) {
       Bastion::error("ConnectionThread::writeData # Write error");
       return false;
     }
@@ -814,8 +771,7 @@ namespace Plexa
 
   void ConnectionThread::eventProcess(const QByteArray& id, Bastion::BinaryData& data)
   {
-    if (id == "write-error")
-    {
+    if (id == "write-error") {
       // The reader may be blocked on a silent peer: closing the socket ends it now rather than at
       // the next line that might never come.
       dropConnection();

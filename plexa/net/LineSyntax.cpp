@@ -9,8 +9,7 @@ namespace Plexa
     {
       if (!line.startsWith(word))
         return false;
-      if (line.size() == word.size())
-      {
+      if (line.size() == word.size()) {
         rest.clear();
         return true;
       }
@@ -67,8 +66,7 @@ namespace Plexa
     ++pos;
     if (!readNumber(line, pos, parsed.patch))
       return false;
-    if (pos < line.size())
-    {
+    if (pos < line.size()) {
       // "-" and at least one character of suffix.
       if (line[pos] != QLatin1Char('-') || pos + 1 >= line.size())
         return false;

@@ -19,18 +19,15 @@ namespace Plexa
   {
     // Concatenation, not chained QString::arg: a '%1' inside a name or key must stay literal.
     QByteArray block = (name + QLatin1Char(' ') + QString::number(map.size()) + QLatin1Char('\n')).toUtf8();
-    if (!newForm)
-    {
+    if (!newForm) {
       for (auto it = map.constBegin(); it != map.constEnd(); ++it)
-        block += (withoutLineBreaks(it.key()) + QLatin1Char('\n') + withoutLineBreaks(it.value()) +
-                  QLatin1Char('\n'))
-                   .toUtf8();
+        block += (withoutLineBreaks(it.key()) + QLatin1Char('\n') + withoutLineBreaks(it.value()) + QLatin1Char('\n'))
+                     .toUtf8();
       return block;
     }
     Bastion::BinaryData data;
     const int sizeItem = data.writeInt32(0);
-    for (auto it = map.constBegin(); it != map.constEnd(); ++it)
-    {
+    for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
       data.writeString(it.key());
       data.writeString(it.value());
     }
@@ -55,8 +52,7 @@ namespace Plexa
     int32_t size = 0;
     if (!data.readInt32(size))
       return false;
-    for (int i = 0; i < count; ++i)
-    {
+    for (int i = 0; i < count; ++i) {
       QString key;
       QString value;
       if (!data.readString(key) || !data.readString(value))

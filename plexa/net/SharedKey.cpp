@@ -75,7 +75,7 @@ namespace Plexa
   QByteArray SharedKey::makeChallenge(const void* salt)
   {
     const uint64_t seed64 =
-      uint64_t(Bastion::TimeStamp::getTime().value()) ^ uint64_t(reinterpret_cast<uintptr_t>(salt));
+        uint64_t(Bastion::TimeStamp::getTime().value()) ^ uint64_t(reinterpret_cast<uintptr_t>(salt));
     uint32_t seed = uint32_t(seed64 >> 32) ^ uint32_t(seed64);
     // Time and address are guessable; the system's random source makes the challenge unpredictable,
     // which is what keeps a recorded answer from being replayed.

@@ -23,7 +23,8 @@ namespace Plexa
   }
 
   WriterThread::WriterThread(ConnectionThread* connection)
-    : Bastion::Thread("Plexa::Writer"), m_connection(connection)
+      : Bastion::Thread("Plexa::Writer")
+      , m_connection(connection)
   {
     eventAddOut("data-written");
     eventAddOut("error");
@@ -68,8 +69,7 @@ namespace Plexa
       // holds the write mutex (a line of the connection thread, a task) may be waiting for us.
       const bool direct = m_running && !m_writing && m_queue.empty() && m_tasks.empty() && entry.size > 0 &&
                           entry.size <= NetFormat::WriteChunkBytes && writeMutex.tryLock();
-      if (!direct)
-      {
+      if (!direct) {
         m_bufferedBytes += entry.size;
         m_queue.push_back(std::move(entry));
         m_condition.wakeAll();
@@ -83,8 +83,7 @@ namespace Plexa
     Bastion::Guard guard(m_mutex);
     m_writing = false;
     wakeWrittenWaitersLocked();
-    if (entry.sent < entry.size)
-    {
+    if (entry.sent < entry.size) {
       // The socket took only part of it (or failed): the writer finishes it, ahead of anything
       // queued meanwhile, and meets the error itself if there was one.
       m_bufferedBytes += entry.size - entry.sent;
@@ -118,16 +117,13 @@ namespace Plexa
     {
       Bastion::Guard guard(m_mutex);
       int64_t removed = 0;
-      for (auto it = m_queue.begin(); it != m_queue.end();)
-      {
+      for (auto it = m_queue.begin(); it != m_queue.end();) {
         // An entry that a direct write began is on its way already: dropping its rest would cut a
         // message in two.
-        if (it->name == name && it->sent == 0)
-        {
+        if (it->name == name && it->sent == 0) {
           removed += it->size;
           it = m_queue.erase(it);
-        }
-        else
+        } else
           ++it;
       }
       if (removed > 0)
@@ -174,20 +170,17 @@ namespace Plexa
   bool WriterThread::waitForDrain(int64_t bytes, int timeoutMs)
   {
     const Bastion::TimeStamp deadline =
-      Bastion::TimeStamp::getTime() + Bastion::TimeStamp::createSeconds(timeoutMs / 1000.0);
+        Bastion::TimeStamp::getTime() + Bastion::TimeStamp::createSeconds(timeoutMs / 1000.0);
     Bastion::Guard guard(m_mutex);
     const auto waiter = m_drainWaiters.insert(bytes);
     bool below = true;
-    while (m_bufferedBytes.load() >= bytes)
-    {
-      if (timeoutMs < 0)
-      {
+    while (m_bufferedBytes.load() >= bytes) {
+      if (timeoutMs < 0) {
         m_drained.wait(m_mutex, -1);
         continue;
       }
       const double left = (deadline - Bastion::TimeStamp::getTime()).secondsD();
-      if (left <= 0)
-      {
+      if (left <= 0) {
         below = false;
         break;
       }
@@ -200,11 +193,10 @@ namespace Plexa
   bool WriterThread::waitForWritten(int timeoutMs)
   {
     const Bastion::TimeStamp deadline =
-      Bastion::TimeStamp::getTime() + Bastion::TimeStamp::createSeconds(timeoutMs / 1000.0);
+        Bastion::TimeStamp::getTime() + Bastion::TimeStamp::createSeconds(timeoutMs / 1000.0);
     Bastion::Guard guard(m_mutex);
     ++m_writtenWaiters;
-    while (m_running && (!m_queue.empty() || m_writing))
-    {
+    while (m_running && (!m_queue.empty() || m_writing)) {
       const double left = (deadline - Bastion::TimeStamp::getTime()).secondsD();
       if (timeoutMs >= 0 && left <= 0)
         break;
@@ -229,8 +221,7 @@ namespace Plexa
     if (!m_drainWaiters.empty() && after < *m_drainWaiters.rbegin())
       m_drained.wakeAll();
     std::vector<std::function<void()>> callbacks;
-    for (const auto& listener : m_drainListeners)
-    {
+    for (const auto& listener : m_drainListeners) {
       if (before >= listener.second.threshold && after < listener.second.threshold)
         callbacks.push_back(listener.second.callback);
     }
@@ -247,16 +238,11 @@ namespace Plexa
 
   void WriterThread::runListener(const char* who, const std::function<void()>& call)
   {
-    try
-    {
+    try {
       call();
-    }
-    catch (const std::exception& e)
-    {
+    } catch (const std::exception& e) {
       Bastion::error("WriterThread # %s failed: %s", who, e.what());
-    }
-    catch (...)
-    {
+    } catch (...) {
       Bastion::error("WriterThread # %s failed", who);
     }
   }
@@ -274,10 +260,8 @@ namespace Plexa
   {
     Bastion::Guard writeGuard(m_connection->writeMutex());
     int64_t skip = entry.sent;
-    for (const QByteArray& part : entry.parts)
-    {
-      if (skip >= part.size())
-      {
+    for (const QByteArray& part : entry.parts) {
+      if (skip >= part.size()) {
         skip -= part.size();
         continue;
       }
@@ -304,8 +288,7 @@ namespace Plexa
   int WriterThread::gather(const Entry& entry, int from, int end, char* out)
   {
     int size = 0;
-    for (int i = from; i < end; ++i)
-    {
+    for (int i = from; i < end; ++i) {
       std::memcpy(out + size, entry.parts[i].constData(), size_t(entry.parts[i].size()));
       size += entry.parts[i].size();
     }
@@ -315,8 +298,7 @@ namespace Plexa
   bool WriterThread::reportParts(const Entry& entry, int from, int end, int64_t written)
   {
     int64_t covered = 0;
-    for (int i = from; i < end; ++i)
-    {
+    for (int i = from; i < end; ++i) {
       const int size = entry.parts[i].size();
       if (size == 0)
         continue;
@@ -335,13 +317,11 @@ namespace Plexa
     // The whole entry goes out under the write mutex: a "plexa2" line and its bundles, or a file
     // part header and its bytes, must never have a pong line between them.
     Bastion::Guard writeGuard(m_connection->writeMutex());
-    for (int i = 0; i < entry.parts.size();)
-    {
+    for (int i = 0; i < entry.parts.size();) {
       // Runs of small parts (a line and its bundles) go out in one socket call: one call per part
       // would cost a system call and a packet each, and the peer a wake-up for each packet.
       const int end = smallPartsEnd(entry, i);
-      if (end - i > 1)
-      {
+      if (end - i > 1) {
         if (m_gather.empty())
           m_gather.resize(size_t(NetFormat::WriteGatherBytes));
         const int size = gather(entry, i, end, m_gather.data());
@@ -352,13 +332,11 @@ namespace Plexa
         continue;
       }
       const QByteArray& part = entry.parts[i++];
-      for (int offset = 0; offset < part.size();)
-      {
+      for (int offset = 0; offset < part.size();) {
         const int piece = qMin(NetFormat::WriteGatherBytes, part.size() - offset);
         const int written = m_connection->writeSocket(part.constData() + offset, piece);
         // Progress for every chunk of the piece that went out in full, also before a failure.
-        for (int chunkStart = 0; chunkStart < written;)
-        {
+        for (int chunkStart = 0; chunkStart < written;) {
           const int chunk = qMin(NetFormat::WriteChunkBytes, piece - chunkStart);
           if (chunkStart + chunk > written)
             break;
@@ -389,18 +367,15 @@ namespace Plexa
   {
     // From the handshake on, whether or not the peer ever answered: a peer that holds the
     // connection open and stays silent must not keep it (and a server slot) for hours.
-    if (!m_connection->usePing())
-    {
+    if (!m_connection->usePing()) {
       m_pingOutstanding = false;
       return true;
     }
     const double idle = keepAliveIdleSecs();
     const Bastion::TimeStamp now = Bastion::TimeStamp::getTime();
     const double silence = (now - m_connection->lastActivity()).secondsD();
-    if (!m_pingOutstanding)
-    {
-      if (silence > idle)
-      {
+    if (!m_pingOutstanding) {
+      if (silence > idle) {
         Entry ping;
         ping.parts = QList<QByteArray>{QByteArray(NetFormat::PingLine)};
         ping.name = NetFormat::PingBufferName;
@@ -418,8 +393,7 @@ namespace Plexa
       }
       return true;
     }
-    if (m_connection->rxBytes() != m_pingReceivedBytes || silence <= idle)
-    {
+    if (m_connection->rxBytes() != m_pingReceivedBytes || silence <= idle) {
       m_pingOutstanding = false;
       return true;
     }
@@ -442,28 +416,20 @@ namespace Plexa
       queued += entry.size;
     m_bufferedBytes = queued;
     m_pingOutstanding = false;
-    while (m_running)
-    {
-      if (!m_tasks.empty())
-      {
+    while (m_running) {
+      if (!m_tasks.empty()) {
         std::map<QString, std::function<void()>> tasks;
         tasks.swap(m_tasks);
         m_mutex.unlock();
         {
           Bastion::Guard writeGuard(m_connection->writeMutex());
-          for (auto& task : tasks)
-          {
-            try
-            {
+          for (auto& task : tasks) {
+            try {
               task.second();
-            }
-            catch (const std::exception& e)
-            {
+            } catch (const std::exception& e) {
               Bastion::error("WriterThread::childLoop # Task '%s' failed: %s", task.first.toUtf8().constData(),
                              e.what());
-            }
-            catch (...)
-            {
+            } catch (...) {
               Bastion::error("WriterThread::childLoop # Task '%s' failed", task.first.toUtf8().constData());
             }
           }
@@ -471,8 +437,7 @@ namespace Plexa
         m_mutex.lock();
         continue;
       }
-      if (!m_queue.empty() && !m_writing)
-      {
+      if (!m_queue.empty() && !m_writing) {
         Entry entry = std::move(m_queue.front());
         m_queue.pop_front();
         std::vector<std::function<void()>> callbacks = subtractLocked(entry.size - entry.sent);
@@ -480,17 +445,13 @@ namespace Plexa
         m_mutex.unlock();
         runDrainCallbacks(callbacks);
         bool written = false;
-        try
-        {
+        try {
           written = writeEntry(entry);
-        }
-        catch (const std::exception& e)
-        {
+        } catch (const std::exception& e) {
           // The entry may be cut: the stream is out of step, the connection has to end.
           Bastion::error("WriterThread::childLoop # Writing failed: %s", e.what());
         }
-        if (!written)
-        {
+        if (!written) {
           Bastion::debug("WriterThread::childLoop # Write error");
           m_running = false;
           eventSend("error");
@@ -500,8 +461,7 @@ namespace Plexa
         wakeWrittenWaitersLocked();
         continue;
       }
-      if (!keepAliveLocked())
-      {
+      if (!keepAliveLocked()) {
         m_running = false;
         m_mutex.unlock();
         Bastion::error("%s:%d: Ping timeout, disconnecting", m_connection->remoteHost().toUtf8().constData(),

@@ -1,8 +1,8 @@
+#include "plexa/net/WriterThread.hpp"
 #include "bastion/BinaryData.hpp"
 #include "bastion/Guard.hpp"
 #include "bastion/LogCapture.hpp"
 #include "plexa/net/ConnectionTestSupport.hpp"
-#include "plexa/net/WriterThread.hpp"
 
 #include <gtest/gtest.h>
 
@@ -65,7 +65,7 @@ TEST(WriterThread, EntriesAreWrittenInChunksWithProgress)
   EXPECT_EQ(c.client().readLine(), "tail");
   ASSERT_TRUE(progress.waitFor(5));
   const std::vector<std::pair<QByteArray, int>> expected{
-    {"part", 5}, {"part", 16384}, {"part", 16384}, {"part", 7232}, {"", 5}};
+      {"part", 5}, {"part", 16384}, {"part", 16384}, {"part", 7232}, {"", 5}};
   EXPECT_EQ(progress.snapshot(), expected);
 }
 
@@ -133,8 +133,7 @@ TEST(WriterThread, WriteErrorEndsTheConnection)
   ASSERT_TRUE(c.start());
   // The peer vanishes; writing keeps failing until the writer notices.
   c.client().socket().close();
-  for (int i = 0; i < 50 && c.connection->disconnectedCount() == 0; ++i)
-  {
+  for (int i = 0; i < 50 && c.connection->disconnectedCount() == 0; ++i) {
     c.connection->writeBufferData(QByteArray(1 << 16, 'x'), QByteArray());
     c.connection->waitDisconnected(1, 100);
   }
@@ -170,16 +169,14 @@ TEST(WriterThread, PingTimeoutFromTheHandshakeOn)
   Connected silent(true);
   Connected answering(true);
   Connected quiet(false);
-  for (Connected* c : {&silent, &answering, &quiet})
-  {
+  for (Connected* c : {&silent, &answering, &quiet}) {
     c->connection->setPingTimeout(1.0);
     ASSERT_TRUE(c->start());
   }
   EXPECT_EQ(answering.client().readLine(), "ping initialized");
   answering.client().write("pong initialized\n");
   // Answered pings keep it up well past the timeout.
-  for (int i = 0; i < 3; ++i)
-  {
+  for (int i = 0; i < 3; ++i) {
     ASSERT_EQ(answering.client().readLine(), "ping");
     answering.client().write("pong\n");
   }
@@ -188,8 +185,8 @@ TEST(WriterThread, PingTimeoutFromTheHandshakeOn)
   EXPECT_EQ(silent.client().readLine(), "ping initialized");
   EXPECT_EQ(silent.client().readLine(), "ping");
   ASSERT_TRUE(silent.connection->waitDisconnected());
-  const QByteArray expected = QByteArray("127.0.0.1:") + QByteArray::number(silent.connection->remotePort()) +
-                              ": Ping timeout, disconnecting";
+  const QByteArray expected =
+      QByteArray("127.0.0.1:") + QByteArray::number(silent.connection->remotePort()) + ": Ping timeout, disconnecting";
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, expected));
   // The connection without pings wrote nothing and is still up after the same silence.
   EXPECT_TRUE(quiet.connection->isConnected());
@@ -341,9 +338,8 @@ TEST(WriterThread, SmallEntryIsWrittenByTheCallerAndACutOneIsFinishedFirst)
   std::atomic<int> onCaller{0}, elsewhere{0};
   const std::thread::id caller = std::this_thread::get_id();
   Plexa::WriterThread* writer = c.connection->writerThread();
-  writer->eventAddListener("data-written", [&](Bastion::BinaryData&) {
-    ++(std::this_thread::get_id() == caller ? onCaller : elsewhere);
-  });
+  writer->eventAddListener(
+      "data-written", [&](Bastion::BinaryData&) { ++(std::this_thread::get_id() == caller ? onCaller : elsewhere); });
   ASSERT_TRUE(c.start());
   // Returns once the writer is idle: a task runs only after the entry being written is done, and
   // taking the write mutex afterwards waits until the task (or the handshake) has let go of it.

@@ -10,7 +10,9 @@ namespace Plexa
 {
   AttributeRemoveReceiver::AttributeRemoveReceiver(RemoteNode& node, AttributeStorage& storage,
                                                    NodeChangeSender& sender)
-    : m_node(node), m_storage(storage), m_sender(sender)
+      : m_node(node)
+      , m_storage(storage)
+      , m_sender(sender)
   {
   }
 

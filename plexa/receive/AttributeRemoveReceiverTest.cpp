@@ -9,8 +9,8 @@
 #include <cstring>
 
 using namespace Plexa;
-using SessionTest::BundleBytes;
 using SessionTest::bitsOf;
+using SessionTest::BundleBytes;
 
 namespace
 {
@@ -35,7 +35,7 @@ TEST(AttributeRemoveReceiverTest, CreatedAttributesGoLocalOnesStayAndBothReadLat
   side.feed(side.added,
             BundleBytes(NewType).words({1, FloatId, 4, 1, bitsOf(1.f), 2, FloatId, 4, 1, bitsOf(2.f)}).bundle());
   ASSERT_NE(node.attribute("remote"), nullptr);
-  side.sender.collapseChanges();   // the created attribute's addition; not under test here
+  side.sender.collapseChanges(); // the created attribute's addition; not under test here
 
   Bastion::LogCapture log;
   side.feed(side.removals, BundleBytes(RemoveType).words({1, 55, 2}).bundle());

@@ -18,7 +18,10 @@ namespace Plexa
     const QByteArray SchemaPrefix("schema/");
   }
 
-  AttributeStorage::AttributeStorage(RemoteNode& node) : m_node(node) {}
+  AttributeStorage::AttributeStorage(RemoteNode& node)
+      : m_node(node)
+  {
+  }
 
   AttributeStorage::~AttributeStorage() = default;
 

@@ -54,8 +54,9 @@ TEST(AttributeStorageTest, RecordsKeepTheirSymbolsAndTheFirstReadSymbolBinding)
   storage.indexByReadSymbol(7, ab);
   EXPECT_TRUE(log.texts().empty());
   storage.indexByReadSymbol(7, c);
-  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error,
-                           "AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute"));
+  EXPECT_TRUE(
+      log.contains(Bastion::LogLevel::Error,
+                   "AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute"));
   EXPECT_EQ(storage.findByReadSymbol(7), ab);
   EXPECT_EQ(storage.findByReadSymbol(8), nullptr);
 
@@ -112,7 +113,7 @@ TEST(AttributeStorageTest, DebugDumpListsRecordsWithClassesValuesAndTheirSchemaE
   ASSERT_GE(lines.size(), 3);
   EXPECT_EQ(lines[0], QByteArray("peerOnly").leftJustified(70, ' ') + " -");
   EXPECT_TRUE(lines[1].startsWith(QByteArray("speed").leftJustified(70, ' ') + " Carafe::AttributeT<float"))
-    << lines[1].constData();
+      << lines[1].constData();
   EXPECT_TRUE(lines[1].endsWith("> <1.5>")) << lines[1].constData();
   EXPECT_EQ(lines[2], "    " + QByteArray("unit").leftJustified(20, ' ') + ": -");
   EXPECT_FALSE(out.contains("deep")) << out.constData();

@@ -27,7 +27,8 @@ namespace Plexa
   }
 
   AttributeUpdateReceiver::AttributeUpdateReceiver(AttributeStorage& storage, NodeChangeSender& sender)
-    : m_storage(storage), m_sender(sender)
+      : m_storage(storage)
+      , m_sender(sender)
   {
   }
 

@@ -33,8 +33,9 @@ namespace
       side.define(2, "b");
       side.define(3, "c");
       side.define(4, "s");
-      side.feed(side.added,
-                BundleBytes(NewType).words({1, IntId, 4, 0, 2, IntId, 4, 0, 3, IntId, 4, 0, 4, StringId, 0, 0}).bundle());
+      side.feed(
+          side.added,
+          BundleBytes(NewType).words({1, IntId, 4, 0, 2, IntId, 4, 0, 3, IntId, 4, 0, 4, StringId, 0, 0}).bundle());
     }
     RemoteNode node{nullptr, "root"};
     SessionTest::SessionSide side{node};
@@ -59,7 +60,7 @@ TEST(AttributeUpdateReceiverTest, StaleValuesAreDroppedOnlyWhenAskedAndOnlyWhile
 {
   AnnouncedSide s;
   PlexaSessionAttribute* a = s.side.storage.findByReadSymbol(1);
-  a->lastSentSequence = 5;   // this side sent its own value of "a" in its bundle 5
+  a->lastSentSequence = 5; // this side sent its own value of "a" in its bundle 5
 
   // Without dropping, the peer's value wins whatever it had seen.
   s.side.feed(s.side.updates, BundleBytes(UpdateType, 2, 4).words({1, 40, 2, 41}).bundle());
@@ -86,8 +87,8 @@ TEST(AttributeUpdateReceiverTest, AStaleEmptyStringTakesTheNextWordAsItsCount)
   PlexaSessionAttribute* text = s.side.storage.findByReadSymbol(4);
   text->lastSentSequence = 5;
   s.side.feed(s.side.updates, BundleBytes(UpdateType, 3, 4).words({4, 0, 2, 0x41414141, 1, 70}).bundle());
-  EXPECT_EQ(s.ints["b"]->value(), 0);    // its record was eaten
-  EXPECT_EQ(s.ints["a"]->value(), 70);   // what followed lined up again by chance
+  EXPECT_EQ(s.ints["b"]->value(), 0);  // its record was eaten
+  EXPECT_EQ(s.ints["a"]->value(), 70); // what followed lined up again by chance
   // Written the peer's way (zero, then the real count) it reads exactly one value.
   s.side.feed(s.side.updates, BundleBytes(UpdateType, 4, 4).words({4, 0, 0, 2, 80}).bundle());
   EXPECT_EQ(s.ints["b"]->value(), 80);

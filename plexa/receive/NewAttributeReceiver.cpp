@@ -20,7 +20,11 @@ namespace Plexa
   NewAttributeReceiver::NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage,
                                              Bastion::SymbolRegistry& received, TypeRegistry& types,
                                              NodeChangeSender& sender)
-    : m_node(node), m_storage(storage), m_received(received), m_types(types), m_sender(sender)
+      : m_node(node)
+      , m_storage(storage)
+      , m_received(received)
+      , m_types(types)
+      , m_sender(sender)
   {
   }
 
@@ -86,7 +90,7 @@ namespace Plexa
         if (!m_dropStaleValues || acknowledged >= session->lastSentSequence)
           apply = true;
         else
-          PlexaSessionAttribute::skipValue(reader, size);   // this side's newer value wins
+          PlexaSessionAttribute::skipValue(reader, size); // this side's newer value wins
       }
 
       QList<QByteArray> parts = path.split('/');

@@ -12,8 +12,8 @@
 #include <cstring>
 
 using namespace Plexa;
-using SessionTest::BundleBytes;
 using SessionTest::bitsOf;
+using SessionTest::BundleBytes;
 
 namespace
 {
@@ -194,7 +194,7 @@ TEST(NewAttributeReceiverTest, ApplyingToAnExistingAttributeIsNotEchoedButALocal
   SessionTest::SessionSide side(node);
   side.sender.sendInitialValues();
   side.sender.collapseChanges();
-  ASSERT_EQ(side.sender.changes().size(), 1u);   // the initial addition
+  ASSERT_EQ(side.sender.changes().size(), 1u); // the initial addition
 
   side.define(4, "speed");
   BundleBytes b(NewType, 3);
@@ -228,7 +228,7 @@ TEST(NewAttributeReceiverTest, CreationCapRefusesBeyondItAndReportsIt)
   Bastion::LogCapture log;
   side.feed(side.added, b.bundle());
   EXPECT_TRUE(side.added.limitExceeded());
-  EXPECT_EQ(side.added.createdCount(), 3);   // n1, n1/v, n2 (n2/v would be the fourth)
+  EXPECT_EQ(side.added.createdCount(), 3); // n1, n1/v, n2 (n2/v would be the fourth)
   EXPECT_EQ(log.countContaining("created nodes and attributes reached"), 1);
   EXPECT_EQ(floatAt(*dynamic_cast<Carafe::Node*>(node.attribute("n1")), "v"), 1.f);
   EXPECT_EQ(node.attribute("n3"), nullptr);
@@ -243,19 +243,27 @@ TEST(NewAttributeReceiverTest, PathsOverTheLengthOrDepthLimitAreRefusedWithOneLi
   side.symbols.setMaxPathDepth(3);
   Bastion::LogCapture log;
   side.feed(side.symbols, BundleBytes(10)
-                            .words({1}).blob("a/b/c")
-                            .words({2}).blob("a/b/c/d")
-                            .words({3}).blob("abcdefgh")
-                            .words({4}).blob("abcdefghi")
-                            .words({5}).blob("a/b/c/d/e")
-                            .words({6}).blob(QByteArray(100000, 'x'))
-                            .words({7}).blob("/")
-                            .bundle());
-  EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
-                           "SymbolRegistryReceiver::handleBundle # Refused the peer's symbol 2: its path of 4 levels is "
-                           "over the limit of 3 levels (further paths over it are refused silently)",
-                           "SymbolRegistryReceiver::handleBundle # Refused the peer's symbol 4: its path of 9 bytes is "
-                           "over the limit of 8 bytes (further paths over it are refused silently)"}));
+                              .words({1})
+                              .blob("a/b/c")
+                              .words({2})
+                              .blob("a/b/c/d")
+                              .words({3})
+                              .blob("abcdefgh")
+                              .words({4})
+                              .blob("abcdefghi")
+                              .words({5})
+                              .blob("a/b/c/d/e")
+                              .words({6})
+                              .blob(QByteArray(100000, 'x'))
+                              .words({7})
+                              .blob("/")
+                              .bundle());
+  EXPECT_EQ(log.texts(),
+            (std::vector<QByteArray>{
+                "SymbolRegistryReceiver::handleBundle # Refused the peer's symbol 2: its path of 4 levels is "
+                "over the limit of 3 levels (further paths over it are refused silently)",
+                "SymbolRegistryReceiver::handleBundle # Refused the peer's symbol 4: its path of 9 bytes is "
+                "over the limit of 8 bytes (further paths over it are refused silently)"}));
   EXPECT_EQ(side.received.count(), 3);
   EXPECT_EQ(side.received.lookup("a/b/c"), 1u);
   EXPECT_EQ(side.received.lookup("abcdefgh"), 3u);
@@ -302,9 +310,10 @@ TEST(NewAttributeReceiverTest, TheTreeCapCountsWhatPeersCreatedAcrossSessionsUnt
   announce(second, {"c/v", "d/v", "e/v"});
   EXPECT_TRUE(second.added.limitExceeded());
   EXPECT_EQ(node.attribute("c"), nullptr);
-  EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
-                           "NewAttributeReceiver::handleBundle # Limit of 4 nodes and attributes created for peers in "
-                           "the tree reached; refusing to create more"}));
+  EXPECT_EQ(log.texts(),
+            (std::vector<QByteArray>{
+                "NewAttributeReceiver::handleBundle # Limit of 4 nodes and attributes created for peers in "
+                "the tree reached; refusing to create more"}));
 
   // What leaves the tree (here a node with its attribute) makes room again.
   EXPECT_TRUE(node.removeAttribute("a"));

@@ -7,7 +7,10 @@
 
 namespace Plexa
 {
-  OneWayEventReceiver::OneWayEventReceiver(Bastion::SymbolRegistry& received) : m_received(received) {}
+  OneWayEventReceiver::OneWayEventReceiver(Bastion::SymbolRegistry& received)
+      : m_received(received)
+  {
+  }
 
   void OneWayEventReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, Core&)
   {

@@ -16,7 +16,10 @@ namespace Plexa
   class PlexaSessionAttribute
   {
   public:
-    explicit PlexaSessionAttribute(uint32_t symbol) : symbol(symbol) {}
+    explicit PlexaSessionAttribute(uint32_t symbol)
+        : symbol(symbol)
+    {
+    }
     PlexaSessionAttribute(const PlexaSessionAttribute&) = delete;
     PlexaSessionAttribute& operator=(const PlexaSessionAttribute&) = delete;
 

@@ -4,8 +4,8 @@
 // together without a controller.
 
 #include "bastion/SymbolRegistry.hpp"
-#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/bundle/BundleWriterCore.hpp"
 #include "plexa/receive/AttributeRemoveReceiver.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
@@ -59,9 +59,14 @@ namespace Plexa
     struct SessionSide
     {
       explicit SessionSide(RemoteNode& node)
-        : node(node), storage(node), sender(node, storage, types), symbols(received),
-          added(node, storage, received, types, sender), updates(storage, sender), removals(node, storage, sender),
-          events(received)
+          : node(node)
+          , storage(node)
+          , sender(node, storage, types)
+          , symbols(received)
+          , added(node, storage, received, types, sender)
+          , updates(storage, sender)
+          , removals(node, storage, sender)
+          , events(received)
       {
         sender.setMessageType(dispatcher.messageTypeFor("Corvanta.Plexa.SymbolRegistry"));
         sender.initialize(dispatcher);

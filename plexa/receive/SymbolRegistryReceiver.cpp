@@ -8,7 +8,10 @@
 
 namespace Plexa
 {
-  SymbolRegistryReceiver::SymbolRegistryReceiver(Bastion::SymbolRegistry& received) : m_received(received) {}
+  SymbolRegistryReceiver::SymbolRegistryReceiver(Bastion::SymbolRegistry& received)
+      : m_received(received)
+  {
+  }
 
   void SymbolRegistryReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, Core&)
   {

@@ -24,7 +24,9 @@ namespace Plexa
     return uint32_t(XXH3_64bits(bytes, size));
   }
 
-  Recorder::Recorder(RemoteNode& node, const RecorderOptions& options) : m_node(node), m_options(options)
+  Recorder::Recorder(RemoteNode& node, const RecorderOptions& options)
+      : m_node(node)
+      , m_options(options)
   {
     m_options.bufferBytes = std::max<int64_t>(m_options.bufferBytes, 4096);
   }
@@ -41,7 +43,8 @@ namespace Plexa
     m_clock.start();
     if (!startFile(fileName, error))
       return false;
-    m_listener = m_node.addAttributeChangeListener([this](const NodeWatcher::Event& e) { onWatcherEvent(e.type, e.symbol); });
+    m_listener =
+        m_node.addAttributeChangeListener([this](const NodeWatcher::Event& e) { onWatcherEvent(e.type, e.symbol); });
     return true;
   }
 
@@ -153,7 +156,7 @@ namespace Plexa
   {
     BundleWriterCore writer(m_buffer);
     const uint32_t start = writer.size();
-    writer.writeValue(uint64_t(0));   // length and checksum, filled in by endRecord
+    writer.writeValue(uint64_t(0)); // length and checksum, filled in by endRecord
     writer.writeValue(kind);
     m_now = m_clock.nsecsElapsed();
     writer.writeValue(m_now);
@@ -183,8 +186,8 @@ namespace Plexa
   void Recorder::maybeSnapshot()
   {
     const bool bySize = m_options.snapshotBytes > 0 && fileBytes() - m_lastSnapshotBytes >= m_options.snapshotBytes;
-    const bool byTime = m_options.snapshotSeconds > 0 &&
-                        double(m_now - m_lastSnapshotNs) >= m_options.snapshotSeconds * 1e9;
+    const bool byTime =
+        m_options.snapshotSeconds > 0 && double(m_now - m_lastSnapshotNs) >= m_options.snapshotSeconds * 1e9;
     if (isOpen() && (bySize || byTime))
       writeSnapshot();
   }
@@ -203,7 +206,8 @@ namespace Plexa
     return &(m_cache[symbol] = std::move(entry));
   }
 
-  bool Recorder::writeEntry(BundleWriterCore& writer, uint32_t symbol, const QByteArray& path, Carafe::Attribute* object)
+  bool Recorder::writeEntry(BundleWriterCore& writer, uint32_t symbol, const QByteArray& path,
+                            Carafe::Attribute* object)
   {
     if (dynamic_cast<Carafe::Node*>(object)) {
       writer.writeValue(symbol);
@@ -213,7 +217,7 @@ namespace Plexa
     }
     const Cached* entry = cached(symbol, object);
     if (!entry)
-      return false;   // a class that cannot cross a connection either
+      return false; // a class that cannot cross a connection either
     writer.writeValue(symbol);
     writer.writeValue(entry->typeId);
     writer.writeBinary(path);
@@ -294,7 +298,7 @@ namespace Plexa
     }
     default: {
       if (type == NodeWatcher::NodeRemoved)
-        m_cache.clear();   // whatever was under the node went with it
+        m_cache.clear(); // whatever was under the node went with it
       else
         m_cache.erase(symbol);
       const uint32_t start = beginRecord(RecordFormat::Removed);

@@ -44,9 +44,8 @@ namespace Plexa
       return failed("not a recording");
     const uint32_t version = wordAt(m_buffer.constData() + 8);
     if (version == 0 || version > RecordFormat::Version)
-      return failed(QString("recording format version %1, this program reads up to %2")
-                      .arg(version)
-                      .arg(RecordFormat::Version));
+      return failed(
+          QString("recording format version %1, this program reads up to %2").arg(version).arg(RecordFormat::Version));
     const uint32_t length = wordAt(m_buffer.constData() + 12);
     if (length > RecordFormat::MaxHeaderBytes || length % 4 != 0)
       return failed("damaged header");
@@ -120,7 +119,7 @@ namespace Plexa
       return false;
     const int64_t offset = m_bufferOffset + m_at;
     if (offset != m_stoppedAt)
-      return false;   // stopped earlier: the same answer until a seek
+      return false; // stopped earlier: the same answer until a seek
     if (offset == m_fileSize) {
       if (!m_cleanEnd && m_stopReason.isEmpty())
         stop(QString("the file ends at byte %1 without the end record (the recorder did not close it)").arg(offset));
@@ -138,9 +137,9 @@ namespace Plexa
     }
     if (offset + RecordFormat::FrameSize + length > m_fileSize) {
       stop(QString("record cut at byte %1 (it needs %2 bytes, the file ends at %3)")
-             .arg(offset)
-             .arg(RecordFormat::FrameSize + length)
-             .arg(m_fileSize));
+               .arg(offset)
+               .arg(RecordFormat::FrameSize + length)
+               .arg(m_fileSize));
       return false;
     }
     if (!fill(RecordFormat::FrameSize + length)) {

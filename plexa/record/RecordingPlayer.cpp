@@ -43,7 +43,10 @@ namespace Plexa
     }
   }
 
-  RecordingPlayer::RecordingPlayer(RemoteNode& node) : m_node(node) {}
+  RecordingPlayer::RecordingPlayer(RemoteNode& node)
+      : m_node(node)
+  {
+  }
 
   RecordingPlayer::~RecordingPlayer() = default;
 
@@ -101,7 +104,8 @@ namespace Plexa
         if (serializer && typeId == known.typeId) {
           BundleWriterCore writer(present);
           serializer(writer);
-          apply = present.size() != int(length) || std::memcmp(present.constData(), reader.data->constData() + start, length) != 0;
+          apply = present.size() != int(length) ||
+                  std::memcmp(present.constData(), reader.data->constData() + start, length) != 0;
         }
       }
       if (apply) {
@@ -134,7 +138,7 @@ namespace Plexa
         present = nullptr;
       }
       if (!present && !mayCreate(path)) {
-        m_known.erase(symbol);   // nothing of it is kept: the cap bounds this table too
+        m_known.erase(symbol); // nothing of it is kept: the cap bounds this table too
         return;
       }
       if (!present) {
@@ -189,7 +193,7 @@ namespace Plexa
       known.deserializer = std::move(deserializer);
       m_node.processPendingAdditions();
     } else {
-      m_known.erase(symbol);   // a path the node refused (logged by the node)
+      m_known.erase(symbol); // a path the node refused (logged by the node)
     }
   }
 

@@ -56,8 +56,8 @@ namespace Plexa
     int64_t createdCount() const { return m_created; }
 
     /// Plays the records up to (and including) `timeNs` into the player's node, starting at the
-    /// last snapshot at or before that time (a time before the first snapshot gives the first). Reads `recording` from its first record; the read
-    /// position ends behind the last record applied.
+    /// last snapshot at or before that time (a time before the first snapshot gives the first). Reads `recording` from
+    /// its first record; the read position ends behind the last record applied.
     void playUntil(Recording& recording, int64_t timeNs);
 
   private:

@@ -28,7 +28,7 @@ namespace
 
   struct Read
   {
-    std::vector<int64_t> ends;   // where each whole record ends
+    std::vector<int64_t> ends; // where each whole record ends
     bool opened = false;
     QString error;
   };
@@ -99,7 +99,7 @@ TEST(RecordingTest, EveryTypeChangeRemovalAndEventPlaysBackAndTheTreeAtEachTimeI
   recorder.recordEvent("big", large);
   recorder.close();
   EXPECT_TRUE(recorder.errorString().isEmpty());
-  EXPECT_EQ(recorder.valueCount(), 303u);   // 2 additions, 301 changes
+  EXPECT_EQ(recorder.valueCount(), 303u); // 2 additions, 301 changes
 
   // Played whole: the live tree at the end and both events.
   Recording recording;
@@ -107,10 +107,13 @@ TEST(RecordingTest, EveryTypeChangeRemovalAndEventPlaysBackAndTheTreeAtEachTimeI
   RemoteNode played(nullptr, "scene");
   RecordingPlayer player(played);
   std::vector<std::pair<QByteArray, QByteArray>> events;
-  player.setEventCallback([&](const QByteArray& name, Bastion::BinaryData& data) { events.push_back({name, data.toByteArray()}); });
+  player.setEventCallback([&](const QByteArray& name, Bastion::BinaryData& data) {
+    events.push_back({name, data.toByteArray()});
+  });
   // The periodic snapshots in between bring no news: the played tree changes as often as the live one.
   int changes = 0;
-  played.addAttributeChangeListener([&](const NodeWatcher::Event& e) { changes += e.type == NodeWatcher::AttributeChanged; });
+  played.addAttributeChangeListener(
+      [&](const NodeWatcher::Event& e) { changes += e.type == NodeWatcher::AttributeChanged; });
   Recording::Record record;
   int64_t largest = 0;
   while (recording.next(record)) {
@@ -121,7 +124,8 @@ TEST(RecordingTest, EveryTypeChangeRemovalAndEventPlaysBackAndTheTreeAtEachTimeI
   EXPECT_TRUE(recording.endedCleanly()) << recording.stopReason().toStdString();
   EXPECT_EQ(treeState(played), states.back().second);
   EXPECT_EQ(changes, 301);
-  EXPECT_EQ(events, (std::vector<std::pair<QByteArray, QByteArray>>{{"hello", small.toByteArray()}, {"big", large.toByteArray()}}));
+  EXPECT_EQ(events, (std::vector<std::pair<QByteArray, QByteArray>>{{"hello", small.toByteArray()},
+                                                                    {"big", large.toByteArray()}}));
   // The buffer stayed within its size plus one record (the events went through as one record each).
   EXPECT_LE(recorder.peakBufferBytes(), options.bufferBytes + std::max<int64_t>(largest, large.size() + 64));
 
@@ -174,7 +178,7 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
   Recording whole;
   const Read all = readAll(fileName, whole);
   ASSERT_TRUE(all.opened);
-  ASSERT_EQ(all.ends.size(), 7u);   // snapshot, 4 changes, event, end
+  ASSERT_EQ(all.ends.size(), 7u); // snapshot, 4 changes, event, end
   EXPECT_EQ(all.ends.back(), bytes.size());
   EXPECT_TRUE(whole.endedCleanly());
 
@@ -190,7 +194,7 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
     EXPECT_FALSE(recording.endedCleanly());
     const bool atBoundary = read.ends.back() == cut;
     EXPECT_TRUE(recording.stopReason().contains(atBoundary ? "without the end record" : "record cut at byte"))
-      << recording.stopReason().toStdString();
+        << recording.stopReason().toStdString();
   }
 
   // A changed byte in the third record: the first two are read, and the reader says why it stopped.
@@ -221,8 +225,9 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
       player.apply(record);
     EXPECT_EQ(player.createdCount(), 1);
     EXPECT_TRUE(treeState(capped).empty());
-    EXPECT_EQ(log.texts(), std::vector<QByteArray>{
-                             "RecordingPlayer # a/b not created: the recording has more than 1 attributes and nodes"});
+    EXPECT_EQ(log.texts(),
+              std::vector<QByteArray>{
+                  "RecordingPlayer # a/b not created: the recording has more than 1 attributes and nodes"});
   }
 
   // A full disk: the recorder says so and stops.
@@ -237,5 +242,6 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
   newer[8] = 2;
   ASSERT_TRUE(writeFile(cutName, newer));
   const Read read = readAll(cutName, recording);
-  EXPECT_TRUE(read.error.endsWith("recording format version 2, this program reads up to 1")) << read.error.toStdString();
+  EXPECT_TRUE(read.error.endsWith("recording format version 2, this program reads up to 1"))
+      << read.error.toStdString();
 }

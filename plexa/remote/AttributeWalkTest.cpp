@@ -125,7 +125,8 @@ TEST(AttributeWalkTest, AVeryDeepChainIsWalkedWithoutOverflowingTheStack)
   root.addAttribute("n", top);
 
   std::vector<QByteArray> names;
-  Plexa::walkAttributes(root, [&](Carafe::Attribute& a) { names.push_back(a.name()); }, nullptr);
+  Plexa::walkAttributes(
+      root, [&](Carafe::Attribute& a) { names.push_back(a.name()); }, nullptr);
   EXPECT_EQ(names, (std::vector<QByteArray>{"v", "mid"}));
 
   std::vector<QByteArray> paths;

@@ -29,8 +29,12 @@ namespace Plexa
     public:
       RemoteEventScope(std::atomic<const QByteArray*>& name, std::atomic<const Bastion::BinaryData*>& data,
                        const QByteArray* newName, const Bastion::BinaryData* newData)
-        : m_name(name), m_data(data), m_oldName(name.exchange(newName)), m_oldData(data.exchange(newData))
-      {}
+          : m_name(name)
+          , m_data(data)
+          , m_oldName(name.exchange(newName))
+          , m_oldData(data.exchange(newData))
+      {
+      }
       ~RemoteEventScope()
       {
         m_name.store(m_oldName);
@@ -47,13 +51,14 @@ namespace Plexa
     };
   }
 
-  RemoteNode::RemoteNode(Carafe::Node* host, const QByteArray& id) : Carafe::Node(host, id)
+  RemoteNode::RemoteNode(Carafe::Node* host, const QByteArray& id)
+      : Carafe::Node(host, id)
   {
     eventAddOut("initialized");
     eventAddOut("destroyed");
     setSyncFlags(QRegularExpression(QRegularExpression::anchoredPattern("(.*/)?id"),
                                     QRegularExpression::DotMatchesEverythingOption),
-               SyncFlags::None);
+                 SyncFlags::None);
     m_syncFlagSettings.back().idRule = true;
     m_watcher = std::make_unique<NodeWatcher>(m_registry, m_cache);
     m_watcher->addListener([this](const NodeWatcher::Event& e) { handleAttributeChange(e); });
@@ -81,7 +86,10 @@ namespace Plexa
       runListeners(symbol);
   }
 
-  void RemoteNode::processPendingAdditions() { m_watcher->update(); }
+  void RemoteNode::processPendingAdditions()
+  {
+    m_watcher->update();
+  }
 
   // ---------------------------------------------------------------------------------------------
   // Events
@@ -195,9 +203,18 @@ namespace Plexa
     return m_watcher->addListener(listener);
   }
 
-  void RemoteNode::removeAttributeChangeListener(long id) { m_watcher->removeListener(id); }
-  void RemoteNode::ignoreOne(const NodeWatcher::Event& event) { m_watcher->ignoreOne(event); }
-  void RemoteNode::stopIgnoring(const NodeWatcher::Event& event) { m_watcher->stopIgnoring(event); }
+  void RemoteNode::removeAttributeChangeListener(long id)
+  {
+    m_watcher->removeListener(id);
+  }
+  void RemoteNode::ignoreOne(const NodeWatcher::Event& event)
+  {
+    m_watcher->ignoreOne(event);
+  }
+  void RemoteNode::stopIgnoring(const NodeWatcher::Event& event)
+  {
+    m_watcher->stopIgnoring(event);
+  }
 
   void RemoteNode::handleAttributeChange(const NodeWatcher::Event& event)
   {
@@ -208,8 +225,8 @@ namespace Plexa
         // built-in id rule is the only one.
         QByteArray path;
         if (m_registry.lookup(event.symbol, path)) {
-          const bool onlyIdRule = m_pendingListeners.empty() && m_syncFlagSettings.size() == 1 &&
-                                  m_syncFlagSettings.front().idRule;
+          const bool onlyIdRule =
+              m_pendingListeners.empty() && m_syncFlagSettings.size() == 1 && m_syncFlagSettings.front().idRule;
           const QString text = onlyIdRule ? QString() : QString::fromUtf8(path);
           checkForPendingListeners(event.symbol, text);
           checkForSyncFlags(event.symbol, path, text);
@@ -377,5 +394,8 @@ namespace Plexa
     return node->addAttribute(name, attribute);
   }
 
-  bool RemoteNode::addNode(const QByteArray& path, Carafe::Node* node) { return addDeepAttribute(path, node); }
+  bool RemoteNode::addNode(const QByteArray& path, Carafe::Node* node)
+  {
+    return addDeepAttribute(path, node);
+  }
 }

@@ -27,7 +27,8 @@ namespace
     std::vector<Sent> sent;
     long id;
 
-    explicit Outbox(RemoteNode& n) : node(n)
+    explicit Outbox(RemoteNode& n)
+        : node(n)
     {
       id = node.addEventListener([this](const RemoteNode::Event& e) {
         QByteArray name;
@@ -202,7 +203,8 @@ TEST(RemoteNodeTest, PeerEventsWithTheNodesOwnNamesAreRefused)
   EXPECT_EQ(heard, 0);
   for (const QByteArray& name : reserved)
     EXPECT_EQ(log.countContaining("RemoteNode::handleRemoteEvent # Refused an event from the peer with the reserved "
-                                  "name '" + name + "'"),
+                                  "name '" +
+                                  name + "'"),
               2);
   EXPECT_EQ(node.pendingSlicedEvents(), 0);
 
@@ -219,8 +221,9 @@ TEST(RemoteNodeTest, PathListenersRunOncePerUpdate)
   Float* a = addFloat(*n, "a");
   addFloat(node, "top");
   std::vector<std::pair<QByteArray, Carafe::Attribute*>> calls;
-  node.onChangeImpl(RemoteNode::makeRegExp("n/*"),
-                    [&](Carafe::Attribute* attr) { calls.push_back({attr ? attr->name() : "null", attr}); });
+  node.onChangeImpl(RemoteNode::makeRegExp("n/*"), [&](Carafe::Attribute* attr) {
+    calls.push_back({attr ? attr->name() : "null", attr});
+  });
   EXPECT_TRUE(calls.empty()); // runs on the update pass
   node.update();
   ASSERT_EQ(calls.size(), 1u);
@@ -370,7 +373,7 @@ TEST(RemoteNodeTest, WatcherEventsReachTheAttributeChangeListeners)
   node->stopIgnoring({NodeWatcher::AttributeChanged, s});
   a->setValue(2.0f);
   EXPECT_EQ(seen, (std::vector<std::pair<int, QByteArray>>{{NodeWatcher::AttributeAdded, "a"},
-                                                             {NodeWatcher::AttributeChanged, "a"}}));
+                                                           {NodeWatcher::AttributeChanged, "a"}}));
 
   // Destruction says "destroyed" first, then reports the contents as removed.
   seen.clear();
@@ -382,7 +385,7 @@ TEST(RemoteNodeTest, WatcherEventsReachTheAttributeChangeListeners)
   node.reset();
   EXPECT_EQ(destroyed, 1);
   EXPECT_EQ(seen, (std::vector<std::pair<int, QByteArray>>{{NodeWatcher::AttributeRemoved, "a"},
-                                                             {NodeWatcher::NodeRemoved, ""}}));
+                                                           {NodeWatcher::NodeRemoved, ""}}));
 }
 
 TEST(RemoteNodeTest, EventsMayBeSentWhileListenersComeAndGo)

@@ -62,8 +62,7 @@ namespace Plexa
   {
     int32_t sliceId = 0, sliceSize = 0, total = 0;
     QByteArray name;
-    if (!data.readInt32(sliceId) || !data.readString(name) || !data.readInt32(sliceSize) ||
-        !data.readInt32(total)) {
+    if (!data.readInt32(sliceId) || !data.readString(name) || !data.readInt32(sliceSize) || !data.readInt32(total)) {
       Bastion::warning("RemoteNode::handleSlicedEvent # Dropping an event-slice-begin that cannot be read");
       return;
     }

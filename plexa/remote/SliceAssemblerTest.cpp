@@ -43,8 +43,7 @@ namespace
     return r;
   }
 
-  void begin(SliceAssembler& a, long sender, int32_t sliceId, const QByteArray& name, int32_t sliceSize,
-             int64_t total)
+  void begin(SliceAssembler& a, long sender, int32_t sliceId, const QByteArray& name, int32_t sliceSize, int64_t total)
   {
     BinaryData d = beginPayload(sliceId, name, sliceSize, total);
     a.begin(sender, d);

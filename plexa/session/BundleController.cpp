@@ -29,10 +29,10 @@ namespace Plexa
   }
 
   BundleController::BundleController(RemoteNode& node, const BundleControllerParams& params)
-    : m_node(node)
-    , m_params(params)
-    , m_core(std::make_shared<Core>(node, params))
-    , m_weakCore(m_core)
+      : m_node(node)
+      , m_params(params)
+      , m_core(std::make_shared<Core>(node, params))
+      , m_weakCore(m_core)
   {
     // The node may go before the controller: from then on the core must not touch it. The core
     // is only marked here (this may run in the middle of the core's own dispatch); the servicing

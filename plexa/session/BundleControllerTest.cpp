@@ -99,9 +99,8 @@ namespace
   std::map<QByteArray, QString> snapshot(RemoteNode& node)
   {
     std::map<QByteArray, QString> values;
-    walkAttributesWithPath(node, [&](Carafe::Attribute& attribute, const QByteArray& path) {
-      values[path] = attribute.asText();
-    });
+    walkAttributesWithPath(
+        node, [&](Carafe::Attribute& attribute, const QByteArray& path) { values[path] = attribute.asText(); });
     return values;
   }
 
@@ -508,8 +507,9 @@ TEST(BundleControllerTest, AFloodOfPathsStopsAtTheDefaultCapWithOneLineAndNothin
   Bastion::LogCapture log;
   controller->scheduleProcess({definitions.bundle(), records.bundle()});
   BundleController::update();
-  EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
-                           "SymbolRegistryReceiver::handleBundle # Symbol limit of 250000 reached; refusing new paths"}));
+  EXPECT_EQ(log.texts(),
+            (std::vector<QByteArray>{
+                "SymbolRegistryReceiver::handleBundle # Symbol limit of 250000 reached; refusing new paths"}));
   EXPECT_TRUE(controller->limitExceeded());
   EXPECT_EQ(controller->symbolRegistryRecv()->count(), BundleControllerParams::DefaultMaxSymbols);
   EXPECT_EQ(node.attributeCount(), 0);

@@ -13,8 +13,8 @@ namespace Plexa
       return false;
     if (m_recordLines++ < MaxRecordLogLines)
       return true;
-    Bastion::error("%s # %d bad records logged in this session (MaxRecordLogLines); further ones are not logged",
-                   who, MaxRecordLogLines);
+    Bastion::error("%s # %d bad records logged in this session (MaxRecordLogLines); further ones are not logged", who,
+                   MaxRecordLogLines);
     return false;
   }
 }

@@ -3,17 +3,13 @@
 namespace Plexa
 {
   BundleSender::BundleSender(const QByteArray& moduleName)
-    : m_moduleName(moduleName)
+      : m_moduleName(moduleName)
   {
   }
 
   BundleSender::~BundleSender() = default;
 
-  void BundleSender::prepareUpdates()
-  {
-  }
+  void BundleSender::prepareUpdates() {}
 
-  void BundleSender::initialize(BundleDispatcher&)
-  {
-  }
+  void BundleSender::initialize(BundleDispatcher&) {}
 }

@@ -27,8 +27,8 @@
 namespace Plexa
 {
   Core::Core()
-    : m_handshakeSender(std::make_shared<HandshakeSender>())
-    , m_handshakeReceiver(std::make_shared<HandshakeReceiver>())
+      : m_handshakeSender(std::make_shared<HandshakeSender>())
+      , m_handshakeReceiver(std::make_shared<HandshakeReceiver>())
   {
     m_senders.push_back(m_handshakeSender);
     m_receivers[HandshakeMessageType] = m_handshakeReceiver;
@@ -36,7 +36,7 @@ namespace Plexa
   }
 
   Core::Core(RemoteNode& node, const BundleControllerParams& params)
-    : Core()
+      : Core()
   {
     m_node = &node;
     m_params = std::make_unique<BundleControllerParams>(params);
@@ -72,8 +72,8 @@ namespace Plexa
     m_removeReceiver = std::make_shared<AttributeRemoveReceiver>(node, *m_storage, *m_changeSender);
     addReceiver(ModuleNames::AttributeRemove, m_removeReceiver);
 
-    m_newReceiver = std::make_shared<NewAttributeReceiver>(node, *m_storage, *m_receivedSymbols, *m_typeRegistry,
-                                                           *m_changeSender);
+    m_newReceiver =
+        std::make_shared<NewAttributeReceiver>(node, *m_storage, *m_receivedSymbols, *m_typeRegistry, *m_changeSender);
     m_newReceiver->setMaxCreated(params.maxCreatedNodes);
     m_newReceiver->setMaxTreeCreated(params.maxTreeCreatedNodes);
     addReceiver(ModuleNames::AttributeNew, m_newReceiver);
@@ -89,9 +89,7 @@ namespace Plexa
     m_updateReceiver->setDropStaleValues(params.dropStaleValues);
     BundleControllerParams::OneWayEventHandler handler = params.oneWayEventHandler;
     if (!handler) {
-      handler = [&node](const QByteArray& name, Bastion::BinaryData& data) {
-        node.handleRemoteEvent(name, data, 0);
-      };
+      handler = [&node](const QByteArray& name, Bastion::BinaryData& data) { node.handleRemoteEvent(name, data, 0); };
     }
     m_eventReceiver->setHandler(countingEventHandler(std::move(handler)));
     m_newReceiver->setCreateMissingAttributes(params.createMissingAttributes);
@@ -99,7 +97,8 @@ namespace Plexa
     m_params.reset();
   }
 
-  BundleControllerParams::OneWayEventHandler Core::countingEventHandler(BundleControllerParams::OneWayEventHandler handler)
+  BundleControllerParams::OneWayEventHandler
+  Core::countingEventHandler(BundleControllerParams::OneWayEventHandler handler)
   {
     return [this, handler = std::move(handler)](const QByteArray& name, Bastion::BinaryData& data) {
       if (name == "initialized")

@@ -40,7 +40,8 @@ namespace
   {
   public:
     FakeSender(const QByteArray& module, std::vector<QByteArray>* journal = nullptr)
-      : BundleSender(module), journal(journal)
+        : BundleSender(module)
+        , journal(journal)
     {
     }
     void prepareUpdates() override { note("prepare " + moduleName()); }
@@ -151,12 +152,12 @@ TEST(CoreTest, LoadModuleAnswersEveryOutcome)
   int created = 0;
   std::vector<QMap<QString, QString>> reloads;
   core.addModuleFactory(
-    "M",
-    [&](const QMap<QString, QString>&) {
-      ++created;
-      return std::make_shared<RecordingReceiver>();
-    },
-    [&](BundleReceiver&, const QMap<QString, QString>& p) { reloads.push_back(p); });
+      "M",
+      [&](const QMap<QString, QString>&) {
+        ++created;
+        return std::make_shared<RecordingReceiver>();
+      },
+      [&](BundleReceiver&, const QMap<QString, QString>& p) { reloads.push_back(p); });
   core.addModuleFactory("Throws", [](const QMap<QString, QString>&) -> std::shared_ptr<BundleReceiver> {
     throw std::invalid_argument("bad parameters");
   });
@@ -172,15 +173,15 @@ TEST(CoreTest, LoadModuleAnswersEveryOutcome)
   core.loadModule(7, "R", {});
   core.loadModule(0, "Corvanta.Plexa.Handshake", {});
   EXPECT_EQ(takeReplies(core), (std::vector<Reply>{
-                                 {"error", lm, "M", "Not implemented"},
-                                 {"ok", lm, "M", "Module loaded successfully"},
-                                 {"ok", lm, "M", "Module reloaded successfully"},
-                                 {"error", lm, "M", "Tried to reload module with different message type"},
-                                 {"error", lm, "R", "Message type already in use"},
-                                 {"error", lm, "Nope", "Module not found"},
-                                 {"error", lm, "Throws", "bad parameters"},
-                                 {"ok", lm, "R", "Module loaded successfully"},
-                                 {"ok", lm, "Corvanta.Plexa.Handshake", "Module reloaded successfully"},
+                                   {"error", lm, "M", "Not implemented"},
+                                   {"ok", lm, "M", "Module loaded successfully"},
+                                   {"ok", lm, "M", "Module reloaded successfully"},
+                                   {"error", lm, "M", "Tried to reload module with different message type"},
+                                   {"error", lm, "R", "Message type already in use"},
+                                   {"error", lm, "Nope", "Module not found"},
+                                   {"error", lm, "Throws", "bad parameters"},
+                                   {"ok", lm, "R", "Module loaded successfully"},
+                                   {"ok", lm, "Corvanta.Plexa.Handshake", "Module reloaded successfully"},
                                }));
   EXPECT_EQ(created, 1);
   ASSERT_EQ(reloads.size(), 1u);
@@ -198,8 +199,8 @@ TEST(CoreTest, ReloadFailureIsAnsweredWithItsText)
   Core core;
   core.collect();
   core.addModuleFactory(
-    "M", [](const QMap<QString, QString>&) { return std::make_shared<RecordingReceiver>(); },
-    [](BundleReceiver&, const QMap<QString, QString>&) { throw std::runtime_error("cannot reload"); });
+      "M", [](const QMap<QString, QString>&) { return std::make_shared<RecordingReceiver>(); },
+      [](BundleReceiver&, const QMap<QString, QString>&) { throw std::runtime_error("cannot reload"); });
   core.loadModule(2, "M", {});
   core.loadModule(2, "M", {});
   EXPECT_EQ(takeReplies(core), (std::vector<Reply>{{"ok", "load-module", "M", "Module loaded successfully"},
@@ -283,10 +284,10 @@ TEST(CoreTest, RefusedModuleIsLoggedOnceAndItsBundlesDropped)
   deliver(b, a);
   sender->words = {2};
   deliver(a, b);
-  EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
-                           "BundleDispatcher::dispatchBundle # Unknown bundle type 1",
-                           "HandshakeReceiver::handleBundle # error, command: load-module, module: "
-                           "Corvanta.Plexa.AttributeNew, additional info: description: Module not found"}));
+  EXPECT_EQ(log.texts(),
+            (std::vector<QByteArray>{"BundleDispatcher::dispatchBundle # Unknown bundle type 1",
+                                     "HandshakeReceiver::handleBundle # error, command: load-module, module: "
+                                     "Corvanta.Plexa.AttributeNew, additional info: description: Module not found"}));
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, log.texts().at(1)));
 }
 

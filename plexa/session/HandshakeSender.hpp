@@ -40,8 +40,7 @@ namespace Plexa
     uint32_t nextMessageType() const { return m_nextMessageType; }
 
   private:
-    void writeReply(const char* reply, const QString& command, const QString& moduleName,
-                    const QString& description);
+    void writeReply(const char* reply, const QString& command, const QString& moduleName, const QString& description);
     /// A string map on the wire: a 32-bit pair count, then key and value strings in key order.
     void writeMap(const QMap<QString, QString>& map);
 

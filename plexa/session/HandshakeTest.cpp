@@ -50,8 +50,8 @@ namespace
     return bundles;
   }
 
-  const Bytes InfoRecord = Bytes().record(
-    Bytes().str("info").word(2).str("application").str("Plexa").str("version").str("2.7.2"));
+  const Bytes InfoRecord =
+      Bytes().record(Bytes().str("info").word(2).str("application").str("Plexa").str("version").str("2.7.2"));
 }
 
 TEST(HandshakeTest, FirstBundleHoldsExactlyTheInfoRecord)
@@ -61,7 +61,7 @@ TEST(HandshakeTest, FirstBundleHoldsExactlyTheInfoRecord)
   const std::vector<Bundle> bundles = flush(sender, counter, 0);
   ASSERT_EQ(bundles.size(), 1u);
   const QByteArray expected =
-    Bytes().word(uint32_t(InfoRecord.data.size())).word(0).word(1).word(0).data + InfoRecord.data;
+      Bytes().word(uint32_t(InfoRecord.data.size())).word(0).word(1).word(0).data + InfoRecord.data;
   EXPECT_EQ(bundles[0].data(), expected);
   // Nothing new: the next pass emits nothing.
   EXPECT_TRUE(flush(sender, counter).empty());
@@ -77,10 +77,9 @@ TEST(HandshakeTest, LoadModuleAllocatesTypesInRequestOrder)
   EXPECT_EQ(sender.loadModule("Corvanta.Plexa.AttributeNew"), 2u);
   const std::vector<Bundle> bundles = flush(sender, counter, 7);
   ASSERT_EQ(bundles.size(), 1u);
-  const Bytes payload =
-    Bytes()
-      .record(Bytes().str("load-module").word(1).str("Corvanta.Plexa.SymbolRegistry").word(0))
-      .record(Bytes().str("load-module").word(2).str("Corvanta.Plexa.AttributeNew").word(0));
+  const Bytes payload = Bytes()
+                            .record(Bytes().str("load-module").word(1).str("Corvanta.Plexa.SymbolRegistry").word(0))
+                            .record(Bytes().str("load-module").word(2).str("Corvanta.Plexa.AttributeNew").word(0));
   EXPECT_EQ(bundles[0].data(), Bytes().word(uint32_t(payload.data.size())).word(0).word(2).word(7).data + payload.data);
   EXPECT_EQ(sender.nextMessageType(), 3u);
 }
@@ -95,9 +94,15 @@ TEST(HandshakeTest, RepliesCarryCommandModuleAndDescription)
   const std::vector<Bundle> bundles = flush(sender, counter);
   ASSERT_EQ(bundles.size(), 1u);
   const Bytes payload =
-    Bytes()
-      .record(Bytes().str("ok").str("load-module").str("M").word(1).str("description").str("Module loaded successfully"))
-      .record(Bytes().str("error").str("load-module").str("N").word(1).str("description").str("Module not found"));
+      Bytes()
+          .record(Bytes()
+                      .str("ok")
+                      .str("load-module")
+                      .str("M")
+                      .word(1)
+                      .str("description")
+                      .str("Module loaded successfully"))
+          .record(Bytes().str("error").str("load-module").str("N").word(1).str("description").str("Module not found"));
   EXPECT_EQ(bundles[0].data().mid(16), payload.data);
 }
 
@@ -106,10 +111,17 @@ TEST(HandshakeTest, ReceiverReadsInfoAndLogsErrorsWithTheirMap)
   Core core;
   Bastion::LogCapture log;
   const Bytes payload =
-    Bytes(InfoRecord)
-      .record(Bytes().str("error").str("load-module").str("Corvanta.Plexa.OneWayEvent").word(2).str("a").str("1").str(
-        "description").str("Module not found"))
-      .record(Bytes().str("ok").str("load-module").str("X").word(1).str("description").str("fine"));
+      Bytes(InfoRecord)
+          .record(Bytes()
+                      .str("error")
+                      .str("load-module")
+                      .str("Corvanta.Plexa.OneWayEvent")
+                      .word(2)
+                      .str("a")
+                      .str("1")
+                      .str("description")
+                      .str("Module not found"))
+          .record(Bytes().str("ok").str("load-module").str("X").word(1).str("description").str("fine"));
   core.dispatchBundle(BundleBytes(0).bytes(payload.data));
   EXPECT_EQ(core.handshakeReceiver().peerInfo().value("application"), "Plexa");
   EXPECT_EQ(core.handshakeReceiver().peerInfo().value("version"), "2.7.2");
@@ -123,35 +135,34 @@ TEST(HandshakeTest, UnknownCommandIsSkippedByItsLength)
 {
   Core core;
   Bastion::LogCapture log;
-  const Bytes payload =
-    Bytes()
-      .record(Bytes().str("frobnicate").word(1).word(2).word(3))
-      // Fields shorter than the record: the rest of the record is skipped too.
-      .record(Bytes().str("ok").str("load-module").str("X").word(0).word(0xdeadbeef))
-      .record(Bytes().str("error").str("c").str("m").word(0));
+  const Bytes payload = Bytes()
+                            .record(Bytes().str("frobnicate").word(1).word(2).word(3))
+                            // Fields shorter than the record: the rest of the record is skipped too.
+                            .record(Bytes().str("ok").str("load-module").str("X").word(0).word(0xdeadbeef))
+                            .record(Bytes().str("error").str("c").str("m").word(0));
   core.dispatchBundle(BundleBytes(0).bytes(payload.data));
   EXPECT_EQ(log.texts(), (std::vector<QByteArray>{
-                           "HandshakeReceiver::handleBundle # Unknown command 'frobnicate'",
-                           "HandshakeReceiver::handleBundle # error, command: c, module: m, additional info: "}));
+                             "HandshakeReceiver::handleBundle # Unknown command 'frobnicate'",
+                             "HandshakeReceiver::handleBundle # error, command: c, module: m, additional info: "}));
 }
 
 TEST(HandshakeTest, UnreadableRecordEndsTheBundleWithOneWarning)
 {
   const std::vector<Bytes> corrupt{
-    // Length word that would put the 32-bit position back at the record start.
-    Bytes().word(0xfffffffc).str("info").word(0),
-    Bytes().word(0xffffffff).str("info").word(0),
-    // Length running past the bundle.
-    Bytes().word(64).str("info").word(0),
-    // A map count far beyond the bytes.
-    Bytes().record(Bytes().str("info").word(0x7fffffff).str("k")),
-    // A string count far beyond the bytes, and one above the string limit.
-    Bytes().record(Bytes().word(0x40000000).word(0)),
-    Bytes().record(Bytes().word(0xffffffff).word(0)),
-    // Text with a zero byte.
-    Bytes().record(Bytes().word(3).word(0x00620061)),
-    // A lone length word short of four bytes.
-    Bytes{QByteArray(2, '\0')},
+      // Length word that would put the 32-bit position back at the record start.
+      Bytes().word(0xfffffffc).str("info").word(0),
+      Bytes().word(0xffffffff).str("info").word(0),
+      // Length running past the bundle.
+      Bytes().word(64).str("info").word(0),
+      // A map count far beyond the bytes.
+      Bytes().record(Bytes().str("info").word(0x7fffffff).str("k")),
+      // A string count far beyond the bytes, and one above the string limit.
+      Bytes().record(Bytes().word(0x40000000).word(0)),
+      Bytes().record(Bytes().word(0xffffffff).word(0)),
+      // Text with a zero byte.
+      Bytes().record(Bytes().word(3).word(0x00620061)),
+      // A lone length word short of four bytes.
+      Bytes{QByteArray(2, '\0')},
   };
   for (size_t i = 0; i < corrupt.size(); ++i) {
     Core core;
@@ -185,9 +196,8 @@ TEST(HandshakeTest, BitFlipsNeverHangOrThrow)
     Bundle flipped(original.data());
     flipped.data()[bit / 8] = char(flipped.data()[bit / 8] ^ (1 << (bit % 8)));
     Core core;
-    core.addModuleFactory("Corvanta.Plexa.AttributeNew", [](const QMap<QString, QString>&) {
-      return std::make_shared<HandshakeReceiver>();
-    });
+    core.addModuleFactory("Corvanta.Plexa.AttributeNew",
+                          [](const QMap<QString, QString>&) { return std::make_shared<HandshakeReceiver>(); });
     EXPECT_NO_THROW(core.dispatchBundle(flipped)) << bit;
   }
 }

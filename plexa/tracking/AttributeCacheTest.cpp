@@ -9,7 +9,10 @@ using Plexa::AttributeCache;
 namespace
 {
   // The cache only stores the pointers; it never dereferences them.
-  Carafe::Attribute* fakeAttribute(uintptr_t n) { return reinterpret_cast<Carafe::Attribute*>(n * 16); }
+  Carafe::Attribute* fakeAttribute(uintptr_t n)
+  {
+    return reinterpret_cast<Carafe::Attribute*>(n * 16);
+  }
 }
 
 TEST(AttributeCacheTest, OneSymbolMapsToOneAttribute)
@@ -42,7 +45,8 @@ TEST(AttributeCacheTest, RemovingAMissingSymbolFailsAndLogs)
   Bastion::LogCapture log;
   AttributeCache cache;
   EXPECT_FALSE(cache.remove(4000000000u));
-  EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "AttributeCache::remove # Trying to remove missing symbol: 4000000000"));
+  EXPECT_TRUE(
+      log.contains(Bastion::LogLevel::Error, "AttributeCache::remove # Trying to remove missing symbol: 4000000000"));
   ASSERT_TRUE(cache.add(3, fakeAttribute(3)));
   EXPECT_TRUE(cache.remove(3));
   log.clear();

@@ -16,7 +16,10 @@ namespace Plexa
 
     constexpr size_t MinIndexCells = 64;
 
-    size_t cellFor(uint32_t symbol, size_t mask) { return (symbol * 0x9E3779B1u) & mask; }
+    size_t cellFor(uint32_t symbol, size_t mask)
+    {
+      return (symbol * 0x9E3779B1u) & mask;
+    }
   }
 
   void AttributeChangeCompressor::resetIndex(size_t events)
@@ -76,8 +79,7 @@ namespace Plexa
     return uint32_t(m_states.size() - 1);
   }
 
-  void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& events,
-                                           std::vector<ChangeData>& out)
+  void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& events, std::vector<ChangeData>& out)
   {
     out.clear();
     m_scratch.clear();

@@ -79,17 +79,17 @@ TEST(AttributeChangeCompressorTest, ReducesEachSequenceOfOneSymbol)
     Changes expected;
   };
   const std::vector<Row> rows = {
-    {{}, {}},
-    {{{Changed, a}, {Changed, a}, {Changed, a}}, {{Changed, a, false}}},
-    {{{Added, a}, {Changed, a}, {Changed, a}}, {{Added, a, true}}},
-    {{{Added, a}}, {{Added, a, false}}},
-    {{{Added, a}, {Changed, a}, {Removed, a}}, {}},
-    {{{Changed, a}, {Removed, a}}, {{Removed, a, false}}},
-    {{{Removed, a}, {Added, a}}, {{Removed, a, false}, {Added, a, false}}},
-    {{{Removed, a}, {Added, a}, {Removed, a}}, {{Removed, a, false}}},
-    {{{Added, a}, {Removed, a}, {Added, a}}, {{Added, a, false}}},
-    {{{Added, a}, {Removed, a}, {Added, a}, {Removed, a}}, {}},
-    {{{Changed, a}, {Added, a}}, {{Changed, a, false}, {Added, a, false}}},
+      {{}, {}},
+      {{{Changed, a}, {Changed, a}, {Changed, a}}, {{Changed, a, false}}},
+      {{{Added, a}, {Changed, a}, {Changed, a}}, {{Added, a, true}}},
+      {{{Added, a}}, {{Added, a, false}}},
+      {{{Added, a}, {Changed, a}, {Removed, a}}, {}},
+      {{{Changed, a}, {Removed, a}}, {{Removed, a, false}}},
+      {{{Removed, a}, {Added, a}}, {{Removed, a, false}, {Added, a, false}}},
+      {{{Removed, a}, {Added, a}, {Removed, a}}, {{Removed, a, false}}},
+      {{{Added, a}, {Removed, a}, {Added, a}}, {{Added, a, false}}},
+      {{{Added, a}, {Removed, a}, {Added, a}, {Removed, a}}, {}},
+      {{{Changed, a}, {Added, a}}, {{Changed, a, false}, {Added, a, false}}},
   };
   for (size_t i = 0; i < rows.size(); ++i)
     EXPECT_EQ(compress(rows[i].in), rows[i].expected) << "row " << i;

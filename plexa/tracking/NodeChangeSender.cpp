@@ -13,7 +13,10 @@
 namespace Plexa
 {
   NodeChangeSender::NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types)
-    : BundleSender(ModuleNames::SymbolRegistry), m_node(node), m_storage(storage), m_types(types)
+      : BundleSender(ModuleNames::SymbolRegistry)
+      , m_node(node)
+      , m_storage(storage)
+      , m_types(types)
   {
     m_changeListener = m_node.addAttributeChangeListener([this](const NodeWatcher::Event& e) { onAttributeChange(e); });
     m_eventListener = m_node.addEventListener([this](const RemoteNode::Event& e) { onEvent(e); });
@@ -103,8 +106,7 @@ namespace Plexa
       Bastion::error("NodeChangeSender::onAttributeChange # Could not find a session attribute for the given change");
       return;
     }
-    if (session->removedByPeer &&
-        (e.type == NodeWatcher::AttributeRemoved || e.type == NodeWatcher::AttributeChanged))
+    if (session->removedByPeer && (e.type == NodeWatcher::AttributeRemoved || e.type == NodeWatcher::AttributeChanged))
       return;
     m_queue.push_back(e);
   }

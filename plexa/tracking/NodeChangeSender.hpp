@@ -38,7 +38,9 @@ namespace Plexa
     class IgnoreScope
     {
     public:
-      IgnoreScope(NodeChangeSender& sender, const NodeWatcher::Event& event) : m_sender(sender), m_event(event)
+      IgnoreScope(NodeChangeSender& sender, const NodeWatcher::Event& event)
+          : m_sender(sender)
+          , m_event(event)
       {
         m_sender.ignoreOne(m_event);
       }

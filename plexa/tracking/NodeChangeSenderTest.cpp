@@ -71,8 +71,8 @@ TEST(NodeChangeSenderTest, TheFirstPassAnnouncesTheTreeAndInitializedEvenWhenEmp
   SenderSide empty({});
   const uint32_t init = empty.node.symbolRegistry().lookupOrDefine("initialized");
   std::vector<QByteArray> expected = {
-    BundleBytes(SymbolType, 1).words({init}).blob("initialized"),
-    BundleBytes(EventType, 2).words({init, 0}),
+      BundleBytes(SymbolType, 1).words({init}).blob("initialized"),
+      BundleBytes(EventType, 2).words({init, 0}),
   };
   EXPECT_EQ(empty.pass(), expected);
   // Nothing happened since: nothing at all, "initialized" included.
@@ -82,9 +82,9 @@ TEST(NodeChangeSenderTest, TheFirstPassAnnouncesTheTreeAndInitializedEvenWhenEmp
   s.session->sender.sendInitialValues();
   const uint32_t b = s.symbol("b"), c = s.symbol("c"), i2 = s.node.symbolRegistry().lookupOrDefine("initialized");
   expected = {
-    BundleBytes(SymbolType, 1).words({b}).blob("b").words({c}).blob("c").words({i2}).blob("initialized"),
-    BundleBytes(NewType, 2).words({b, IntId, 4, 1, 1, c, IntId, 4, 1, 2}),
-    BundleBytes(EventType, 3).words({i2, 0}),
+      BundleBytes(SymbolType, 1).words({b}).blob("b").words({c}).blob("c").words({i2}).blob("initialized"),
+      BundleBytes(NewType, 2).words({b, IntId, 4, 1, 1, c, IntId, 4, 1, 2}),
+      BundleBytes(EventType, 3).words({i2, 0}),
   };
   EXPECT_EQ(s.pass(), expected);
   EXPECT_EQ(s.session->storage.findBySymbol(b)->lastSentSequence, 2u);
@@ -104,10 +104,10 @@ TEST(NodeChangeSenderTest, ConsecutiveChangesOfOneKindShareABundleAndSymbolsGoOn
   const uint32_t a = s.symbol("a"), b = s.symbol("b"), c = s.symbol("c"), d = s.symbol("d");
   s.node.removeAttribute("d");
   std::vector<QByteArray> expected = {
-    BundleBytes(SymbolType, 4).words({a}).blob("a"),
-    BundleBytes(NewType, 5).words({a, IntId, 4, 1, 4}),
-    BundleBytes(UpdateType, 6).words({b, 10, c, 20}),
-    BundleBytes(RemoveType, 7).words({d}),
+      BundleBytes(SymbolType, 4).words({a}).blob("a"),
+      BundleBytes(NewType, 5).words({a, IntId, 4, 1, 4}),
+      BundleBytes(UpdateType, 6).words({b, 10, c, 20}),
+      BundleBytes(RemoveType, 7).words({d}),
   };
   EXPECT_EQ(s.pass(), expected);
   EXPECT_EQ(s.session->storage.findBySymbol(d)->lastSentSequence, 0u);
@@ -120,10 +120,10 @@ TEST(NodeChangeSenderTest, ConsecutiveChangesOfOneKindShareABundleAndSymbolsGoOn
   s.ints["c"]->setValue(30);
   const uint32_t e = s.symbol("e");
   expected = {
-    BundleBytes(SymbolType, 8).words({e}).blob("e"),
-    BundleBytes(UpdateType, 9).words({a, 5}),
-    BundleBytes(NewType, 10).words({e, IntId, 4, 1, 6}),
-    BundleBytes(UpdateType, 11).words({c, 30}),
+      BundleBytes(SymbolType, 8).words({e}).blob("e"),
+      BundleBytes(UpdateType, 9).words({a, 5}),
+      BundleBytes(NewType, 10).words({e, IntId, 4, 1, 6}),
+      BundleBytes(UpdateType, 11).words({c, 30}),
   };
   EXPECT_EQ(s.pass(), expected);
 
@@ -147,9 +147,9 @@ TEST(NodeChangeSenderTest, EventPayloadsArePaddedAndUnpublishedOrNodeChangesNeve
   const uint32_t ev = s.node.symbolRegistry().lookupOrDefine("ev");
   s.session->sender.onEvent({ev, Bastion::BinaryData(QByteArray("hello"))});
   const std::vector<QByteArray> expected = {
-    BundleBytes(SymbolType, 4).words({ev}).blob("ev"),
-    BundleBytes(UpdateType, 5).words({s.symbol("shown"), 6}),
-    BundleBytes(EventType, 6).words({ev, 5, 0x6c6c6568, 0x6f}),
+      BundleBytes(SymbolType, 4).words({ev}).blob("ev"),
+      BundleBytes(UpdateType, 5).words({s.symbol("shown"), 6}),
+      BundleBytes(EventType, 6).words({ev, 5, 0x6c6c6568, 0x6f}),
   };
   EXPECT_EQ(s.pass(), expected);
 }
@@ -165,8 +165,8 @@ TEST(NodeChangeSenderTest, IgnoreRequestsAreUsedUpOnceAndReportedWhenDoubled)
   s.session->sender.ignoreOne(changed);
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Warning, "NodeChangeSender::ignoreOne # Called for an already ignored "
                                                        "symbol"));
-  s.ints["x"]->setValue(2);   // swallowed
-  s.ints["x"]->setValue(3);   // sent
+  s.ints["x"]->setValue(2); // swallowed
+  s.ints["x"]->setValue(3); // sent
   EXPECT_FALSE(s.session->sender.stopIgnoring(changed));
   const std::vector<QByteArray> expected = {BundleBytes(UpdateType, 4).words({s.symbol("x"), 3})};
   EXPECT_EQ(s.pass(), expected);
@@ -185,7 +185,8 @@ TEST(NodeChangeSenderTest, AnAttributeReplacedByOneThatCannotBeSerializedSendsNo
   s.node.addAttribute("x", unknown);
   Bastion::LogCapture log;
   EXPECT_EQ(s.pass(), std::vector<QByteArray>{BundleBytes(RemoveType, 4).words({x})});
-  EXPECT_TRUE(log.contains("NodeChangeSender::sendAdded # Found an attribute that we can't serialize at 'x'. Ignoring"));
+  EXPECT_TRUE(
+      log.contains("NodeChangeSender::sendAdded # Found an attribute that we can't serialize at 'x'. Ignoring"));
   const PlexaSessionAttribute* session = s.session->storage.findBySymbol(x);
   EXPECT_FALSE(session->serializer);
   EXPECT_EQ(session->typeId, 0u);

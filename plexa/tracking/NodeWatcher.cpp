@@ -79,8 +79,12 @@ namespace Plexa
       bool listenerRemoved = false;
 
       PendingAdded(uint32_t s, Carafe::Attribute* a, bool snd, long id)
-        : symbol(s), attribute(a), send(snd), listenerId(id)
-      {}
+          : symbol(s)
+          , attribute(a)
+          , send(snd)
+          , listenerId(id)
+      {
+      }
       ~PendingAdded() { removeListener(); }
       PendingAdded(const PendingAdded&) = delete;
       PendingAdded& operator=(const PendingAdded&) = delete;
@@ -106,7 +110,11 @@ namespace Plexa
   class NodeWatcher::D
   {
   public:
-    D(Bastion::SymbolRegistry& registry, AttributeCache& cache) : m_registry(registry), m_cache(cache) {}
+    D(Bastion::SymbolRegistry& registry, AttributeCache& cache)
+        : m_registry(registry)
+        , m_cache(cache)
+    {
+    }
     ~D()
     {
       // Do not keep this watcher's listeners (and what they capture) alive in this thread's cache.
@@ -139,8 +147,7 @@ namespace Plexa
     void addOne(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send, AddStack& stack);
     void attributeAdded(Carafe::Attribute* attribute, uint32_t symbol, bool send);
     void watchNode(Carafe::Node* node, const QByteArray& path, uint32_t symbol, bool send, AddStack& stack);
-    void aliasAdded(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol, bool send,
-                    AddStack& stack);
+    void aliasAdded(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol, bool send, AddStack& stack);
     uint32_t ensureCached(Carafe::Attribute* attribute, const QByteArray& path);
 
     void onChildAdded(Carafe::Node* node, const QByteArray& nodePath, Bastion::BinaryData& data);
@@ -268,7 +275,11 @@ namespace Plexa
     struct Depth
     {
       DispatchCache& cache;
-      explicit Depth(DispatchCache& c) : cache(c) { ++cache.depth; }
+      explicit Depth(DispatchCache& c)
+          : cache(c)
+      {
+        ++cache.depth;
+      }
       ~Depth()
       {
         if (--cache.depth == 0)
@@ -337,13 +348,12 @@ namespace Plexa
     nodeAdded(&root, QByteArray(), rootSymbol, send);
     Carafe::Node* rootPtr = &root;
     listen(
-      rootPtr,
-      rootSymbol,
-      [this, rootPtr, rootSymbol] {
-        nodeRemoved(rootPtr, QByteArray(), rootSymbol, true);
-        m_installed.erase({rootPtr, rootSymbol});
-      },
-      Carafe::Attribute::RoleDeleted);
+        rootPtr, rootSymbol,
+        [this, rootPtr, rootSymbol] {
+          nodeRemoved(rootPtr, QByteArray(), rootSymbol, true);
+          m_installed.erase({rootPtr, rootSymbol});
+        },
+        Carafe::Attribute::RoleDeleted);
   }
 
   void NodeWatcher::D::listen(Carafe::Attribute* object, uint32_t symbol, std::function<void()> callback, int role)
@@ -381,8 +391,7 @@ namespace Plexa
   // events come in the order a recursive walk would give: depth first, each node before its
   // children on addition and after them on removal.
 
-  void NodeWatcher::D::somethingAdded(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol,
-                                      bool send)
+  void NodeWatcher::D::somethingAdded(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send)
   {
     AddStack stack;
     addOne(attribute, path, symbol, send, stack);
@@ -423,7 +432,7 @@ namespace Plexa
   void NodeWatcher::D::attributeAdded(Carafe::Attribute* attribute, uint32_t symbol, bool send)
   {
     listen(
-      attribute, symbol, [this, symbol] { event(AttributeChanged, symbol); }, Carafe::Attribute::RoleChanged);
+        attribute, symbol, [this, symbol] { event(AttributeChanged, symbol); }, Carafe::Attribute::RoleChanged);
     if (send)
       event(AttributeAdded, symbol);
   }
@@ -454,8 +463,8 @@ namespace Plexa
     return symbol;
   }
 
-  void NodeWatcher::D::aliasAdded(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol,
-                                  bool send, AddStack& stack)
+  void NodeWatcher::D::aliasAdded(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol, bool send,
+                                  AddStack& stack)
   {
     Carafe::Attribute* target = finalTarget(alias);
     {
@@ -463,8 +472,8 @@ namespace Plexa
       m_aliases[alias] = target;
     }
     listen(
-      alias, symbol, [this, alias, path, symbol] { onAliasChanged(alias, path, symbol, true); },
-      Carafe::Attribute::RoleChanged);
+        alias, symbol, [this, alias, path, symbol] { onAliasChanged(alias, path, symbol, true); },
+        Carafe::Attribute::RoleChanged);
     if (auto* node = dynamic_cast<Carafe::Node*>(target))
       watchNode(node, path, symbol, send, stack);
     else if (target && send)
@@ -492,7 +501,7 @@ namespace Plexa
     // The temporary listener is registered directly on the attribute (not through the holder):
     // the record removes exactly this one listener when it is claimed or dropped.
     const long listenerId =
-      child->addListener([this, symbol] { processPendingAddedChanged(symbol); }, Carafe::Attribute::RoleChanged);
+        child->addListener([this, symbol] { processPendingAddedChanged(symbol); }, Carafe::Attribute::RoleChanged);
     auto record = std::make_shared<PendingAdded>(symbol, child, send, listenerId);
     std::lock_guard<std::mutex> lock(m_queueMutex);
     m_pending.push_back(std::move(record));
@@ -526,8 +535,8 @@ namespace Plexa
     // Only nodes and aliases need their path (for their children's); a plain attribute, by far
     // the most common addition, is described by its symbol alone.
     QByteArray path;
-    const bool needsPath =
-      dynamic_cast<Carafe::AttributeAlias*>(attribute) != nullptr || dynamic_cast<Carafe::Node*>(attribute) != nullptr;
+    const bool needsPath = dynamic_cast<Carafe::AttributeAlias*>(attribute) != nullptr ||
+                           dynamic_cast<Carafe::Node*>(attribute) != nullptr;
     if (needsPath && !m_registry.lookup(record.symbol, path))
       path.clear();
     somethingAdded(attribute, path, record.symbol, record.send);
@@ -631,8 +640,8 @@ namespace Plexa
     }
   }
 
-  void NodeWatcher::D::beginRemoval(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol,
-                                    bool send, RemoveStack& stack)
+  void NodeWatcher::D::beginRemoval(Carafe::Attribute* attribute, const QByteArray& path, uint32_t symbol, bool send,
+                                    RemoveStack& stack)
   {
     std::shared_ptr<PendingAdded> record = takePending(symbol);
     Carafe::Attribute* target = finalTarget(attribute);
@@ -673,8 +682,7 @@ namespace Plexa
       event(m_cache.isNode(symbol) ? NodeRemoved : AttributeRemoved, symbol);
   }
 
-  void NodeWatcher::D::onAliasChanged(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol,
-                                      bool send)
+  void NodeWatcher::D::onAliasChanged(Carafe::AttributeAlias* alias, const QByteArray& path, uint32_t symbol, bool send)
   {
     Carafe::Attribute* newTarget = finalTarget(alias);
     Carafe::Attribute* oldTarget = nullptr;
@@ -710,16 +718,38 @@ namespace Plexa
   // Public shell
 
   NodeWatcher::NodeWatcher(Bastion::SymbolRegistry& registry, AttributeCache& cache)
-    : d(std::make_unique<D>(registry, cache))
-  {}
+      : d(std::make_unique<D>(registry, cache))
+  {
+  }
 
   NodeWatcher::~NodeWatcher() = default;
 
-  void NodeWatcher::startWatching(Carafe::Node& root, bool send) { d->startWatching(root, send); }
-  void NodeWatcher::update() { d->update(); }
-  long NodeWatcher::addListener(const Listener& listener) { return d->addListener(listener); }
-  void NodeWatcher::removeListener(long id) { d->removeListener(id); }
-  void NodeWatcher::ignoreOne(const Event& event) { d->ignoreOne(event); }
-  void NodeWatcher::stopIgnoring(const Event& event) { d->stopIgnoring(event); }
-  bool NodeWatcher::isPendingUpdate(uint32_t symbol) const { return d->isPendingUpdate(symbol); }
+  void NodeWatcher::startWatching(Carafe::Node& root, bool send)
+  {
+    d->startWatching(root, send);
+  }
+  void NodeWatcher::update()
+  {
+    d->update();
+  }
+  long NodeWatcher::addListener(const Listener& listener)
+  {
+    return d->addListener(listener);
+  }
+  void NodeWatcher::removeListener(long id)
+  {
+    d->removeListener(id);
+  }
+  void NodeWatcher::ignoreOne(const Event& event)
+  {
+    d->ignoreOne(event);
+  }
+  void NodeWatcher::stopIgnoring(const Event& event)
+  {
+    d->stopIgnoring(event);
+  }
+  bool NodeWatcher::isPendingUpdate(uint32_t symbol) const
+  {
+    return d->isPendingUpdate(symbol);
+  }
 }

@@ -58,7 +58,11 @@ namespace Plexa
     class IgnoreGuard
     {
     public:
-      IgnoreGuard(NodeWatcher& watcher, const Event& event) : m_watcher(watcher), m_event(event) {}
+      IgnoreGuard(NodeWatcher& watcher, const Event& event)
+          : m_watcher(watcher)
+          , m_event(event)
+      {
+      }
       ~IgnoreGuard() { m_watcher.stopIgnoring(m_event); }
       IgnoreGuard(const IgnoreGuard&) = delete;
       IgnoreGuard& operator=(const IgnoreGuard&) = delete;

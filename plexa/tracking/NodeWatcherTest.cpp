@@ -45,7 +45,8 @@ namespace
     std::unique_ptr<NodeWatcher> watcher;
     std::vector<std::string> events;
 
-    Fixture() : watcher(std::make_unique<NodeWatcher>(registry, cache))
+    Fixture()
+        : watcher(std::make_unique<NodeWatcher>(registry, cache))
     {
       watcher->addListener([this](const NodeWatcher::Event& e) { events.push_back(describe(e)); });
     }
@@ -240,7 +241,8 @@ TEST(NodeWatcherTest, IgnoreRequestsAreUsedUpOnce)
   Bastion::LogCapture log;
   f.watcher->ignoreOne(changed);
   f.watcher->ignoreOne(changed);
-  EXPECT_EQ(log.texts(), std::vector<QByteArray>{"NodeWatcher # called ignoreOne for an event that is already ignored"});
+  EXPECT_EQ(log.texts(),
+            std::vector<QByteArray>{"NodeWatcher # called ignoreOne for an event that is already ignored"});
   a->setValue(1.0f);
   a->setValue(2.0f);
   EXPECT_EQ(f.take(), (Strings{"AttributeChanged a"}));
@@ -343,9 +345,8 @@ TEST(NodeWatcherTest, ListenersMayChangeTheTableWhileCalled)
   f.watcher->startWatching(f.root, false);
   int late = 0, once = 0;
   long onceId = -1;
-  long adder = f.watcher->addListener([&](const NodeWatcher::Event&) {
-    f.watcher->addListener([&](const NodeWatcher::Event&) { ++late; });
-  });
+  long adder = f.watcher->addListener(
+      [&](const NodeWatcher::Event&) { f.watcher->addListener([&](const NodeWatcher::Event&) { ++late; }); });
   onceId = f.watcher->addListener([&](const NodeWatcher::Event&) {
     ++once;
     f.watcher->removeListener(onceId);

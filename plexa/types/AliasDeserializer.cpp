@@ -12,10 +12,10 @@
 namespace Plexa
 {
   AliasDeserializer::AliasDeserializer(DeserializerFactory factory, Carafe::AttributeAlias* alias, uint32_t size)
-    : m_factory(std::move(factory))
-    , m_alias(alias)
-    , m_aliasName(alias ? alias->name() : QByteArray())
-    , m_size(size)
+      : m_factory(std::move(factory))
+      , m_alias(alias)
+      , m_aliasName(alias ? alias->name() : QByteArray())
+      , m_size(size)
   {
     if (!m_alias)
       return;

@@ -8,7 +8,6 @@
 // every other warning still counts.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Warray-bounds"
-#include "carafe/ValueLayers.hpp"
 #include "carafe/Attribute.hpp"
 #include "carafe/AttributeAlias.hpp"
 #include "carafe/AttributeAsset.hpp"
@@ -17,4 +16,5 @@
 #include "carafe/AttributeGrid.hpp"
 #include "carafe/AttributeSpline.hpp"
 #include "carafe/AttributeT.hpp"
+#include "carafe/ValueLayers.hpp"
 #pragma GCC diagnostic pop

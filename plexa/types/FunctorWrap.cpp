@@ -7,7 +7,7 @@
 namespace Plexa
 {
   FunctorWrap::FunctorWrap(std::shared_ptr<AliasDeserializer> aliasDeserializer)
-    : m_aliasDeserializer(std::move(aliasDeserializer))
+      : m_aliasDeserializer(std::move(aliasDeserializer))
   {
   }
 

@@ -91,31 +91,31 @@ namespace Plexa
   void TypeRegistry::initStringTypes()
   {
     registerDynamicSizeAttributeContainer<std::vector<QString>, QString>(
-      44, [](const QString& s, BundleWriterCore& writer) { writer.writeString(s); },
-      [](BundleReaderCore& reader) { return reader.readCountedString(); });
+        44, [](const QString& s, BundleWriterCore& writer) { writer.writeString(s); },
+        [](BundleReaderCore& reader) { return reader.readCountedString(); });
     setVariantSerializer(44, writeStringListVariant);
     setVariantDeserializer(44, readStringListVariant);
 
     using StringAttribute = Carafe::AttributeT<QString>;
     registerDynamicSizeType<StringAttribute>(
-      35,
-      [](StringAttribute* a) -> Serializer {
-        return [a](BundleWriterCore& writer) { writer.writeString(a->value()); };
-      },
-      [](StringAttribute* a) -> Deserializer {
-        return [a](BundleReaderCore& reader) { a->setValue(reader.readCountedString(), Received); };
-      });
+        35,
+        [](StringAttribute* a) -> Serializer {
+          return [a](BundleWriterCore& writer) { writer.writeString(a->value()); };
+        },
+        [](StringAttribute* a) -> Deserializer {
+          return [a](BundleReaderCore& reader) { a->setValue(reader.readCountedString(), Received); };
+        });
     setVariantSerializer(35, writeStringVariant);
     setVariantDeserializer(35, readStringVariant);
 
     registerDynamicSizeType<Carafe::AttributeAsset>(
-      51,
-      [](Carafe::AttributeAsset* a) -> Serializer {
-        return [a](BundleWriterCore& writer) { writer.writeString(a->source()); };
-      },
-      [](Carafe::AttributeAsset* a) -> Deserializer {
-        return [a](BundleReaderCore& reader) { a->setSource(reader.readCountedString(), Received); };
-      });
+        51,
+        [](Carafe::AttributeAsset* a) -> Serializer {
+          return [a](BundleWriterCore& writer) { writer.writeString(a->source()); };
+        },
+        [](Carafe::AttributeAsset* a) -> Deserializer {
+          return [a](BundleReaderCore& reader) { a->setSource(reader.readCountedString(), Received); };
+        });
     setVariantSerializer(51, writeStringVariant);
     setVariantDeserializer(51, readStringVariant);
   }
@@ -124,17 +124,17 @@ namespace Plexa
   {
     using ListAttribute = Carafe::AttributeT<QStringList>;
     registerDynamicSizeType<ListAttribute>(
-      36,
-      [](ListAttribute* a) -> Serializer {
-        return [a](BundleWriterCore& writer) { ValueCodec::writeStringBlock(writer, a->value()); };
-      },
-      [](ListAttribute* a) -> Deserializer {
-        return [a](BundleReaderCore& reader) {
-          QStringList list;
-          ValueCodec::readStringBlock(reader, list);
-          a->setValue(list, Received);
-        };
-      });
+        36,
+        [](ListAttribute* a) -> Serializer {
+          return [a](BundleWriterCore& writer) { ValueCodec::writeStringBlock(writer, a->value()); };
+        },
+        [](ListAttribute* a) -> Deserializer {
+          return [a](BundleReaderCore& reader) {
+            QStringList list;
+            ValueCodec::readStringBlock(reader, list);
+            a->setValue(list, Received);
+          };
+        });
     setVariantSerializer(36, writeStringListVariant);
     setVariantDeserializer(36, readStringListVariant);
   }
@@ -143,21 +143,21 @@ namespace Plexa
   {
     using GridAttribute = Carafe::AttributeGrid<unsigned char>;
     registerDynamicSizeType<GridAttribute>(
-      45,
-      [](GridAttribute* a) -> Serializer {
-        return [a](BundleWriterCore& writer) { ValueCodec::writeGrid(writer, a->value()); };
-      },
-      [](GridAttribute* a) -> Deserializer {
-        // Decoded aside first: a grid cut short, forged or too large to allocate throws and
-        // leaves the attribute as it was. Then moved onto the received layer (no copy of a
-        // possibly large grid) and the listeners hear of it.
-        return [a](BundleReaderCore& reader) {
-          Bastion::MemGrid8u grid;
-          ValueCodec::readGrid(reader, grid);
-          a->grid(Received) = std::move(grid);
-          a->notifyChanged();
-        };
-      });
+        45,
+        [](GridAttribute* a) -> Serializer {
+          return [a](BundleWriterCore& writer) { ValueCodec::writeGrid(writer, a->value()); };
+        },
+        [](GridAttribute* a) -> Deserializer {
+          // Decoded aside first: a grid cut short, forged or too large to allocate throws and
+          // leaves the attribute as it was. Then moved onto the received layer (no copy of a
+          // possibly large grid) and the listeners hear of it.
+          return [a](BundleReaderCore& reader) {
+            Bastion::MemGrid8u grid;
+            ValueCodec::readGrid(reader, grid);
+            a->grid(Received) = std::move(grid);
+            a->notifyChanged();
+          };
+        });
     setVariantSerializer(45, [](BundleWriterCore& writer, const QVariant& variant) {
       ValueCodec::writeGrid(writer, ValueCodec::fromVariant<Bastion::MemGrid8u>(variant, "Bastion::MemGrid8u"));
     });
@@ -172,20 +172,20 @@ namespace Plexa
   {
     using Carafe::AttributeSpline;
     registerDynamicSizeType<AttributeSpline>(
-      46,
-      [](AttributeSpline* a) -> Serializer {
-        return [a](BundleWriterCore& writer) {
-          const std::vector<Quiver::Vector2f>& points = a->points();
-          ValueCodec::writeVector(writer, points.data(), points.size());
-        };
-      },
-      [](AttributeSpline* a) -> Deserializer {
-        return [a](BundleReaderCore& reader) {
-          std::vector<Quiver::Vector2f> points;
-          ValueCodec::readVector(reader, points);
-          a->setPoints(points, Received);
-        };
-      });
+        46,
+        [](AttributeSpline* a) -> Serializer {
+          return [a](BundleWriterCore& writer) {
+            const std::vector<Quiver::Vector2f>& points = a->points();
+            ValueCodec::writeVector(writer, points.data(), points.size());
+          };
+        },
+        [](AttributeSpline* a) -> Deserializer {
+          return [a](BundleReaderCore& reader) {
+            std::vector<Quiver::Vector2f> points;
+            ValueCodec::readVector(reader, points);
+            a->setPoints(points, Received);
+          };
+        });
     // Same wire form and variant type as the 2-vector container.
     setVariantSerializer(46, variantSerializers[41]);
     setVariantDeserializer(46, variantDeserializers[41]);

@@ -87,7 +87,8 @@ namespace Plexa
     /// length-prefixed block, read back until the block's end. The variant functions are left to
     /// the caller.
     template <typename C, typename E>
-    void registerDynamicSizeAttributeContainer(uint32_t id, const std::function<void(const E&, BundleWriterCore&)>& writeElement,
+    void registerDynamicSizeAttributeContainer(uint32_t id,
+                                               const std::function<void(const E&, BundleWriterCore&)>& writeElement,
                                                const std::function<E(BundleReaderCore&)>& readElement);
 
   private:
@@ -142,15 +143,15 @@ namespace Plexa
     using T = typename A::ValueType;
     static_assert(std::is_trivially_copyable<T>::value, "simple types travel as their raw bytes");
     registerClass<A>(
-      id, uint32_t(sizeof(T)),
-      [](A* attribute) -> Serializer {
-        return [attribute](BundleWriterCore& writer) { ValueCodec::writeRaw(writer, attribute->value()); };
-      },
-      [](A* attribute) -> Deserializer {
-        return [attribute](BundleReaderCore& reader) {
-          attribute->setValue(ValueCodec::readRaw<T>(reader), Carafe::Attribute::LayerReceived);
-        };
-      });
+        id, uint32_t(sizeof(T)),
+        [](A* attribute) -> Serializer {
+          return [attribute](BundleWriterCore& writer) { ValueCodec::writeRaw(writer, attribute->value()); };
+        },
+        [](A* attribute) -> Deserializer {
+          return [attribute](BundleReaderCore& reader) {
+            attribute->setValue(ValueCodec::readRaw<T>(reader), Carafe::Attribute::LayerReceived);
+          };
+        });
     variantSerializers[id] = [](BundleWriterCore& writer, const QVariant& variant) {
       ValueCodec::writeRaw(writer, ValueCodec::fromVariant<T>(variant));
     };
@@ -165,23 +166,23 @@ namespace Plexa
     using A = Carafe::AttributeContainer<C>;
     using E = typename C::value_type;
     registerClass<A>(
-      id, 0,
-      [](A* attribute) -> Serializer {
-        return [attribute](BundleWriterCore& writer) {
-          const C& value = attribute->value();
-          ValueCodec::writeVector(writer, value.data(), value.size());
-        };
-      },
-      [](A* attribute) -> Deserializer {
-        return [attribute](BundleReaderCore& reader) {
-          C value;
-          ValueCodec::readVector(reader, value);
-          attribute->setValue(value, Carafe::Attribute::LayerReceived);
-        };
-      });
+        id, 0,
+        [](A* attribute) -> Serializer {
+          return [attribute](BundleWriterCore& writer) {
+            const C& value = attribute->value();
+            ValueCodec::writeVector(writer, value.data(), value.size());
+          };
+        },
+        [](A* attribute) -> Deserializer {
+          return [attribute](BundleReaderCore& reader) {
+            C value;
+            ValueCodec::readVector(reader, value);
+            attribute->setValue(value, Carafe::Attribute::LayerReceived);
+          };
+        });
     variantSerializers[id] = [](BundleWriterCore& writer, const QVariant& variant) {
       const QVector<E> value =
-        ValueCodec::fromVariant<QVector<E>>(variant, QMetaType::typeName(qMetaTypeId<QVector<E>>()));
+          ValueCodec::fromVariant<QVector<E>>(variant, QMetaType::typeName(qMetaTypeId<QVector<E>>()));
       ValueCodec::writeVector(writer, value.constData(), size_t(value.size()));
     };
     variantDeserializers[id] = [](BundleReaderCore& reader) {
@@ -199,27 +200,27 @@ namespace Plexa
   }
 
   template <typename C, typename E>
-  void TypeRegistry::registerDynamicSizeAttributeContainer(uint32_t id,
-                                                           const std::function<void(const E&, BundleWriterCore&)>& writeElement,
-                                                           const std::function<E(BundleReaderCore&)>& readElement)
+  void TypeRegistry::registerDynamicSizeAttributeContainer(
+      uint32_t id, const std::function<void(const E&, BundleWriterCore&)>& writeElement,
+      const std::function<E(BundleReaderCore&)>& readElement)
   {
     using A = Carafe::AttributeContainer<C>;
     registerClass<A>(
-      id, 0,
-      [writeElement](A* attribute) -> Serializer {
-        return [attribute, writeElement](BundleWriterCore& writer) {
-          const uint32_t at = writer.beginBlock();
-          for (const E& element : attribute->value())
-            writeElement(element, writer);
-          writer.endBlock(at);
-        };
-      },
-      [readElement](A* attribute) -> Deserializer {
-        return [attribute, readElement](BundleReaderCore& reader) {
-          C value;
-          ValueCodec::readBlock(reader, [&] { value.push_back(readElement(reader)); });
-          attribute->setValue(value, Carafe::Attribute::LayerReceived);
-        };
-      });
+        id, 0,
+        [writeElement](A* attribute) -> Serializer {
+          return [attribute, writeElement](BundleWriterCore& writer) {
+            const uint32_t at = writer.beginBlock();
+            for (const E& element : attribute->value())
+              writeElement(element, writer);
+            writer.endBlock(at);
+          };
+        },
+        [readElement](A* attribute) -> Deserializer {
+          return [attribute, readElement](BundleReaderCore& reader) {
+            C value;
+            ValueCodec::readBlock(reader, [&] { value.push_back(readElement(reader)); });
+            attribute->setValue(value, Carafe::Attribute::LayerReceived);
+          };
+        });
   }
 }

@@ -75,8 +75,8 @@ namespace
 TEST(TypeRegistry, RegistersExactlyTheProtocolIds)
 {
   TypeRegistry registry;
-  const std::vector<uint32_t> expected = {1,  2,  3,  4,  9,  10, 11, 12, 13, 14, 15, 16, 17, 19, 20, 22, 23,
-                                          26, 29, 32, 34, 35, 36, 40, 41, 42, 43, 44, 45, 46, 47, 48, 49, 50, 51, 52};
+  const std::vector<uint32_t> expected = {1,  2,  3,  4,  9,  10, 11, 12, 13, 14, 15, 16, 17, 19, 20, 22, 23, 26,
+                                          29, 32, 34, 35, 36, 40, 41, 42, 43, 44, 45, 46, 47, 48, 49, 50, 51, 52};
   EXPECT_EQ(registry.registeredTypeIds(), expected);
 
   Bastion::LogCapture log;
@@ -89,8 +89,9 @@ TEST(TypeRegistry, RegistersExactlyTheProtocolIds)
     log.clear();
     EXPECT_FALSE(bool(registry.createDeserializer(id, &attribute)));
     ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_TRUE(log.contains(Bastion::LogLevel::Error,
-                             "Plexa TypeRegistry - cound not find deserializer factory for type " + QByteArray::number(id)));
+    EXPECT_TRUE(
+        log.contains(Bastion::LogLevel::Error,
+                     "Plexa TypeRegistry - cound not find deserializer factory for type " + QByteArray::number(id)));
   }
 }
 
@@ -156,8 +157,7 @@ TEST(TypeRegistry, GoldenBytesOfTheDocumentedExamples)
 
   Carafe::AttributeT<QStringList> list;
   list.setValue({QStringLiteral("a"), QStringLiteral("bc")});
-  EXPECT_EQ(serialize(registry, &list),
-            bytes({16, 0, 0, 0, 1, 0, 0, 0, 'a', 0, 0, 0, 2, 0, 0, 0, 'b', 'c', 0, 0}));
+  EXPECT_EQ(serialize(registry, &list), bytes({16, 0, 0, 0, 1, 0, 0, 0, 'a', 0, 0, 0, 2, 0, 0, 0, 'b', 'c', 0, 0}));
   Carafe::AttributeContainer<std::vector<QString>> strings;
   strings.setValue({QStringLiteral("a"), QStringLiteral("bc")});
   EXPECT_EQ(serialize(registry, &strings), serialize(registry, &list));
@@ -341,7 +341,9 @@ TEST(TypeRegistry, UntargetedAliasReplaysOnlyTheLastValueOnce)
     EXPECT_EQ(reader.position, 4u);
   }
   EXPECT_EQ(alias->cached(), floatWire(2.f));
-  EXPECT_EQ(log.countContaining("AliasDeserializer for 'mirror' called but alias does not have a target. Will cache the value"), 2);
+  EXPECT_EQ(log.countContaining(
+                "AliasDeserializer for 'mirror' called but alias does not have a target. Will cache the value"),
+            2);
 
   Carafe::AttributeT<float> target;
   CountingListener listener(target);
@@ -410,8 +412,9 @@ TEST(TypeRegistry, AliasDeserializerForgetsADeletedAlias)
   BundleReaderCore reader(wire, 0);
   deserializer(reader);
   EXPECT_EQ(alias->cached(), wire);
-  EXPECT_TRUE(log.contains(Bastion::LogLevel::Info,
-                           "AliasDeserializer for 'mirror' called but alias does not have a target. Will cache the value"));
+  EXPECT_TRUE(
+      log.contains(Bastion::LogLevel::Info,
+                   "AliasDeserializer for 'mirror' called but alias does not have a target. Will cache the value"));
   deserializer = nullptr; // the destructor must not reach for the deleted alias (ASan watches)
 }
 
@@ -466,19 +469,18 @@ TEST(TypeRegistry, VariantConversionsAndTheirErrors)
   // Once used, the value types are known to Qt by their names.
   const std::map<uint32_t, QVariant> samples = Plexa::TypeSamples::sampleValues();
   const std::map<uint32_t, const char*> names = {
-    {2, "Bastion::Color"}, {48, "Bastion::ColorPMA"}, {17, "Quiver::Vector2f"}, {45, "Bastion::MemGrid8u"}};
+      {2, "Bastion::Color"}, {48, "Bastion::ColorPMA"}, {17, "Quiver::Vector2f"}, {45, "Bastion::MemGrid8u"}};
   for (const auto& entry : names) {
     const QByteArray wire = variantBytes(registry, entry.first, samples.at(entry.first));
     BundleReaderCore reader(wire, 0);
     EXPECT_EQ(registry.createVariantDeserializer(entry.first)(reader).userType(), QMetaType::type(entry.second))
-      << entry.second;
+        << entry.second;
     EXPECT_NE(QMetaType::type(entry.second), int(QMetaType::UnknownType)) << entry.second;
   }
 
   // The registry can be extended after construction.
-  registry.setVariantSerializer(1000, [](BundleWriterCore& writer, const QVariant& v) {
-    writer.writeValue(uint32_t(v.toUInt() * 2));
-  });
+  registry.setVariantSerializer(
+      1000, [](BundleWriterCore& writer, const QVariant& v) { writer.writeValue(uint32_t(v.toUInt() * 2)); });
   EXPECT_EQ(variantBytes(registry, 1000, QVariant(21)), bytes({42, 0, 0, 0}));
   registry.setVariantDeserializer(3, [](BundleReaderCore&) { return QVariant(QStringLiteral("replaced")); });
   const QByteArray wire = floatWire(1.f);

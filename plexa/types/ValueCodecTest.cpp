@@ -1,9 +1,9 @@
 #include "plexa/types/ValueCodec.hpp"
 #include "plexa/bundle/WireBytesTest.hpp"
 
-#include "plexa/types/TypeRegistry.hpp"
-#include "plexa/types/FunctorWrap.hpp"
 #include "plexa/types/AliasDeserializer.hpp"
+#include "plexa/types/FunctorWrap.hpp"
+#include "plexa/types/TypeRegistry.hpp"
 #include "plexa/types/TypeSamplesTest.hpp"
 
 #include "bastion/LogCapture.hpp"
@@ -43,7 +43,8 @@ namespace
   }
 
   /// Runs the attribute deserializer of `id` over `wire` into a fresh attribute; returns what it threw.
-  std::string decodeInto(const TypeRegistry& registry, uint32_t id, const QByteArray& wire, uint32_t* position = nullptr)
+  std::string decodeInto(const TypeRegistry& registry, uint32_t id, const QByteArray& wire,
+                         uint32_t* position = nullptr)
   {
     std::unique_ptr<Carafe::Attribute> attribute(registry.createAttribute(id));
     const Plexa::Deserializer deserializer = registry.createDeserializer(id, attribute.get());
@@ -259,8 +260,7 @@ TEST(ValueCodec, BitFlipsOnlyEverThrowTheDocumentedExceptions)
       }
       uint32_t position = 0;
       const std::string thrown = decodeInto(registry, id, flipped, &position);
-      EXPECT_TRUE(thrown == "(nothing thrown)" || thrown.rfind("out_of_range: ", 0) == 0)
-        << id << ": " << thrown;
+      EXPECT_TRUE(thrown == "(nothing thrown)" || thrown.rfind("out_of_range: ", 0) == 0) << id << ": " << thrown;
       EXPECT_LE(position, uint32_t(flipped.size()) + 3);
     }
   }

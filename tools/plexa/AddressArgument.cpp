@@ -11,8 +11,8 @@ namespace Plexa
       const auto fail = [&](const QString& why) {
         if (error)
           *error = QString("malformed address '%1': %2 (expected HOST:PORT, e.g. 127.0.0.1:%3)")
-                     .arg(text, why)
-                     .arg(DefaultPort);
+                       .arg(text, why)
+                       .arg(DefaultPort);
         return false;
       };
 

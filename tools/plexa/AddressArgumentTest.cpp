@@ -34,26 +34,26 @@ TEST(AddressArgument, HostsAndPortsAreTakenApart)
 TEST(AddressArgument, MalformedAddressesSayWhatIsMissing)
 {
   const std::vector<std::pair<const char*, const char*>> cases = {
-    {"localhost", "missing ':PORT'"},
-    {":5000", "missing host"},
-    {"host:", "port '' is not a number from 1 to 65535"},
-    {"host:http", "port 'http' is not a number from 1 to 65535"},
-    {"host:65536", "port '65536' is not a number from 1 to 65535"},
-    {"host:-1", "port '-1' is not a number from 1 to 65535"},
-    {"host:+80", "port '+80' is not a number from 1 to 65535"},
-    {"host:0", "port 0 is only for listening"},
-    {"::1:80", "put an IPv6 address in brackets, e.g. [::1]:5000"},
-    {"[::1]80", "missing ':PORT' after ']'"},
-    {"[::1:80", "missing ']' after the IPv6 address"},
-    {"[host]:80", "brackets are for IPv6 addresses"},
-    {"two words:80", "'two words' is not a host name or address"},
+      {"localhost", "missing ':PORT'"},
+      {":5000", "missing host"},
+      {"host:", "port '' is not a number from 1 to 65535"},
+      {"host:http", "port 'http' is not a number from 1 to 65535"},
+      {"host:65536", "port '65536' is not a number from 1 to 65535"},
+      {"host:-1", "port '-1' is not a number from 1 to 65535"},
+      {"host:+80", "port '+80' is not a number from 1 to 65535"},
+      {"host:0", "port 0 is only for listening"},
+      {"::1:80", "put an IPv6 address in brackets, e.g. [::1]:5000"},
+      {"[::1]80", "missing ':PORT' after ']'"},
+      {"[::1:80", "missing ']' after the IPv6 address"},
+      {"[host]:80", "brackets are for IPv6 addresses"},
+      {"two words:80", "'two words' is not a host name or address"},
   };
   for (const auto& [text, why] : cases) {
     AddressArgument a;
     QString error;
     EXPECT_FALSE(AddressArgument::parse(text, false, a, &error)) << text;
-    EXPECT_EQ(error.toStdString(), QString("malformed address '%1': %2 (expected HOST:PORT, e.g. 127.0.0.1:5000)")
-                                     .arg(text, why)
-                                     .toStdString());
+    EXPECT_EQ(
+        error.toStdString(),
+        QString("malformed address '%1': %2 (expected HOST:PORT, e.g. 127.0.0.1:5000)").arg(text, why).toStdString());
   }
 }

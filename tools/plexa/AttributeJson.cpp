@@ -55,8 +55,8 @@ namespace Plexa
             // Through 64-bit types: QString::arg would print an 8-bit type as a character.
             using Wide = std::conditional_t<std::is_signed<I>::value, qlonglong, qulonglong>;
             error = QString("expected an integer from %1 to %2")
-                      .arg(Wide(std::numeric_limits<I>::min()))
-                      .arg(Wide(std::numeric_limits<I>::max()));
+                        .arg(Wide(std::numeric_limits<I>::min()))
+                        .arg(Wide(std::numeric_limits<I>::max()));
             return false;
           };
           if (json.isString()) {
@@ -234,16 +234,16 @@ namespace Plexa
             error = "the grid is too large";
             return false;
           }
-          const bool ok = readItems(json, "an array of rows of integers from 0 to 255", error,
-                                    [&](const QJsonValue& row, int y) {
-                                      if (!row.isArray() || row.toArray().size() != width) {
-                                        error = QString("expected a row of %1 integers from 0 to 255").arg(width);
-                                        return false;
-                                      }
-                                      return readItems(row, "a row", error, [&](const QJsonValue& cell, int x) {
-                                        return Codec<uint8_t>::read(cell, grid.line(y)[x], error);
-                                      });
-                                    });
+          const bool ok =
+              readItems(json, "an array of rows of integers from 0 to 255", error, [&](const QJsonValue& row, int y) {
+                if (!row.isArray() || row.toArray().size() != width) {
+                  error = QString("expected a row of %1 integers from 0 to 255").arg(width);
+                  return false;
+                }
+                return readItems(row, "a row", error, [&](const QJsonValue& cell, int x) {
+                  return Codec<uint8_t>::read(cell, grid.line(y)[x], error);
+                });
+              });
           if (ok)
             out = grid;
           return ok;
@@ -423,16 +423,18 @@ namespace Plexa
       {
         using V = typename Access<A>::Value;
         return Entry{
-          name, id, [](const Carafe::Attribute& a) { return dynamic_cast<const A*>(&a) != nullptr; },
-          [](const Carafe::Attribute& a) { return Codec<V>::write(Access<A>::get(static_cast<const A&>(a))); },
-          [](Carafe::Attribute& a, const QJsonValue& json, QString& error) {
-            V v{};
-            if (!Codec<V>::read(json, v, error))
-              return false;
-            Access<A>::set(static_cast<A&>(a), v);
-            return true;
-          },
-          []() -> Carafe::Attribute* { return new A(); }};
+            name,
+            id,
+            [](const Carafe::Attribute& a) { return dynamic_cast<const A*>(&a) != nullptr; },
+            [](const Carafe::Attribute& a) { return Codec<V>::write(Access<A>::get(static_cast<const A&>(a))); },
+            [](Carafe::Attribute& a, const QJsonValue& json, QString& error) {
+              V v{};
+              if (!Codec<V>::read(json, v, error))
+                return false;
+              Access<A>::set(static_cast<A&>(a), v);
+              return true;
+            },
+            []() -> Carafe::Attribute* { return new A(); }};
       }
 
       template <typename T>
@@ -445,42 +447,42 @@ namespace Plexa
       const std::vector<Entry>& table()
       {
         static const std::vector<Entry> entries = {
-          entry<Simple<bool>>("bool", 1),
-          entry<Simple<Bastion::Color>>("color", 2),
-          entry<Simple<float>>("float", 3),
-          entry<Simple<double>>("double", 4),
-          entry<Simple<int>>("int", 9),
-          entry<Simple<unsigned int>>("uint", 10),
-          entry<Simple<long>>("long", 11),
-          entry<Simple<unsigned long>>("ulong", 12),
-          entry<Simple<Quiver::Recti>>("recti", 13),
-          entry<Simple<Quiver::Rectf>>("rectf", 14),
-          entry<Simple<Quiver::Rectd>>("rectd", 15),
-          entry<Simple<Quiver::Vector2i>>("vec2i", 16),
-          entry<Simple<Quiver::Vector2f>>("vec2f", 17),
-          entry<Simple<Quiver::Vector3i>>("vec3i", 19),
-          entry<Simple<Quiver::Vector3f>>("vec3f", 20),
-          entry<Simple<Quiver::Vector4i>>("vec4i", 22),
-          entry<Simple<Quiver::Vector4f>>("vec4f", 23),
-          entry<Simple<Quiver::Matrix2f>>("mat2", 26),
-          entry<Simple<Quiver::Matrix3f>>("mat3", 29),
-          entry<Simple<Quiver::Matrix4f>>("mat4", 32),
-          entry<Simple<Bastion::TimeStamp>>("timestamp", 34),
-          entry<Simple<QString>>("string", 35),
-          entry<Simple<QStringList>>("stringlist", 36),
-          entry<List<float>>("float[]", 40),
-          entry<List<Quiver::Vector2f>>("vec2f[]", 41),
-          entry<List<int>>("int[]", 42),
-          entry<List<unsigned int>>("uint[]", 43),
-          entry<List<QString>>("string[]", 44),
-          entry<Carafe::AttributeGrid<unsigned char>>("grid", 45),
-          entry<Carafe::AttributeSpline>("spline", 46),
-          entry<Carafe::AttributeEnum>("enum", 47),
-          entry<Simple<Bastion::ColorPMA>>("colorpma", 48),
-          entry<Carafe::AttributeT<Quiver::Vector2f, Carafe::Separate>>("vec2f-separate", 49),
-          entry<Simple<Quiver::Sizef>>("sizef", 50),
-          entry<Carafe::AttributeAsset>("asset", 51),
-          entry<Simple<Quiver::Sizei>>("sizei", 52),
+            entry<Simple<bool>>("bool", 1),
+            entry<Simple<Bastion::Color>>("color", 2),
+            entry<Simple<float>>("float", 3),
+            entry<Simple<double>>("double", 4),
+            entry<Simple<int>>("int", 9),
+            entry<Simple<unsigned int>>("uint", 10),
+            entry<Simple<long>>("long", 11),
+            entry<Simple<unsigned long>>("ulong", 12),
+            entry<Simple<Quiver::Recti>>("recti", 13),
+            entry<Simple<Quiver::Rectf>>("rectf", 14),
+            entry<Simple<Quiver::Rectd>>("rectd", 15),
+            entry<Simple<Quiver::Vector2i>>("vec2i", 16),
+            entry<Simple<Quiver::Vector2f>>("vec2f", 17),
+            entry<Simple<Quiver::Vector3i>>("vec3i", 19),
+            entry<Simple<Quiver::Vector3f>>("vec3f", 20),
+            entry<Simple<Quiver::Vector4i>>("vec4i", 22),
+            entry<Simple<Quiver::Vector4f>>("vec4f", 23),
+            entry<Simple<Quiver::Matrix2f>>("mat2", 26),
+            entry<Simple<Quiver::Matrix3f>>("mat3", 29),
+            entry<Simple<Quiver::Matrix4f>>("mat4", 32),
+            entry<Simple<Bastion::TimeStamp>>("timestamp", 34),
+            entry<Simple<QString>>("string", 35),
+            entry<Simple<QStringList>>("stringlist", 36),
+            entry<List<float>>("float[]", 40),
+            entry<List<Quiver::Vector2f>>("vec2f[]", 41),
+            entry<List<int>>("int[]", 42),
+            entry<List<unsigned int>>("uint[]", 43),
+            entry<List<QString>>("string[]", 44),
+            entry<Carafe::AttributeGrid<unsigned char>>("grid", 45),
+            entry<Carafe::AttributeSpline>("spline", 46),
+            entry<Carafe::AttributeEnum>("enum", 47),
+            entry<Simple<Bastion::ColorPMA>>("colorpma", 48),
+            entry<Carafe::AttributeT<Quiver::Vector2f, Carafe::Separate>>("vec2f-separate", 49),
+            entry<Simple<Quiver::Sizef>>("sizef", 50),
+            entry<Carafe::AttributeAsset>("asset", 51),
+            entry<Simple<Quiver::Sizei>>("sizei", 52),
         };
         return entries;
       }
@@ -572,8 +574,8 @@ namespace Plexa
         return "string";
       if (json.isDouble()) {
         const double d = json.toDouble();
-        const bool isInt = std::floor(d) == d && d >= double(std::numeric_limits<int>::min())
-                           && d <= double(std::numeric_limits<int>::max());
+        const bool isInt = std::floor(d) == d && d >= double(std::numeric_limits<int>::min()) &&
+                           d <= double(std::numeric_limits<int>::max());
         return isInt ? "int" : "double";
       }
       if (json.isArray() && !json.toArray().isEmpty()) {

@@ -82,7 +82,8 @@ namespace
     };
     static constexpr int HoldMs = 2500;
 
-    explicit StallingProxy(int serverPort, Mode mode = StallFileParts) : m_mode(mode)
+    explicit StallingProxy(int serverPort, Mode mode = StallFileParts)
+        : m_mode(mode)
     {
       m_listener.open("127.0.0.1", 0, 1);
       m_thread = std::thread([this, serverPort] { run(serverPort); });
@@ -179,7 +180,8 @@ namespace
 TEST_F(CliEndToEnd, ServeSetAndDumpAgreeAndWatchSeesTheChanges)
 {
   const QString tree = work.filePath("scene.json");
-  ASSERT_TRUE(writeFile(tree, R"({"light": {"intensity": {"$type": "float", "value": 0.75}, "name": "key"}, "count": 3})"));
+  ASSERT_TRUE(
+      writeFile(tree, R"({"light": {"intensity": {"$type": "float", "value": 0.75}, "name": "key"}, "count": 3})"));
   std::unique_ptr<Plexa> server;
   const QString address = serve(server, {"--tree", tree});
   ASSERT_FALSE(address.isEmpty()) << server->out().toStdString();
@@ -189,7 +191,8 @@ TEST_F(CliEndToEnd, ServeSetAndDumpAgreeAndWatchSeesTheChanges)
 
   auto set = run({"set", address, "light/intensity=0.5", "light/colour:color=1,0.5,0", "note=hello world"});
   EXPECT_EQ(status, 0) << set->err().toStdString();
-  EXPECT_EQ(set->out().toStdString(), "light/intensity (float) = 0.5\nlight/colour (color) = [1,0.5,0,1]\nnote (string) = \"hello world\"\n");
+  EXPECT_EQ(set->out().toStdString(),
+            "light/intensity (float) = 0.5\nlight/colour (color) = [1,0.5,0,1]\nnote (string) = \"hello world\"\n");
   EXPECT_EQ(set->err().toStdString(), "");
 
   auto dump = run({"dump", address, "--json"});
@@ -198,7 +201,7 @@ TEST_F(CliEndToEnd, ServeSetAndDumpAgreeAndWatchSeesTheChanges)
             QJsonDocument::fromJson(R"({"light": {"intensity": {"$type": "float", "value": 0.5}, "name": "key",
                                         "colour": {"$type": "color", "value": [1, 0.5, 0, 1]}},
                                         "count": 3, "note": "hello world"})")
-              .object());
+                .object());
   dump = run({"dump", address});
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(dump->out().contains("light/intensity (float) = 0.5\n")) << dump->out().toStdString();
@@ -248,7 +251,8 @@ TEST_F(CliEndToEnd, FetchedFilesHaveTheChecksumsOfTheOriginals)
     EXPECT_TRUE(fetch->out().contains(QString("verified, md5 %1, saved as %2").arg(original, into + path)));
   }
   // Nothing of the staging folder is left.
-  EXPECT_EQ(QDir(into).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), (QStringList{"big.bin", "deep", "empty"}));
+  EXPECT_EQ(QDir(into).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+            (QStringList{"big.bin", "deep", "empty"}));
 }
 
 TEST_F(CliEndToEnd, VersionNamesTheProgramTheLibraryAndTheProtocol)
@@ -265,13 +269,16 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
 {
   auto p = run({"dump", "localhost"});
   EXPECT_EQ(status, 2);
-  EXPECT_EQ(p->err().toStdString(), "plexa dump: malformed address 'localhost': missing ':PORT' (expected HOST:PORT, e.g. 127.0.0.1:5000)\n");
+  EXPECT_EQ(p->err().toStdString(),
+            "plexa dump: malformed address 'localhost': missing ':PORT' (expected HOST:PORT, e.g. 127.0.0.1:5000)\n");
   p = run({"watch", "127.0.0.1:99999"});
   EXPECT_EQ(status, 2);
-  EXPECT_TRUE(p->err().startsWith("plexa watch: malformed address '127.0.0.1:99999': port '99999'")) << p->err().toStdString();
+  EXPECT_TRUE(p->err().startsWith("plexa watch: malformed address '127.0.0.1:99999': port '99999'"))
+      << p->err().toStdString();
   p = run({"frobnicate"});
   EXPECT_EQ(status, 2);
-  EXPECT_EQ(p->err().toStdString(), "plexa: unknown command 'frobnicate' (commands: demo, serve, watch, set, dump, fetch, record, replay; see plexa --help)\n");
+  EXPECT_EQ(p->err().toStdString(), "plexa: unknown command 'frobnicate' (commands: demo, serve, watch, set, dump, "
+                                    "fetch, record, replay; see plexa --help)\n");
   p = run({"set", "127.0.0.1:1", "x:flaot=1"});
   EXPECT_EQ(status, 2);
   EXPECT_TRUE(p->err().startsWith("plexa set: unknown type 'flaot' in 'x:flaot=1'")) << p->err().toStdString();
@@ -295,7 +302,7 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
   p = run({"serve", "--listen", address});
   EXPECT_EQ(status, 1);
   EXPECT_TRUE(p->err().startsWith(QString("plexa serve: cannot listen on %1: Address already in use").arg(address)))
-    << p->err().toStdString();
+      << p->err().toStdString();
   EXPECT_EQ(p->err().count('\n'), 1);
 
   // A file the peer does not have: it never answers, so the fetch gives up after the timeout.
@@ -303,7 +310,7 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
   EXPECT_EQ(status, 1);
   EXPECT_TRUE(p->err().endsWith("plexa fetch: /missing.txt: the peer did not answer within 1 s; it does not have this "
                                 "file (or shares no folder)\n"))
-    << p->err().toStdString();
+      << p->err().toStdString();
 
   // An unreachable peer: the countdown to the next attempt, then the end after the timeout.
   const int port = closedPort();
@@ -313,11 +320,12 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
   p = run({"dump", QString("127.0.0.1:%1").arg(port), "--timeout", "2.5"});
   EXPECT_EQ(status, 1);
   EXPECT_GE(clock.elapsed(), 2400);
-  EXPECT_TRUE(p->err().contains(QString("cannot reach 127.0.0.1:%1 yet; next attempt in ").arg(port))) << p->err().toStdString();
+  EXPECT_TRUE(p->err().contains(QString("cannot reach 127.0.0.1:%1 yet; next attempt in ").arg(port)))
+      << p->err().toStdString();
   EXPECT_TRUE(p->err().endsWith(QString("plexa dump: could not connect to 127.0.0.1:%1 within 2.5 s (is plexa serve "
                                         "running there, with the same shared key and room for another connection?)\n")
-                                  .arg(port)))
-    << p->err().toStdString();
+                                    .arg(port)))
+      << p->err().toStdString();
 }
 
 TEST_F(CliEndToEnd, WithRetryServeWaitsForATakenPort)
@@ -326,7 +334,8 @@ TEST_F(CliEndToEnd, WithRetryServeWaitsForATakenPort)
   const QString address = serve(first, {});
   ASSERT_FALSE(address.isEmpty());
   Plexa second(home, {"serve", "--listen", address, "--retry"});
-  ASSERT_FALSE(second.waitForLine("Address already in use; trying again in 3 s", WaitMs, QProcess::StandardError).isEmpty());
+  ASSERT_FALSE(
+      second.waitForLine("Address already in use; trying again in 3 s", WaitMs, QProcess::StandardError).isEmpty());
   first->interrupt();
   EXPECT_EQ(first->finish(), 0);
   EXPECT_EQ(second.waitForLine("^listening on (.*)$"), address) << second.err().toStdString();
@@ -344,9 +353,10 @@ TEST_F(CliEndToEnd, ConnectionsBeyondTheCapAreTurnedAway)
   auto dump = run({"dump", address, "--timeout", "1.5"});
   EXPECT_EQ(status, 1);
   EXPECT_TRUE(dump->err().endsWith("room for another connection?)\n")) << dump->err().toStdString();
-  EXPECT_FALSE(server->waitForLine("^warning: PeerServer::createConnection # 1 connections already", WaitMs,
-                                   QProcess::StandardError)
-                 .isEmpty());
+  EXPECT_FALSE(server
+                   ->waitForLine("^warning: PeerServer::createConnection # 1 connections already", WaitMs,
+                                 QProcess::StandardError)
+                   .isEmpty());
   watcher.interrupt();
   EXPECT_EQ(watcher.finish(), 0);
   EXPECT_TRUE(server->waitForLine("^disconnected .* \\(0 connected\\)$").size()) << server->out().toStdString();
@@ -361,8 +371,8 @@ TEST_F(CliEndToEnd, ADeploymentKeyMustBeTheSameOnBothEnds)
   EXPECT_EQ(status, 1);
   EXPECT_TRUE(dump->err().endsWith(QString("plexa dump: could not connect to %1 within 1.5 s (is plexa serve running "
                                            "there, with the same shared key and room for another connection?)\n")
-                                     .arg(address)))
-    << dump->err().toStdString();
+                                       .arg(address)))
+      << dump->err().toStdString();
   dump = run({"dump", address, "--key", "deployment key"});
   EXPECT_EQ(status, 0) << dump->err().toStdString();
 }
@@ -427,7 +437,8 @@ TEST_F(CliEndToEnd, FetchGivesUpOnAServerThatIsSilentOrStopsSendingParts)
   ASSERT_EQ(silent.open("127.0.0.1", 0, 4), 0);
   QElapsedTimer clock;
   clock.start();
-  auto p = run({"fetch", QString("127.0.0.1:%1").arg(silent.localPort()), "/a", "--timeout", "1", "--into", work.filePath("into")});
+  auto p = run({"fetch", QString("127.0.0.1:%1").arg(silent.localPort()), "/a", "--timeout", "1", "--into",
+                work.filePath("into")});
   EXPECT_EQ(status, 1);
   EXPECT_LT(clock.elapsed(), 10000);
 
@@ -443,7 +454,7 @@ TEST_F(CliEndToEnd, FetchGivesUpOnAServerThatIsSilentOrStopsSendingParts)
   EXPECT_EQ(status, 1);
   EXPECT_LT(clock.elapsed(), 15000);
   EXPECT_TRUE(p->err().endsWith("plexa fetch: /big.bin: the peer stopped sending it: no part arrived for 4 s\n"))
-    << p->err().toStdString();
+      << p->err().toStdString();
 }
 
 TEST_F(CliEndToEnd, SetWaitsUntilALateServerHasAcknowledgedTheValues)

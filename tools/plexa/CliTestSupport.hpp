@@ -47,7 +47,8 @@ namespace PlexaTest
 
     /// Reads the output (or the error output) up to a line matching `pattern`, for at most `ms`;
     /// its first capture, or the whole line. Empty when none came.
-    QString waitForLine(const QString& pattern, int ms = WaitMs, QProcess::ProcessChannel channel = QProcess::StandardOutput)
+    QString waitForLine(const QString& pattern, int ms = WaitMs,
+                        QProcess::ProcessChannel channel = QProcess::StandardOutput)
     {
       const QRegularExpression expression(pattern);
       QString& text = channel == QProcess::StandardOutput ? m_out : m_err;

@@ -20,7 +20,9 @@ namespace Plexa
     }
 
     ClientConnection::ClientConnection(Peer& peer, const AddressArgument& address, Console& console)
-      : m_peer(peer), m_address(address), m_console(console)
+        : m_peer(peer)
+        , m_address(address)
+        , m_console(console)
     {
     }
 
@@ -31,9 +33,9 @@ namespace Plexa
       m_peer.setRetryCallback([&](double secondsLeft) {
         const double givingUp = timeoutSeconds - double(clock.elapsed()) / 1000.0;
         m_console.status(QString("cannot reach %1 yet; next attempt in %2 s, giving up in %3 s")
-                           .arg(m_address.toString())
-                           .arg(int(std::ceil(secondsLeft)))
-                           .arg(int(std::ceil(qMax(0.0, givingUp)))));
+                             .arg(m_address.toString())
+                             .arg(int(std::ceil(secondsLeft)))
+                             .arg(int(std::ceil(qMax(0.0, givingUp)))));
       });
       m_peer.connectTo(m_address.host(), m_address.port());
       Outcome outcome = Mirrored;
@@ -47,13 +49,13 @@ namespace Plexa
           outcome = TimedOut;
           if (error)
             *error = m_peer.sessionCount() > 0
-                       ? QString("connected to %1, but its tree did not arrive within %2 s")
-                           .arg(m_address.toString())
-                           .arg(timeoutSeconds)
-                       : QString("could not connect to %1 within %2 s (is plexa serve running there, with the same "
-                                 "shared key and room for another connection?)")
-                           .arg(m_address.toString())
-                           .arg(timeoutSeconds);
+                         ? QString("connected to %1, but its tree did not arrive within %2 s")
+                               .arg(m_address.toString())
+                               .arg(timeoutSeconds)
+                         : QString("could not connect to %1 within %2 s (is plexa serve running there, with the same "
+                                   "shared key and room for another connection?)")
+                               .arg(m_address.toString())
+                               .arg(timeoutSeconds);
           break;
         }
         m_peer.waitAndUpdate(int(qMin<qint64>(left, PollMs)));

@@ -9,7 +9,10 @@ namespace Plexa
 {
   namespace Cli
   {
-    Command::Command(Console& console) : console(console) {}
+    Command::Command(Console& console)
+        : console(console)
+    {
+    }
 
     Command::~Command() = default;
 
@@ -37,12 +40,12 @@ namespace Plexa
       if (!address.isLoopback())
         warn(QString("listening on %1, which other machines can reach; the protocol has no encryption: anyone who "
                      "can reach this port and knows the shared key can read and change the tree")
-               .arg(bound.toString()));
+                 .arg(bound.toString()));
       console.out(QString("listening on %1").arg(bound.toString()));
       peer.setConnectionCallback([this, &peer](const QString& peerAddress, bool connected) {
         console.out(QString("%1 %2 (%3 connected)")
-                      .arg(connected ? "connected" : "disconnected", peerAddress)
-                      .arg(peer.sessionCount()));
+                        .arg(connected ? "connected" : "disconnected", peerAddress)
+                        .arg(peer.sessionCount()));
       });
     }
   }

@@ -23,7 +23,8 @@ namespace Plexa
       constexpr double DefaultTimeoutSeconds = 10.0;
     }
 
-    CommandLine::CommandLine(Console& console) : m_console(console)
+    CommandLine::CommandLine(Console& console)
+        : m_console(console)
     {
       m_commands.emplace_back(new DemoCommand(console));
       m_commands.emplace_back(new ServeCommand(console));
@@ -59,7 +60,7 @@ namespace Plexa
     {
       // The library is loaded at run time and may come from another build than the program.
       return QString("plexa %1\nlibrary %2\nprotocol %3")
-        .arg(QStringLiteral(PLEXA_TOOL_VERSION), Plexa::version(), Plexa::protocolVersion());
+          .arg(QStringLiteral(PLEXA_TOOL_VERSION), Plexa::version(), Plexa::protocolVersion());
     }
 
     QString CommandLine::helpText(const Command& command, const QCommandLineParser& parser) const
@@ -70,7 +71,7 @@ namespace Plexa
       options = optionsStart >= 0 ? options.mid(optionsStart) : options;
       const QString arguments = command.arguments().isEmpty() ? QString() : " " + command.arguments();
       return QString("Usage: plexa %1 [options]%2\n%3\n\n%4")
-        .arg(command.name(), arguments, command.description(), options.trimmed());
+          .arg(command.name(), arguments, command.description(), options.trimmed());
     }
 
     int CommandLine::run(const QStringList& arguments)
@@ -97,7 +98,8 @@ namespace Plexa
         QStringList names;
         for (const std::unique_ptr<Command>& c : m_commands)
           names << c->name();
-        m_console.err(QString("plexa: unknown command '%1' (commands: %2; see plexa --help)").arg(name, names.join(", ")));
+        m_console.err(
+            QString("plexa: unknown command '%1' (commands: %2; see plexa --help)").arg(name, names.join(", ")));
         return ExitUsage;
       }
 
@@ -105,9 +107,10 @@ namespace Plexa
       parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
       const QCommandLineOption help({"h", "help"}, "Show this help.");
       const QCommandLineOption timeout(
-        "timeout",
-        QString("Seconds to wait for a connection or an answer before giving up (default %1).").arg(DefaultTimeoutSeconds),
-        "SECONDS", QString::number(DefaultTimeoutSeconds));
+          "timeout",
+          QString("Seconds to wait for a connection or an answer before giving up (default %1).")
+              .arg(DefaultTimeoutSeconds),
+          "SECONDS", QString::number(DefaultTimeoutSeconds));
       const QCommandLineOption verbose({"v", "verbose"}, "Show the library's log lines down to info level.");
       const QCommandLineOption key("key",
                                    "Shared key of the connection handshake, when a deployment changed it; both ends "
@@ -132,7 +135,8 @@ namespace Plexa
       bool ok = false;
       const double seconds = parser.value(timeout).toDouble(&ok);
       if (!ok || !(seconds > 0) || seconds > 1e6) {
-        m_console.err(prefix + QString("--timeout takes a number of seconds above 0, not '%1'").arg(parser.value(timeout)));
+        m_console.err(prefix +
+                      QString("--timeout takes a number of seconds above 0, not '%1'").arg(parser.value(timeout)));
         return ExitUsage;
       }
       command->setTimeoutSeconds(seconds);

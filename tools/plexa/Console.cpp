@@ -8,10 +8,10 @@ namespace Plexa
   namespace Cli
   {
     Console::Console(FILE* out, FILE* err)
-      : m_out(out)
-      , m_err(err)
-      , m_outTerminal(isatty(fileno(out)) == 1)
-      , m_errTerminal(isatty(fileno(err)) == 1)
+        : m_out(out)
+        , m_err(err)
+        , m_outTerminal(isatty(fileno(out)) == 1)
+        , m_errTerminal(isatty(fileno(err)) == 1)
     {
     }
 
@@ -67,8 +67,8 @@ namespace Plexa
 
     void Console::write(FILE* file, const QByteArray& bytes)
     {
-      const bool ok = std::fwrite(bytes.constData(), 1, size_t(bytes.size()), file) == size_t(bytes.size())
-                      && std::fflush(file) == 0;
+      const bool ok = std::fwrite(bytes.constData(), 1, size_t(bytes.size()), file) == size_t(bytes.size()) &&
+                      std::fflush(file) == 0;
       if (!ok && file == m_out)
         m_broken = true;
     }

@@ -47,7 +47,7 @@ TEST(Console, WithoutATerminalEveryTextIsALineOfItsOwn)
 
 TEST(Console, AClosedOutputPipeIsNoticedNotFatal)
 {
-  Interrupt interrupt;  // ignores SIGPIPE, as the program does
+  Interrupt interrupt; // ignores SIGPIPE, as the program does
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
   FILE* out = fdopen(fds[1], "w");

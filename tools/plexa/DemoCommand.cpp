@@ -36,7 +36,8 @@ namespace Plexa
       bool ok = false;
       const double seconds = parser.value("seconds").toDouble(&ok);
       if (!ok || !(seconds > 0) || seconds > 3600)
-        return fail(ExitUsage, QString("--seconds takes a number of seconds above 0, not '%1'").arg(parser.value("seconds")));
+        return fail(ExitUsage,
+                    QString("--seconds takes a number of seconds above 0, not '%1'").arg(parser.value("seconds")));
       Interrupt interrupt;
       DemoRun demo(console, seconds, timeoutSeconds());
       return demo.run();

@@ -26,22 +26,24 @@ namespace Plexa
     QString DemoReport::table() const
     {
       const double perSecond = animationSeconds > 0 ? double(valuesApplied) / animationSeconds : 0.0;
-      const QString roundTrip = roundTripsMs.empty()
-                                  ? QString("none measured")
-                                  : QString("%1 ms (%2 samples)").arg(median(roundTripsMs), 0, 'f', 2).arg(roundTripsMs.size());
-      const QString sliced = slicedEventIntact ? QString("%1 bytes in %2 slices, intact").arg(slicedEventBytes).arg(slices)
-                                               : QString("did not arrive intact");
+      const QString roundTrip =
+          roundTripsMs.empty()
+              ? QString("none measured")
+              : QString("%1 ms (%2 samples)").arg(median(roundTripsMs), 0, 'f', 2).arg(roundTripsMs.size());
+      const QString sliced = slicedEventIntact
+                                 ? QString("%1 bytes in %2 slices, intact").arg(slicedEventBytes).arg(slices)
+                                 : QString("did not arrive intact");
       const std::vector<std::pair<QString, QString>> rows = {
-        {"attributes mirrored", QString::number(attributesMirrored)},
-        {"values applied per second", QString::number(qRound64(perSecond))},
-        {"median round trip", roundTrip},
-        {"bytes on the wire", QString("%1 (server to client %2, client to server %3)")
-                                .arg(ProgressBar::formatBytes(int64_t(serverToClientBytes + clientToServerBytes)),
-                                     ProgressBar::formatBytes(int64_t(serverToClientBytes)),
-                                     ProgressBar::formatBytes(int64_t(clientToServerBytes)))},
-        {"sliced event", sliced},
-        {"files verified", QString("%1 of %2").arg(filesVerified).arg(files)},
-        {"trees identical", treesIdentical ? "yes" : "no"},
+          {"attributes mirrored", QString::number(attributesMirrored)},
+          {"values applied per second", QString::number(qRound64(perSecond))},
+          {"median round trip", roundTrip},
+          {"bytes on the wire", QString("%1 (server to client %2, client to server %3)")
+                                    .arg(ProgressBar::formatBytes(int64_t(serverToClientBytes + clientToServerBytes)),
+                                         ProgressBar::formatBytes(int64_t(serverToClientBytes)),
+                                         ProgressBar::formatBytes(int64_t(clientToServerBytes)))},
+          {"sliced event", sliced},
+          {"files verified", QString("%1 of %2").arg(filesVerified).arg(files)},
+          {"trees identical", treesIdentical ? "yes" : "no"},
       };
       QStringList lines;
       for (const auto& [name, value] : rows)

@@ -67,14 +67,17 @@ namespace Plexa
       };
 
       D(Console& console, double animationSeconds, double timeoutSeconds)
-        : console(console), animationSeconds(animationSeconds), timeoutMs(int(timeoutSeconds * 1000))
+          : console(console)
+          , animationSeconds(animationSeconds)
+          , timeoutMs(int(timeoutSeconds * 1000))
       {
         clock.start();
       }
 
       void say(const QString& who, const QString& text)
       {
-        console.out(QString("%1s  %2  %3").arg(double(clock.elapsed()) / 1000.0, 5, 'f', 2).arg(who.leftJustified(6), text));
+        console.out(
+            QString("%1s  %2  %3").arg(double(clock.elapsed()) / 1000.0, 5, 'f', 2).arg(who.leftJustified(6), text));
       }
 
       /// Drives both peers until `done` holds. False on Ctrl-C (`interrupted` is set) or after
@@ -106,9 +109,9 @@ namespace Plexa
       bool writeSharedFiles(QString& error)
       {
         const std::vector<std::pair<QString, QByteArray>> files = {
-          {"/notes/readme.txt", QByteArray("This folder is shared by the demo's server.\n").repeated(20)},
-          {"/textures/checker.raw", QByteArray("\xff\xff\xff\xff\x20\x20\x20\xff", 8).repeated(32 * 1024)},
-          {"/meshes/terrain.bin", randomBytes(3 << 20, 4711)},
+            {"/notes/readme.txt", QByteArray("This folder is shared by the demo's server.\n").repeated(20)},
+            {"/textures/checker.raw", QByteArray("\xff\xff\xff\xff\x20\x20\x20\xff", 8).repeated(32 * 1024)},
+            {"/meshes/terrain.bin", randomBytes(3 << 20, 4711)},
         };
         for (const auto& [path, bytes] : files) {
           const QString name = shareDir + path;
@@ -149,20 +152,21 @@ namespace Plexa
         if (!server->listen("127.0.0.1", 0, &error))
           return false;
         say("server", QString("publishes a scene of %1 attributes on 127.0.0.1:%2 and shares %3 files")
-                        .arg(scene->attributeCount())
-                        .arg(server->listeningPort())
-                        .arg(sharedFiles.size()));
+                          .arg(scene->attributeCount())
+                          .arg(server->listeningPort())
+                          .arg(sharedFiles.size()));
 
         QElapsedTimer connecting;
         connecting.start();
         client->connectTo("127.0.0.1", server->listeningPort());
-        if (!pump([&] { return client->initializedSessionCount() > 0 && server->initializedSessionCount() > 0; }, timeoutMs)) {
+        if (!pump([&] { return client->initializedSessionCount() > 0 && server->initializedSessionCount() > 0; },
+                  timeoutMs)) {
           error = "the client did not connect in time";
           return false;
         }
         say("client", QString("connected and mirrored %1 attributes in %2 ms")
-                        .arg(TreePath::countAttributes(clientTree))
-                        .arg(connecting.elapsed()));
+                          .arg(TreePath::countAttributes(clientTree))
+                          .arg(connecting.elapsed()));
         return true;
       }
 
@@ -197,9 +201,8 @@ namespace Plexa
         recorder.reset(new Recorder(clientTree));
         QString error;
         if (recorder->open(work.path() + "/client.plexrec", &error)) {
-          clientTree.setRemoteEventCallback([this](const QByteArray& name, const Bastion::BinaryData& data) {
-            recorder->recordEvent(name, data);
-          });
+          clientTree.setRemoteEventCallback(
+              [this](const QByteArray& name, const Bastion::BinaryData& data) { recorder->recordEvent(name, data); });
           say("client", "records its tree and the events it receives into client.plexrec");
         } else {
           say("client", "cannot record: " + error);
@@ -221,7 +224,8 @@ namespace Plexa
         });
 
         // What the client changes shows up on the server.
-        for (const char* path : {DemoScene::FillIntensityPath, DemoScene::CubeNamePath, DemoScene::CubeTagsPath, "notes/*"}) {
+        for (const char* path :
+             {DemoScene::FillIntensityPath, DemoScene::CubeNamePath, DemoScene::CubeTagsPath, "notes/*"}) {
           serverTree.onChangeImpl(RemoteNode::makeRegExp(path), [this](Carafe::Attribute* a) {
             if (clientChanged && a)
               say("server", QString("sees the client's change: %1 = %2").arg(pathOf(serverTree, a), a->asText()));
@@ -232,9 +236,9 @@ namespace Plexa
           QByteArray blob;
           snapshotIntact = data.readBlob(blob) && md5(blob) == md5(snapshot);
           say("client", QString("received the event \"%1\" whole: %2 bytes, %3")
-                          .arg(SnapshotEvent)
-                          .arg(data.size())
-                          .arg(snapshotIntact ? "checksum matches" : "CHECKSUM DIFFERS"));
+                            .arg(SnapshotEvent)
+                            .arg(data.size())
+                            .arg(snapshotIntact ? "checksum matches" : "CHECKSUM DIFFERS"));
         });
       }
 
@@ -260,7 +264,8 @@ namespace Plexa
       {
         say("client", "adds notes/from-client");
         localChange = true;
-        clientTree.addDeepAttribute("notes/from-client", new Carafe::AttributeT<QString>(QString("hello from the client")));
+        clientTree.addDeepAttribute("notes/from-client",
+                                    new Carafe::AttributeT<QString>(QString("hello from the client")));
         localChange = false;
       }
 
@@ -272,18 +277,17 @@ namespace Plexa
         report.slicedEventBytes = payload.size();
         report.slices = (payload.size() + SliceBytes - 1) / SliceBytes;
         say("server", QString("sends the event \"%1\": %2 bytes in %3 slices of %4")
-                        .arg(SnapshotEvent)
-                        .arg(payload.size())
-                        .arg(report.slices)
-                        .arg(ProgressBar::formatBytes(SliceBytes)));
+                          .arg(SnapshotEvent)
+                          .arg(payload.size())
+                          .arg(report.slices)
+                          .arg(ProgressBar::formatBytes(SliceBytes)));
         serverTree.eventProcessSlice(SnapshotEvent, payload, SliceBytes);
       }
 
       bool animate()
       {
-        say("server", QString("animates the scene for %1 s at %2 frames per second")
-                        .arg(animationSeconds)
-                        .arg(FramesPerSecond));
+        say("server",
+            QString("animates the scene for %1 s at %2 frames per second").arg(animationSeconds).arg(FramesPerSecond));
         const int64_t appliedBefore = applied;
         const qint64 start = clock.nsecsElapsed();
         int frame = 0;
@@ -309,10 +313,10 @@ namespace Plexa
           if (t >= nextReport) {
             nextReport += 1.0;
             say("server", QString("frame %1: %2 values set so far, %3 applied by the client, median round trip %4 ms")
-                            .arg(frame)
-                            .arg(valuesSet)
-                            .arg(applied - appliedBefore)
-                            .arg(DemoReport::median(report.roundTripsMs), 0, 'f', 2));
+                              .arg(frame)
+                              .arg(valuesSet)
+                              .arg(applied - appliedBefore)
+                              .arg(DemoReport::median(report.roundTripsMs), 0, 'f', 2));
           }
           const qint64 frameEnd = start + qint64(double(frame) / FramesPerSecond * 1e9);
           if (!pump([&] { return clock.nsecsElapsed() >= frameEnd; }, timeoutMs))
@@ -323,9 +327,9 @@ namespace Plexa
         pump([&] { return frameSent.empty(); }, 1000);
         report.valuesApplied = applied - appliedBefore;
         say("server", QString("stops after %1 frames (%2 values); the client applied %3")
-                        .arg(frame)
-                        .arg(valuesSet)
-                        .arg(report.valuesApplied));
+                          .arg(frame)
+                          .arg(valuesSet)
+                          .arg(report.valuesApplied));
         return !interrupted;
       }
 
@@ -342,7 +346,7 @@ namespace Plexa
             const bool same = read && md5(got.readAll()) == file.md5;
             report.filesVerified += same ? 1 : 0;
             say("client", same ? QString("fetched %1 (%2), md5 %3 matches the original")
-                                   .arg(path, ProgressBar::formatBytes(file.size), QString::fromLatin1(file.md5))
+                                     .arg(path, ProgressBar::formatBytes(file.size), QString::fromLatin1(file.md5))
                                : QString("could not fetch %1 intact").arg(path));
           });
         }
@@ -354,7 +358,7 @@ namespace Plexa
       {
         // Values still in flight arrive within a few updates; the trees must then agree.
         report.treesIdentical =
-          pump([&] { return TreeJson::save(serverTree) == TreeJson::save(clientTree); }, SettleMs);
+            pump([&] { return TreeJson::save(serverTree) == TreeJson::save(clientTree); }, SettleMs);
         report.attributesMirrored = TreePath::countAttributes(clientTree);
         report.serverToClientBytes = client->rxBytes();
         report.clientToServerBytes = client->txBytes();
@@ -382,10 +386,10 @@ namespace Plexa
         recordingMatches = recording.endedCleanly() && TreeJson::save(played) == TreeJson::save(clientTree) &&
                            events == int(recorder->eventCount());
         say("client", QString("recorded %1 values and %2 events (%3 bytes); played back, the recording %4")
-                        .arg(recorder->valueCount())
-                        .arg(recorder->eventCount())
-                        .arg(recorder->fileBytes())
-                        .arg(recordingMatches ? "ends with the client's tree" : "DIFFERS from the client's tree"));
+                          .arg(recorder->valueCount())
+                          .arg(recorder->eventCount())
+                          .arg(recorder->fileBytes())
+                          .arg(recordingMatches ? "ends with the client's tree" : "DIFFERS from the client's tree"));
       }
 
       Console& console;
@@ -422,7 +426,7 @@ namespace Plexa
     };
 
     DemoRun::DemoRun(Console& console, double animationSeconds, double timeoutSeconds)
-      : d(new D(console, animationSeconds, timeoutSeconds))
+        : d(new D(console, animationSeconds, timeoutSeconds))
     {
     }
 
@@ -454,9 +458,9 @@ namespace Plexa
         return ExitOk;
       }
       d->console.err(QString("plexa demo: FAILED: %1")
-                       .arg(!d->report.treesIdentical ? "the trees differ"
-                            : !d->report.succeeded()  ? "not every file was verified"
-                                                      : "the recording does not play back to the client's tree"));
+                         .arg(!d->report.treesIdentical ? "the trees differ"
+                              : !d->report.succeeded()  ? "not every file was verified"
+                                                        : "the recording does not play back to the client's tree"));
       return ExitFailure;
     }
   }

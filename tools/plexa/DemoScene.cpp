@@ -21,9 +21,7 @@ namespace Plexa
       /// A colour of full saturation at `hue` (in turns).
       Bastion::Color hueColour(double hue)
       {
-        const auto channel = [hue](double offset) {
-          return float(0.5 + 0.5 * std::cos(2.0 * Pi * (hue + offset)));
-        };
+        const auto channel = [hue](double offset) { return float(0.5 + 0.5 * std::cos(2.0 * Pi * (hue + offset))); };
         return Bastion::Color(channel(0.0), channel(1.0 / 3.0), channel(2.0 / 3.0), 1.0f);
       }
 
@@ -48,7 +46,8 @@ namespace Plexa
       return attribute;
     }
 
-    DemoScene::DemoScene(Carafe::Node& root) : m_root(root)
+    DemoScene::DemoScene(Carafe::Node& root)
+        : m_root(root)
     {
       add("title", new Carafe::AttributeT<QString>(QString("Plexa demo scene")));
       m_keyColour = add("lights/key/colour", new Colour(Bastion::Color(1.0f, 0.9f, 0.8f)));
@@ -80,7 +79,8 @@ namespace Plexa
       m_keyColour->setValue(hueColour(t / 3.0));
       m_keyIntensity->setValue(float(0.75 + 0.25 * std::sin(2 * Pi * t)));
       m_keyPosition->setValue(Quiver::Vector3f(float(4 * std::cos(t)), 4.0f, float(4 * std::sin(t))));
-      m_cubePosition->setValue(Quiver::Vector3f(float(std::cos(2 * t)), float(0.5 * std::sin(4 * t)), float(std::sin(2 * t))));
+      m_cubePosition->setValue(
+          Quiver::Vector3f(float(std::cos(2 * t)), float(0.5 * std::sin(4 * t)), float(std::sin(2 * t))));
       m_cubeRotation->setValue(float(std::fmod(90.0 * t, 360.0)));
 
       std::vector<Quiver::Vector2f> points;
@@ -102,7 +102,8 @@ namespace Plexa
       for (size_t i = 0; i < m_particles.size(); ++i) {
         const double phase = double(i) * 0.7;
         const double radius = 1 + 0.05 * double(i);
-        m_particles[i]->setValue(Quiver::Vector3f(float(std::cos(t + phase) * radius), float(std::fmod(t * 0.5 + double(i) * 0.1, 2.0)),
+        m_particles[i]->setValue(Quiver::Vector3f(float(std::cos(t + phase) * radius),
+                                                  float(std::fmod(t * 0.5 + double(i) * 0.1, 2.0)),
                                                   float(std::sin(t + phase) * radius)));
       }
       return 7 + int(m_particles.size());

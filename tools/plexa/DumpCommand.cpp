@@ -23,16 +23,16 @@ namespace Plexa
       void listAttributes(const Carafe::Node& node, Console& console)
       {
         TreePath::walk(
-          node,
-          [&console](const Carafe::Attribute& attribute, const QString& path) {
-            const QString type = AttributeJson::typeName(attribute);
-            if (type.isEmpty())
-              console.out(QString("%1 = %2").arg(path, attribute.asText()));
-            else
-              console.out(
-                QString("%1 (%2) = %3").arg(path, type, WatchFormat::compact(AttributeJson::value(attribute))));
-          },
-          [&console](const QString& path) { console.out(path + "/ (empty)"); });
+            node,
+            [&console](const Carafe::Attribute& attribute, const QString& path) {
+              const QString type = AttributeJson::typeName(attribute);
+              if (type.isEmpty())
+                console.out(QString("%1 = %2").arg(path, attribute.asText()));
+              else
+                console.out(
+                    QString("%1 (%2) = %3").arg(path, type, WatchFormat::compact(AttributeJson::value(attribute))));
+            },
+            [&console](const QString& path) { console.out(path + "/ (empty)"); });
       }
     }
 
@@ -57,8 +57,10 @@ namespace Plexa
     void DumpCommand::addOptions(QCommandLineParser& parser)
     {
       parser.addOption({"json", "Print the tree as JSON, as plexa serve --tree reads it."});
-      parser.addOption({"at", "With a recording: the tree at this time, in seconds since the start of the recording or as an "
-                              "ISO 8601 date and time (default: the end).", "TIME"});
+      parser.addOption({"at",
+                        "With a recording: the tree at this time, in seconds since the start of the recording or as an "
+                        "ISO 8601 date and time (default: the end).",
+                        "TIME"});
       parser.addPositionalArgument("HOST:PORT", "Address of the peer, or a recording made by plexa record.");
     }
 

@@ -153,7 +153,7 @@ namespace Plexa
         break;
       case FetchResult::TimedOut:
         why = QString("the peer did not answer within %1 s; it does not have this file (or shares no folder)")
-                .arg(timeoutSeconds());
+                  .arg(timeoutSeconds());
         show(m_progress->clear());
         break;
       case FetchResult::Refused:

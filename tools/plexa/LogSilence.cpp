@@ -4,7 +4,10 @@ namespace Plexa
 {
   namespace Cli
   {
-    LogSilence::LogSilence() : m_previous(Bastion::setLogHandler([](Bastion::LogLevel, const QByteArray&) {})) {}
+    LogSilence::LogSilence()
+        : m_previous(Bastion::setLogHandler([](Bastion::LogLevel, const QByteArray&) {}))
+    {
+    }
 
     LogSilence::~LogSilence()
     {

@@ -4,7 +4,10 @@ namespace Plexa
 {
   namespace Cli
   {
-    MirrorNode::MirrorNode(const QByteArray& id) : RemoteNode(nullptr, id) {}
+    MirrorNode::MirrorNode(const QByteArray& id)
+        : RemoteNode(nullptr, id)
+    {
+    }
 
     void MirrorNode::eventProcess(const QByteArray& name, Bastion::BinaryData& data)
     {

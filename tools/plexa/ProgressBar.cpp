@@ -33,7 +33,11 @@ namespace Plexa
       }
     }
 
-    ProgressBar::ProgressBar(bool terminal, int columns) : m_terminal(terminal), m_columns(columns) {}
+    ProgressBar::ProgressBar(bool terminal, int columns)
+        : m_terminal(terminal)
+        , m_columns(columns)
+    {
+    }
 
     ProgressBar::File& ProgressBar::file(const QString& path, double now)
     {
@@ -71,8 +75,10 @@ namespace Plexa
       const File f = file(path, now);
       m_files.remove(path);
       const double elapsed = now - f.start;
-      const QString rate = elapsed > 0 && f.done > 0 ? ", " + formatBytes(int64_t(double(f.done) / elapsed)) + "/s" : QString();
-      const QString line = QString("%1: %2 in %3%4 - %5").arg(path, formatBytes(f.done), formatDuration(elapsed), rate, outcome);
+      const QString rate =
+          elapsed > 0 && f.done > 0 ? ", " + formatBytes(int64_t(double(f.done) / elapsed)) + "/s" : QString();
+      const QString line =
+          QString("%1: %2 in %3%4 - %5").arg(path, formatBytes(f.done), formatDuration(elapsed), rate, outcome);
       if (!m_terminal)
         return line + "\n";
       const QString text = clear() + line + "\n";

@@ -54,10 +54,10 @@ namespace Plexa
     void RecordCommand::addOptions(QCommandLineParser& parser)
     {
       parser.addOptions({
-        {"for", "Stop after this many seconds.", "SECONDS"},
-        {"max-size", "Stop once the file holds this many bytes.", "BYTES"},
-        {"split", "Go on in a new file (FILE with .1, .2... before its extension) at this size.", "BYTES"},
-        {"snapshot-every", "Seconds between full snapshots of the tree (default 60).", "SECONDS"},
+          {"for", "Stop after this many seconds.", "SECONDS"},
+          {"max-size", "Stop once the file holds this many bytes.", "BYTES"},
+          {"split", "Go on in a new file (FILE with .1, .2... before its extension) at this size.", "BYTES"},
+          {"snapshot-every", "Seconds between full snapshots of the tree (default 60).", "SECONDS"},
       });
       parser.addPositionalArgument("HOST:PORT", "Address of the peer.");
       parser.addPositionalArgument("FILE", "The recording to write.");
@@ -112,7 +112,7 @@ namespace Plexa
       int64_t lastStatus = 0;
       int64_t lastFlush = 0;
       uint64_t lastValues = 0;
-      int64_t bytesBefore = 0;   // in the finished parts of a split recording
+      int64_t bytesBefore = 0; // in the finished parts of a split recording
       int part = 0;
       QString current = m_file;
       QString reason = "interrupted";
@@ -145,11 +145,11 @@ namespace Plexa
         if (console.errIsTerminal() && clock.elapsed() - lastStatus >= StatusMs) {
           const double seconds = (clock.elapsed() - lastStatus) / 1000.0;
           console.status(QString("recording %1: %2 values (%3/s), %4 events, %5 bytes")
-                           .arg(current)
-                           .arg(recorder.valueCount())
-                           .arg(qint64((recorder.valueCount() - lastValues) / std::max(seconds, 0.001)))
-                           .arg(recorder.eventCount())
-                           .arg(bytesBefore + recorder.fileBytes()));
+                             .arg(current)
+                             .arg(recorder.valueCount())
+                             .arg(qint64((recorder.valueCount() - lastValues) / std::max(seconds, 0.001)))
+                             .arg(recorder.eventCount())
+                             .arg(bytesBefore + recorder.fileBytes()));
           lastStatus = clock.elapsed();
           lastValues = recorder.valueCount();
         }
@@ -159,13 +159,13 @@ namespace Plexa
       if (!recorder.errorString().isEmpty())
         return fail(ExitFailure, recorder.errorString());
       console.err(QString("recorded %1 values and %2 events in %3 s into %4 (%5 bytes%6); %7")
-                    .arg(recorder.valueCount())
-                    .arg(recorder.eventCount())
-                    .arg(clock.elapsed() / 1000.0, 0, 'f', 1)
-                    .arg(m_file)
-                    .arg(bytesBefore + recorder.fileBytes())
-                    .arg(part ? QString(", %1 more files").arg(part) : QString())
-                    .arg(reason));
+                      .arg(recorder.valueCount())
+                      .arg(recorder.eventCount())
+                      .arg(clock.elapsed() / 1000.0, 0, 'f', 1)
+                      .arg(m_file)
+                      .arg(bytesBefore + recorder.fileBytes())
+                      .arg(part ? QString(", %1 more files").arg(part) : QString())
+                      .arg(reason));
       return ExitOk;
     }
   }

@@ -77,7 +77,8 @@ TEST(RecordEndToEnd, ARecordingDumpsWatchesAndReplaysAsTheLivePeer)
 
   const QString file = work.filePath("session.plexrec");
   Program recorder(home, {"record", address, file});
-  ASSERT_TRUE(pumpUntil({&server}, [&] { return QFileInfo(file).size() > 0; }, WaitMs));
+  ASSERT_TRUE(pumpUntil(
+      {&server}, [&] { return QFileInfo(file).size() > 0; }, WaitMs));
   for (int i = 1; i <= 50; ++i) {
     count->setValue(i);
     server.waitAndUpdate(1);
@@ -93,7 +94,8 @@ TEST(RecordEndToEnd, ARecordingDumpsWatchesAndReplaysAsTheLivePeer)
   scene.eventProcess("hello", small);
   scene.eventProcessSlice("big", large, 4000);
   scene.eventProcess("last", last);
-  ASSERT_TRUE(pumpUntil({&server}, [&] { return recordingHasEvent(file, "last"); }, WaitMs));
+  ASSERT_TRUE(pumpUntil(
+      {&server}, [&] { return recordingHasEvent(file, "last"); }, WaitMs));
   recorder.interrupt();
   EXPECT_EQ(recorder.finish(), 0);
   EXPECT_TRUE(recorder.err().startsWith("recorded 51 values and 3 events in ")) << recorder.err().toStdString();
@@ -114,7 +116,8 @@ TEST(RecordEndToEnd, ARecordingDumpsWatchesAndReplaysAsTheLivePeer)
   cutFile.close();
   auto cutDump = run({"dump", cut});
   EXPECT_EQ(status, 0);
-  EXPECT_TRUE(cutDump->err().startsWith("plexa dump: warning: " + cut + ": record cut at byte ")) << cutDump->err().toStdString();
+  EXPECT_TRUE(cutDump->err().startsWith("plexa dump: warning: " + cut + ": record cut at byte "))
+      << cutDump->err().toStdString();
 
   // Watching the file and watching its replay print the same changes and events.
   auto recorded = run({"watch", file, "--json"});

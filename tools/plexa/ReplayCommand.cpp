@@ -55,12 +55,12 @@ namespace Plexa
     void ReplayCommand::addOptions(QCommandLineParser& parser)
     {
       parser.addOptions({
-        listenOption(),
-        {"speed", "Play X times as fast as recorded (default 1).", "X", "1"},
-        {"as-fast-as-possible", "Play without waiting between records."},
-        {"loop", "Start over at the end (at --from)."},
-        {"from", "Start at this time, in seconds since the start of the recording.", "SECONDS"},
-        {"to", "End at this time, in seconds since the start of the recording.", "SECONDS"},
+          listenOption(),
+          {"speed", "Play X times as fast as recorded (default 1).", "X", "1"},
+          {"as-fast-as-possible", "Play without waiting between records."},
+          {"loop", "Start over at the end (at --from)."},
+          {"from", "Start at this time, in seconds since the start of the recording.", "SECONDS"},
+          {"to", "End at this time, in seconds since the start of the recording.", "SECONDS"},
       });
       parser.addPositionalArgument("FILE", "The recording to serve.");
     }

@@ -44,12 +44,13 @@ namespace Plexa
     void ServeCommand::addOptions(QCommandLineParser& parser)
     {
       parser.addOptions({
-        listenOption(),
-        {"tree", "Tree to publish, as JSON (default: an empty tree).", "FILE.json"},
-        {"share", "Folder whose files peers may fetch.", "DIR"},
-        {"max-connections", QString("Live connections at most (default %1).").arg(DefaultMaxConnections), "N",
-         QString::number(DefaultMaxConnections)},
-        {"retry", QString("When the address is taken, try again every %1 s (until --timeout if given).").arg(ListenRetrySeconds)},
+          listenOption(),
+          {"tree", "Tree to publish, as JSON (default: an empty tree).", "FILE.json"},
+          {"share", "Folder whose files peers may fetch.", "DIR"},
+          {"max-connections", QString("Live connections at most (default %1).").arg(DefaultMaxConnections), "N",
+           QString::number(DefaultMaxConnections)},
+          {"retry", QString("When the address is taken, try again every %1 s (until --timeout if given).")
+                        .arg(ListenRetrySeconds)},
       });
     }
 
@@ -62,8 +63,9 @@ namespace Plexa
       bool numberOk = false;
       const int maxConnections = parser.value("max-connections").toInt(&numberOk);
       if (!numberOk || maxConnections < 1)
-        return fail(ExitUsage, QString("--max-connections takes a number of at least 1, not '%1'")
-                                 .arg(parser.value("max-connections")));
+        return fail(
+            ExitUsage,
+            QString("--max-connections takes a number of at least 1, not '%1'").arg(parser.value("max-connections")));
       MirrorNode tree("tree");
       if (parser.isSet("tree") && !TreeJson::loadFile(parser.value("tree"), tree, &error))
         return fail(ExitFailure, error);

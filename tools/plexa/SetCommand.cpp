@@ -49,7 +49,8 @@ namespace Plexa
              "An existing attribute keeps its type; a new one takes the TYPE given, or one inferred from the\n"
              "value (true/false: bool, integer: int, other number: double, anything else: string).\n"
              "VALUE is JSON; lists may leave out their brackets. Types:\n  " +
-             AttributeJson::typeNames().mid(0, 18).join(", ") + ",\n  " + AttributeJson::typeNames().mid(18).join(", ") +
+             AttributeJson::typeNames().mid(0, 18).join(", ") + ",\n  " +
+             AttributeJson::typeNames().mid(18).join(", ") +
              ".\n"
              "\n"
              "Example: plexa set 127.0.0.1:5000 light/intensity=0.8 light/colour:color=1,0.5,0 name=Key";
@@ -66,8 +67,9 @@ namespace Plexa
     {
       const QString defaultType = parser.value("type");
       if (!defaultType.isEmpty() && !AttributeJson::isTypeName(defaultType))
-        return fail(ExitUsage, QString("unknown type '%1' (known types: %2)")
-                                 .arg(defaultType, AttributeJson::typeNames().join(", ")));
+        return fail(
+            ExitUsage,
+            QString("unknown type '%1' (known types: %2)").arg(defaultType, AttributeJson::typeNames().join(", ")));
       m_assignments.clear();
       for (const QString& argument : arguments) {
         Assignment a;
@@ -110,7 +112,7 @@ namespace Plexa
           if (change.type.isEmpty())
             return fail(ExitFailure, QString("%1 does not exist on the peer and the type of '%2' is not clear; give it "
                                              "as %1:TYPE=VALUE")
-                                       .arg(path, a.text));
+                                         .arg(path, a.text));
         }
         std::unique_ptr<Carafe::Attribute> probe(AttributeJson::create(change.type, change.value, &error));
         if (!probe)
@@ -131,12 +133,13 @@ namespace Plexa
       for (const Change& change : changes) {
         const Carafe::Attribute* applied = TreePath::find(mirror, change.path);
         const QJsonValue value = applied ? AttributeJson::value(*applied) : change.value;
-        console.out(QString("%1 (%2) = %3").arg(QString::fromUtf8(change.path), change.type, WatchFormat::compact(value)));
+        console.out(
+            QString("%1 (%2) = %3").arg(QString::fromUtf8(change.path), change.type, WatchFormat::compact(value)));
       }
       if (!confirmed)
         warn(QString("%1 did not confirm the values within %2 s (not a plexa serve?); they were sent")
-               .arg(address().toString())
-               .arg(timeoutSeconds()));
+                 .arg(address().toString())
+                 .arg(timeoutSeconds()));
       return ExitOk;
     }
 
@@ -161,7 +164,9 @@ namespace Plexa
         }
         if (clock.elapsed() >= timeoutMs()) {
           if (!written)
-            error = QString("the values could not be sent to %1 within %2 s").arg(address().toString()).arg(timeoutSeconds());
+            error = QString("the values could not be sent to %1 within %2 s")
+                        .arg(address().toString())
+                        .arg(timeoutSeconds());
           return false;
         }
         if (written)

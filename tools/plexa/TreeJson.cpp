@@ -36,8 +36,9 @@ namespace Plexa
           const QJsonValue typeValue = object.value(TreeJson::TypeKey);
           if (!typeValue.isString() || !AttributeJson::isTypeName(typeValue.toString())) {
             error = QString("%1 is not a type name (known types: %2)")
-                      .arg(typeValue.isString() ? "'" + typeValue.toString() + "'" : QString("\"%1\"").arg(TreeJson::TypeKey),
-                           AttributeJson::typeNames().join(", "));
+                        .arg(typeValue.isString() ? "'" + typeValue.toString() + "'"
+                                                  : QString("\"%1\"").arg(TreeJson::TypeKey),
+                             AttributeJson::typeNames().join(", "));
             return nullptr;
           }
           for (const QString& key : object.keys()) {
@@ -56,7 +57,7 @@ namespace Plexa
           type = AttributeJson::inferType(json);
           if (type.isEmpty()) {
             error = QString("cannot tell the type of this value; write it as {\"%1\": TYPE, \"value\": ...}")
-                      .arg(TreeJson::TypeKey);
+                        .arg(TreeJson::TypeKey);
             return nullptr;
           }
         }

@@ -113,14 +113,14 @@ TEST(TreeJson, AValueThatDoesNotFitNamesItsPathAndAddsNothing)
   Carafe::Node root;
   root.addAttribute("existing", new Carafe::AttributeT<int>(1));
   const std::vector<std::pair<const char*, const char*>> cases = {
-    {R"({"a": {"b": {"$type": "vec3f", "value": [1]}}})", "a/b: expected an array of 3 numbers"},
-    {R"({"a": {"b": {"$type": "vec3f"}}})", "a/b: missing \"value\""},
-    {R"({"a": {"$type": "int", "value": 1, "unit": "m"}})", "a: unexpected member \"unit\" beside \"$type\""},
-    {R"({"a": null})", "a: cannot tell the type of this value; write it as {\"$type\": TYPE, \"value\": ...}"},
-    {R"({"a": [1, 2]})", "a: cannot tell the type of this value; write it as {\"$type\": TYPE, \"value\": ...}"},
-    {R"({"a/b": 1})", "a/b: a name must not be empty or contain '/'"},
-    {R"({"n": {"": 1}})", "n/: a name must not be empty or contain '/'"},
-    {R"({"fresh": 1, "existing": 2})", "existing: already exists"},
+      {R"({"a": {"b": {"$type": "vec3f", "value": [1]}}})", "a/b: expected an array of 3 numbers"},
+      {R"({"a": {"b": {"$type": "vec3f"}}})", "a/b: missing \"value\""},
+      {R"({"a": {"$type": "int", "value": 1, "unit": "m"}})", "a: unexpected member \"unit\" beside \"$type\""},
+      {R"({"a": null})", "a: cannot tell the type of this value; write it as {\"$type\": TYPE, \"value\": ...}"},
+      {R"({"a": [1, 2]})", "a: cannot tell the type of this value; write it as {\"$type\": TYPE, \"value\": ...}"},
+      {R"({"a/b": 1})", "a/b: a name must not be empty or contain '/'"},
+      {R"({"n": {"": 1}})", "n/: a name must not be empty or contain '/'"},
+      {R"({"fresh": 1, "existing": 2})", "existing: already exists"},
   };
   for (const auto& [text, reason] : cases) {
     QString error;

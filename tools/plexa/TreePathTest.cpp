@@ -25,8 +25,8 @@ TEST(TreePath, WalksAVeryDeepTreeInOrderWithEmptyNodes)
 
   std::vector<QString> seen;
   TreePath::walk(
-    root, [&](const Carafe::Attribute&, const QString& path) { seen.push_back(path); },
-    [&](const QString& path) { seen.push_back(path + "/"); });
+      root, [&](const Carafe::Attribute&, const QString& path) { seen.push_back(path); },
+      [&](const QString& path) { seen.push_back(path + "/"); });
   EXPECT_EQ(seen, (std::vector<QString>{"a", QString("n/").repeated(Depth) + "v", "e/"}));
   EXPECT_EQ(TreePath::countAttributes(root), 2);
 }

@@ -44,7 +44,7 @@ namespace Plexa
       }
       if (!type.isEmpty() && !AttributeJson::isTypeName(type))
         return fail(error, QString("unknown type '%1' in '%2' (known types: %3)")
-                             .arg(type, argument, AttributeJson::typeNames().join(", ")));
+                               .arg(type, argument, AttributeJson::typeNames().join(", ")));
       if (path.startsWith('/'))
         path.remove(0, 1);
       if (path.isEmpty() || path.split('/').contains(QString()))

@@ -26,8 +26,7 @@ namespace Plexa
       /// Parses "PATH=VALUE" or "PATH:TYPE=VALUE" (`defaultType`, when not empty, stands for a
       /// missing TYPE). False, with a one-line reason in `error`, for a missing '=', an empty or
       /// malformed path, an unknown type, or a value that `parseValue` refuses for the type given.
-      static bool parseAssignment(const QString& argument, const QString& defaultType, Assignment& out,
-                                  QString* error);
+      static bool parseAssignment(const QString& argument, const QString& defaultType, Assignment& out, QString* error);
 
       /// The JSON value that `text` stands for, for an attribute of `type` (empty: not known yet).
       /// For string types the text is taken as it is. Otherwise it is read as JSON, where a list

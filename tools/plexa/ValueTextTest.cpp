@@ -49,12 +49,12 @@ TEST(ValueText, AssignmentsSplitIntoPathTypeAndText)
 TEST(ValueText, BadAssignmentsSayWhatIsWrong)
 {
   const std::vector<std::pair<const char*, const char*>> cases = {
-    {"light", "'light' is not PATH=VALUE"},
-    {"=1", "'=1' has no valid path before '=' (names separated by '/')"},
-    {"a//b=1", "'a//b=1' has no valid path before '=' (names separated by '/')"},
-    {"a/=1", "'a/=1' has no valid path before '=' (names separated by '/')"},
-    {"x:float=fast", "x: 'fast' is not a float value (illegal value)"},
-    {"x:vec3f=1,2", "x: not a vec3f value: expected an array of 3 numbers"},
+      {"light", "'light' is not PATH=VALUE"},
+      {"=1", "'=1' has no valid path before '=' (names separated by '/')"},
+      {"a//b=1", "'a//b=1' has no valid path before '=' (names separated by '/')"},
+      {"a/=1", "'a/=1' has no valid path before '=' (names separated by '/')"},
+      {"x:float=fast", "x: 'fast' is not a float value (illegal value)"},
+      {"x:vec3f=1,2", "x: not a vec3f value: expected an array of 3 numbers"},
   };
   for (const auto& [argument, reason] : cases) {
     Assignment a;

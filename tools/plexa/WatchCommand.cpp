@@ -88,11 +88,11 @@ namespace Plexa
       m_listener = mirror.addAttributeChangeListener([this, &mirror](const NodeWatcher::Event& e) {
         QByteArray path;
         mirror.symbolRegistry().lookup(e.symbol, path);
-        print(WatchFormat::attributeEvent(kindOf(e.type), QString::fromUtf8(path), mirror.attributeCache().find(e.symbol)));
+        print(WatchFormat::attributeEvent(kindOf(e.type), QString::fromUtf8(path),
+                                          mirror.attributeCache().find(e.symbol)));
       });
-      mirror.setRemoteEventCallback([this](const QByteArray& name, const Bastion::BinaryData& data) {
-        printRemoteEvent(name, data);
-      });
+      mirror.setRemoteEventCallback(
+          [this](const QByteArray& name, const Bastion::BinaryData& data) { printRemoteEvent(name, data); });
     }
 
     void WatchCommand::beforeConnecting(MirrorNode& mirror, Peer& peer)
@@ -110,8 +110,8 @@ namespace Plexa
     {
       peer.setRetryCallback([this](double secondsLeft) {
         console.status(QString("connection to %1 lost; next attempt in %2 s")
-                         .arg(address().toString())
-                         .arg(int(std::ceil(secondsLeft))));
+                           .arg(address().toString())
+                           .arg(int(std::ceil(secondsLeft))));
       });
       // Until Ctrl-C, or until nobody reads the output any more.
       while (!Interrupt::requested() && !console.outputBroken())
@@ -130,7 +130,8 @@ namespace Plexa
       MirrorNode mirror("tree");
       listen(mirror);
       RecordingPlayer player(mirror);
-      player.setEventCallback([this](const QByteArray& name, Bastion::BinaryData& data) { printRemoteEvent(name, data); });
+      player.setEventCallback(
+          [this](const QByteArray& name, Bastion::BinaryData& data) { printRemoteEvent(name, data); });
       Recording::Record record;
       while (!Interrupt::requested() && !console.outputBroken() && recording.next(record)) {
         m_recordedTime = QDateTime::fromMSecsSinceEpoch((recording.startWallNs() + record.timeNs) / 1000000);

@@ -47,7 +47,8 @@ namespace Plexa
         QStringList parts;
         for (const QJsonValue item : event.items) {
           if (item.isObject())
-            parts << QString("<%1-byte blob>").arg(QByteArray::fromBase64(item.toObject().value("blob").toString().toLatin1()).size());
+            parts << QString("<%1-byte blob>")
+                         .arg(QByteArray::fromBase64(item.toObject().value("blob").toString().toLatin1()).size());
           else
             parts << WatchFormat::compact(item);
         }
@@ -60,7 +61,8 @@ namespace Plexa
       }
     }
 
-    WatchEvent WatchFormat::attributeEvent(WatchEvent::Kind kind, const QString& path, const Carafe::Attribute* attribute)
+    WatchEvent WatchFormat::attributeEvent(WatchEvent::Kind kind, const QString& path,
+                                           const Carafe::Attribute* attribute)
     {
       WatchEvent event;
       event.kind = kind;

@@ -72,11 +72,12 @@ TEST(WatchFormat, EventPayloadsAreDecodedItemByItem)
   EXPECT_EQ(payload.position(), 8);
   EXPECT_TRUE(event.payloadComplete);
   EXPECT_EQ(event.payloadBytes, payload.size());
-  EXPECT_EQ(event.items, (QJsonArray{-3, "1152921504606846976", 42, 0.5, -1.25, "text", QJsonObject{{"blob", "AQID"}}}));
+  EXPECT_EQ(event.items,
+            (QJsonArray{-3, "1152921504606846976", 42, 0.5, -1.25, "text", QJsonObject{{"blob", "AQID"}}}));
   EXPECT_EQ(WatchFormat::readable(event, When),
             QString("07:08:09.012 event   snapshot (%1 bytes) -3, \"1152921504606846976\", 42, 0.5, -1.25, \"text\", "
                     "<3-byte blob>")
-              .arg(payload.size()));
+                .arg(payload.size()));
   const QJsonObject json = parsedLine(WatchFormat::jsonLine(event, When));
   EXPECT_EQ(json.value("name"), "snapshot");
   EXPECT_EQ(json.value("items"), event.items);
