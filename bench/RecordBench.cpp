@@ -1,7 +1,8 @@
 // Recording a tree: values recorded per second from local changes and from a peer over
 // 127.0.0.1 (with the write buffer's peak, which bounds the recorder's memory), bytes per value
-// on disk, and reading the file back (records checked and handed out, then also applied to a
-// tree) against a plain read of the same file in the same run.
+// on disk, reading the file back (records checked and handed out, then also applied to a tree)
+// against a plain read of the same file in the same run, and finding the tree at a time in the
+// middle through the snapshot index against reading up to it from the start.
 //
 // Local and reading times are this thread's CPU time (the machine is shared); the peer's rate is
 // wall time, as it spans the connection's threads.
@@ -186,6 +187,35 @@ int main(int argc, char** argv)
               readSeconds / plainSeconds);
   std::printf("%-40s %14.0f %10.2f\n", "records applied to a tree", bytes / playSeconds / 1e6,
               playSeconds / plainSeconds);
+
+  // The tree at a time in the middle: through the snapshot index (the last snapshot before it),
+  // and by reading the records from the start up to it. Wall time: both are mostly reading.
+  Plexa::Recording finder;
+  finder.open(fileName);
+  long seen = 0;
+  int64_t middle = 0;
+  while (finder.next(record) && seen++ < records / 2)
+    middle = record.timeNs;
+  auto treeAt = [&](bool indexed) {
+    const auto begin = Clock::now();
+    Plexa::Recording reading;
+    reading.open(fileName);
+    Plexa::RemoteNode at(nullptr, "scene");
+    Plexa::RecordingPlayer atPlayer(at);
+    if (indexed) {
+      atPlayer.playUntil(reading, middle);
+    } else {
+      Plexa::Recording::Record each;
+      while (reading.next(each) && each.timeNs <= middle)
+        atPlayer.apply(each);
+    }
+    return secondsSince(begin);
+  };
+  const double fromStart = treeAt(false);
+  const double indexed = treeAt(true);
+  std::printf("%-40s %14.1f %10.2f\n", "tree in the middle, from the start (ms)", fromStart * 1e3, 1.0);
+  std::printf("%-40s %14.1f %10.2f\n", "tree in the middle, via the index (ms)", indexed * 1e3, indexed / fromStart);
+
   std::printf("\n%ld values in %ld records, %lld bytes: %.1f bytes per value; recorder's peak buffer %lld bytes\n",
               values, records, (long long)fileBytes, double(fileBytes) / double(values), (long long)peak);
   return 0;

@@ -18,8 +18,8 @@ install(TARGETS ${_plexa_targets} EXPORT PlexaTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-# The public API: the headers an application includes (Peer, Version, RemoteNode, SyncFlags, the Carafe
-# tree) and exactly the headers they include in turn. Internals and test helpers stay in the
+# The public API: the headers an application includes (Peer, Version, RemoteNode, SyncFlags, the
+# recorder and its reader, the Carafe tree) and exactly the headers they include in turn. Internals and test helpers stay in the
 # source tree, so nothing outside the library can come to depend on them. `./run examples` compiles
 # the installed headers with nothing but the install, which fails when one of them includes a
 # header missing from this list.
@@ -40,6 +40,9 @@ if(TARGET Plexa)
     plexa/app/Peer.hpp
     plexa/app/QtPeerDriver.hpp
     plexa/app/Version.hpp
+    plexa/record/Recorder.hpp
+    plexa/record/Recording.hpp
+    plexa/record/RecordingPlayer.hpp
     plexa/remote/RemoteNode.hpp
     plexa/remote/SliceAssembler.hpp
     plexa/remote/SyncFlags.hpp

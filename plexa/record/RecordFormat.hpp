@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace Plexa
@@ -29,6 +30,18 @@ namespace Plexa
     /// than the file still holds.
     constexpr uint32_t MaxRecordBytes = 256u * 1024 * 1024;
 
+    /// Snapshots an end record indexes at most (16 bytes each): a recorder taking snapshots very
+    /// often keeps no index rather than one that grows without bound, and readers then scan.
+    constexpr size_t MaxIndexedSnapshots = 1000000;
+
+    /// One snapshot in the index of an end record: its time and the offset of its frame.
+    struct IndexEntry
+    {
+      int64_t timeNs;
+      int64_t offset;
+    };
+    static_assert(sizeof(IndexEntry) == 16, "written as it is in memory");
+
     enum Kind : uint32_t
     {
       /// The whole tree: a count, then entries (symbol, type id, path, value block).
@@ -41,8 +54,9 @@ namespace Plexa
       Removed = 4,
       /// An event from the peer, whole (sliced events put together): name, payload.
       Event = 5,
-      /// The recorder closed the file: values and events written, and the name of the next file
-      /// of a split recording (empty when there is none).
+      /// The recorder closed the file: values and events written, the name of the next file of a
+      /// split recording (empty when there is none), the index of the file's snapshots (a count,
+      /// then time and offset of each), and last the body's length.
       End = 6
     };
 

@@ -2,16 +2,21 @@
 
 #include "plexa/record/RecordFormat.hpp"
 #include "plexa/remote/RemoteNode.hpp"
+#include "plexa/types/TypeRegistry.hpp"
 
 #include "bastion/BinaryData.hpp"
 #include "bastion/Log.hpp"
 #include "carafe/Node.hpp"
 
 #include <QDateTime>
+#include <QElapsedTimer>
+#include <QFile>
 
 #include <xxhash.h>
 
 #include <algorithm>
+#include <unordered_map>
+#include <vector>
 
 #ifndef PLEXA_VERSION_TEXT
 #define PLEXA_VERSION_TEXT "unknown"
@@ -24,11 +29,69 @@ namespace Plexa
     return uint32_t(XXH3_64bits(bytes, size));
   }
 
-  Recorder::Recorder(RemoteNode& node, const RecorderOptions& options)
-      : m_node(node)
-      , m_options(options)
+  struct Recorder::D
   {
-    m_options.bufferBytes = std::max<int64_t>(m_options.bufferBytes, 4096);
+    struct Cached
+    {
+      Carafe::Attribute* attribute = nullptr;
+      uint32_t typeId = 0;
+      Serializer serializer;
+    };
+
+    D(RemoteNode& node, const RecorderOptions& options)
+        : node(node)
+        , options(options)
+    {
+    }
+
+    void onWatcherEvent(int type, uint32_t symbol);
+    bool startFile(const QString& fileName, QString* error);
+    void finishFile(const QString& nextFile);
+    bool flush();
+    void fail(const QString& message);
+    void writeHeader();
+    void writeSnapshot();
+    /// One snapshot entry or addition: false when the object cannot be recorded.
+    bool writeEntry(BundleWriterCore& writer, uint32_t symbol, const QByteArray& path, Carafe::Attribute* object);
+    const Cached* cached(uint32_t symbol, Carafe::Attribute* attribute);
+    uint32_t beginRecord(uint32_t kind);
+    /// Fills in the frame; false (logged, the record dropped) when the body is over the format's
+    /// size limit.
+    bool endRecord(uint32_t start);
+    void maybeSnapshot();
+    void recordEvent(const QByteArray& name, const Bastion::BinaryData& payload);
+    bool isOpen() const { return file.isOpen(); }
+    int64_t fileBytes() const { return writtenBytes + buffer.size(); }
+
+    RemoteNode& node;
+    RecorderOptions options;
+    TypeRegistry types;
+    QFile file;
+    QByteArray buffer;
+    QElapsedTimer clock;
+    long listener = -1;
+    QString error;
+    std::unordered_map<uint32_t, Cached> cache;
+    /// The snapshots of the present file, for the index in its end record.
+    std::vector<RecordFormat::IndexEntry> snapshots;
+    bool indexDropped = false;
+
+    int64_t writtenBytes = 0;
+    int64_t peakBuffer = 0;
+    int64_t lastSnapshotBytes = 0;
+    int64_t lastSnapshotNs = 0;
+    /// The time of the record being written.
+    int64_t now = 0;
+    uint64_t values = 0;
+    uint64_t events = 0;
+    /// No periodic snapshot now: one is being written, or the end record (which must stay last).
+    bool holdSnapshots = false;
+  };
+
+  Recorder::Recorder(RemoteNode& node, const RecorderOptions& options)
+      : d(new D(node, options))
+  {
+    d->options.bufferBytes = std::max<int64_t>(d->options.bufferBytes, 4096);
   }
 
   Recorder::~Recorder()
@@ -39,33 +102,13 @@ namespace Plexa
   bool Recorder::open(const QString& fileName, QString* error)
   {
     close();
-    m_error.clear();
-    m_clock.start();
-    if (!startFile(fileName, error))
+    d->error.clear();
+    d->clock.start();
+    if (!d->startFile(fileName, error))
       return false;
-    m_listener =
-        m_node.addAttributeChangeListener([this](const NodeWatcher::Event& e) { onWatcherEvent(e.type, e.symbol); });
-    return true;
-  }
-
-  bool Recorder::startFile(const QString& fileName, QString* error)
-  {
-    m_file.setFileName(fileName);
-    if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-      if (error)
-        *error = QString("cannot write %1: %2").arg(fileName, m_file.errorString());
-      return false;
-    }
-    m_fileBytes = 0;
-    m_buffer.clear();
-    m_buffer.reserve(int(m_options.bufferBytes) + 4096);
-    writeHeader();
-    writeSnapshot();
-    if (!flush()) {
-      if (error)
-        *error = m_error;
-      return false;
-    }
+    D* self = d.get();
+    d->listener = d->node.addAttributeChangeListener(
+        [self](const NodeWatcher::Event& e) { self->onWatcherEvent(e.type, e.symbol); });
     return true;
   }
 
@@ -73,8 +116,8 @@ namespace Plexa
   {
     if (!isOpen())
       return false;
-    finishFile(fileName);
-    if (!startFile(fileName, error)) {
+    d->finishFile(fileName);
+    if (!d->startFile(fileName, error)) {
       close();
       return false;
     }
@@ -83,131 +126,208 @@ namespace Plexa
 
   void Recorder::close()
   {
-    if (m_listener >= 0) {
-      m_node.removeAttributeChangeListener(m_listener);
-      m_listener = -1;
+    if (d->listener >= 0) {
+      d->node.removeAttributeChangeListener(d->listener);
+      d->listener = -1;
     }
     if (isOpen())
-      finishFile(QString());
-    m_cache.clear();
-  }
-
-  void Recorder::finishFile(const QString& nextFile)
-  {
-    const uint32_t start = beginRecord(RecordFormat::End);
-    BundleWriterCore writer(m_buffer);
-    writer.writeValue(uint64_t(m_values));
-    writer.writeValue(uint64_t(m_events));
-    writer.writeString(nextFile);
-    endRecord(start);
-    if (flush())
-      m_file.close();
+      d->finishFile(QString());
+    d->cache.clear();
   }
 
   bool Recorder::flush()
   {
-    if (!isOpen())
-      return false;
-    m_peakBuffer = std::max<int64_t>(m_peakBuffer, m_buffer.size());
-    if (m_buffer.isEmpty())
-      return true;
-    const int64_t written = m_file.write(m_buffer);
-    if (written != m_buffer.size() || !m_file.flush()) {
-      fail(QString("cannot write %1: %2").arg(m_file.fileName(), m_file.errorString()));
+    return d->flush();
+  }
+
+  void Recorder::recordEvent(const QByteArray& name, const Bastion::BinaryData& payload)
+  {
+    d->recordEvent(name, payload);
+  }
+
+  bool Recorder::isOpen() const
+  {
+    return d->isOpen();
+  }
+
+  QString Recorder::errorString() const
+  {
+    return d->error;
+  }
+
+  int64_t Recorder::fileBytes() const
+  {
+    return d->fileBytes();
+  }
+
+  uint64_t Recorder::valueCount() const
+  {
+    return d->values;
+  }
+
+  uint64_t Recorder::eventCount() const
+  {
+    return d->events;
+  }
+
+  int64_t Recorder::elapsedNs() const
+  {
+    return d->clock.nsecsElapsed();
+  }
+
+  int64_t Recorder::peakBufferBytes() const
+  {
+    return d->peakBuffer;
+  }
+
+  bool Recorder::D::startFile(const QString& fileName, QString* errorOut)
+  {
+    file.setFileName(fileName);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+      if (errorOut)
+        *errorOut = QString("cannot write %1: %2").arg(fileName, file.errorString());
       return false;
     }
-    m_fileBytes += written;
-    m_buffer.resize(0);
+    writtenBytes = 0;
+    snapshots.clear();
+    indexDropped = false;
+    buffer.clear();
+    buffer.reserve(int(options.bufferBytes) + 4096);
+    writeHeader();
+    writeSnapshot();
+    if (!flush()) {
+      if (errorOut)
+        *errorOut = error;
+      return false;
+    }
     return true;
   }
 
-  void Recorder::fail(const QString& message)
+  void Recorder::D::finishFile(const QString& nextFile)
   {
-    m_error = message;
+    const uint32_t start = beginRecord(RecordFormat::End);
+    BundleWriterCore writer(buffer);
+    writer.writeValue(uint64_t(values));
+    writer.writeValue(uint64_t(events));
+    writer.writeString(nextFile);
+    // The index of the file's snapshots, so that a reader finds the one before a time without
+    // reading the file; none when there were too many to keep.
+    const uint32_t count = indexDropped ? 0 : uint32_t(snapshots.size());
+    writer.writeValue(count);
+    if (count)
+      writer.write(snapshots.data(), uint32_t(count * sizeof(RecordFormat::IndexEntry)));
+    // The body's own length last: a reader finds the end record from the end of the file.
+    writer.writeValue(uint32_t(writer.size() + 4 - start - RecordFormat::FrameSize));
+    holdSnapshots = true;
+    endRecord(start);
+    holdSnapshots = false;
+    if (flush())
+      file.close();
+  }
+
+  bool Recorder::D::flush()
+  {
+    if (!isOpen())
+      return false;
+    peakBuffer = std::max<int64_t>(peakBuffer, buffer.size());
+    if (buffer.isEmpty())
+      return true;
+    const int64_t written = file.write(buffer);
+    if (written != buffer.size() || !file.flush()) {
+      fail(QString("cannot write %1: %2").arg(file.fileName(), file.errorString()));
+      return false;
+    }
+    writtenBytes += written;
+    buffer.resize(0);
+    return true;
+  }
+
+  void Recorder::D::fail(const QString& message)
+  {
+    error = message;
     Bastion::error("Recorder # %s; recording stopped", qPrintable(message));
-    m_buffer.resize(0);
-    m_file.close();
-    if (m_listener >= 0) {
-      m_node.removeAttributeChangeListener(m_listener);
-      m_listener = -1;
+    buffer.resize(0);
+    file.close();
+    if (listener >= 0) {
+      node.removeAttributeChangeListener(listener);
+      listener = -1;
     }
   }
 
-  void Recorder::writeHeader()
+  void Recorder::D::writeHeader()
   {
-    BundleWriterCore writer(m_buffer);
+    BundleWriterCore writer(buffer);
     writer.write(RecordFormat::Magic, sizeof(RecordFormat::Magic));
     writer.writeValue(RecordFormat::Version);
     const uint32_t lengthAt = writer.beginBlock();
     const uint32_t bodyAt = writer.size();
-    const QDateTime now = QDateTime::currentDateTimeUtc();
+    const QDateTime wallNow = QDateTime::currentDateTimeUtc();
     // Wall-clock nanoseconds of the moment the monotonic times count from.
-    const int64_t startNs = (now.toMSecsSinceEpoch() - m_clock.elapsed()) * 1000000;
+    const int64_t startNs = (wallNow.toMSecsSinceEpoch() - clock.elapsed()) * 1000000;
     writer.writeValue(startNs);
     writer.writeString(QString(PLEXA_VERSION_TEXT));
-    writer.writeString(m_options.source);
-    writer.writeString(QString::fromUtf8(m_node.name()));
+    writer.writeString(options.source);
+    writer.writeString(QString::fromUtf8(node.name()));
     writer.endBlock(lengthAt);
-    const uint32_t sum = RecordFormat::checksum(m_buffer.constData() + bodyAt, writer.size() - bodyAt);
+    const uint32_t sum = RecordFormat::checksum(buffer.constData() + bodyAt, writer.size() - bodyAt);
     writer.writeValue(sum);
   }
 
-  uint32_t Recorder::beginRecord(uint32_t kind)
+  uint32_t Recorder::D::beginRecord(uint32_t kind)
   {
-    BundleWriterCore writer(m_buffer);
+    BundleWriterCore writer(buffer);
     const uint32_t start = writer.size();
     writer.writeValue(uint64_t(0)); // length and checksum, filled in by endRecord
     writer.writeValue(kind);
-    m_now = m_clock.nsecsElapsed();
-    writer.writeValue(m_now);
+    now = clock.nsecsElapsed();
+    writer.writeValue(now);
     return start;
   }
 
-  bool Recorder::endRecord(uint32_t start)
+  bool Recorder::D::endRecord(uint32_t start)
   {
     const uint32_t body = start + RecordFormat::FrameSize;
-    if (uint32_t(m_buffer.size()) - body > RecordFormat::MaxRecordBytes) {
+    if (uint32_t(buffer.size()) - body > RecordFormat::MaxRecordBytes) {
       // A reader would stop at it and lose everything after it: it is left out instead.
       Bastion::warning("Recorder # a record of %u bytes is over the limit of %u bytes and left out",
-                       uint32_t(m_buffer.size()) - body, RecordFormat::MaxRecordBytes);
-      m_buffer.resize(int(start));
+                       uint32_t(buffer.size()) - body, RecordFormat::MaxRecordBytes);
+      buffer.resize(int(start));
       return false;
     }
-    const uint32_t frame[2] = {uint32_t(m_buffer.size()) - body,
-                               RecordFormat::checksum(m_buffer.constData() + body, size_t(m_buffer.size()) - body)};
-    std::memcpy(m_buffer.data() + start, frame, sizeof(frame));
-    if (m_buffer.size() >= m_options.bufferBytes)
+    const uint32_t frame[2] = {uint32_t(buffer.size()) - body,
+                               RecordFormat::checksum(buffer.constData() + body, size_t(buffer.size()) - body)};
+    std::memcpy(buffer.data() + start, frame, sizeof(frame));
+    if (buffer.size() >= options.bufferBytes)
       flush();
-    if (!m_inSnapshot)
+    if (!holdSnapshots)
       maybeSnapshot();
     return true;
   }
 
-  void Recorder::maybeSnapshot()
+  void Recorder::D::maybeSnapshot()
   {
-    const bool bySize = m_options.snapshotBytes > 0 && fileBytes() - m_lastSnapshotBytes >= m_options.snapshotBytes;
-    const bool byTime =
-        m_options.snapshotSeconds > 0 && double(m_now - m_lastSnapshotNs) >= m_options.snapshotSeconds * 1e9;
+    const bool bySize = options.snapshotBytes > 0 && fileBytes() - lastSnapshotBytes >= options.snapshotBytes;
+    const bool byTime = options.snapshotSeconds > 0 && double(now - lastSnapshotNs) >= options.snapshotSeconds * 1e9;
     if (isOpen() && (bySize || byTime))
       writeSnapshot();
   }
 
-  const Recorder::Cached* Recorder::cached(uint32_t symbol, Carafe::Attribute* attribute)
+  const Recorder::D::Cached* Recorder::D::cached(uint32_t symbol, Carafe::Attribute* attribute)
   {
-    auto it = m_cache.find(symbol);
-    if (it != m_cache.end() && it->second.attribute == attribute)
+    auto it = cache.find(symbol);
+    if (it != cache.end() && it->second.attribute == attribute)
       return &it->second;
     Cached entry;
     entry.attribute = attribute;
     uint32_t size = 0;
-    entry.serializer = m_types.createSerializer(attribute, entry.typeId, size);
+    entry.serializer = types.createSerializer(attribute, entry.typeId, size);
     if (!entry.serializer)
       return nullptr;
-    return &(m_cache[symbol] = std::move(entry));
+    return &(cache[symbol] = std::move(entry));
   }
 
-  bool Recorder::writeEntry(BundleWriterCore& writer, uint32_t symbol, const QByteArray& path,
-                            Carafe::Attribute* object)
+  bool Recorder::D::writeEntry(BundleWriterCore& writer, uint32_t symbol, const QByteArray& path,
+                               Carafe::Attribute* object)
   {
     if (dynamic_cast<Carafe::Node*>(object)) {
       writer.writeValue(symbol);
@@ -227,33 +347,40 @@ namespace Plexa
     return true;
   }
 
-  void Recorder::writeSnapshot()
+  void Recorder::D::writeSnapshot()
   {
-    m_inSnapshot = true;
+    holdSnapshots = true;
+    const int64_t offset = fileBytes();
     const uint32_t start = beginRecord(RecordFormat::Snapshot);
-    BundleWriterCore writer(m_buffer);
+    BundleWriterCore writer(buffer);
     const uint32_t countAt = writer.size();
     writer.writeValue(uint32_t(0));
     uint32_t count = 0;
-    std::function<void(Carafe::Node&, const QByteArray&)> walk = [&](Carafe::Node& node, const QByteArray& prefix) {
-      for (Carafe::Attribute* child : node.attributes()) {
+    std::function<void(Carafe::Node&, const QByteArray&)> walk = [&](Carafe::Node& parent, const QByteArray& prefix) {
+      for (Carafe::Attribute* child : parent.attributes()) {
         const QByteArray path = prefix.isEmpty() ? child->name() : prefix + '/' + child->name();
-        const uint32_t symbol = m_node.symbolRegistry().lookupOrDefine(path);
+        const uint32_t symbol = node.symbolRegistry().lookupOrDefine(path);
         if (writeEntry(writer, symbol, path, child))
           ++count;
         if (auto* childNode = dynamic_cast<Carafe::Node*>(child))
           walk(*childNode, path);
       }
     };
-    walk(m_node, QByteArray());
+    walk(node, QByteArray());
     writer.writeDataAt(countAt, &count, 4);
-    endRecord(start);
-    m_lastSnapshotNs = m_clock.nsecsElapsed();
-    m_lastSnapshotBytes = fileBytes();
-    m_inSnapshot = false;
+    const int64_t time = now;
+    if (endRecord(start)) {
+      if (snapshots.size() < RecordFormat::MaxIndexedSnapshots)
+        snapshots.push_back({time, offset});
+      else
+        indexDropped = true;
+    }
+    lastSnapshotNs = clock.nsecsElapsed();
+    lastSnapshotBytes = fileBytes();
+    holdSnapshots = false;
   }
 
-  void Recorder::onWatcherEvent(int type, uint32_t symbol)
+  void Recorder::D::onWatcherEvent(int type, uint32_t symbol)
   {
     if (!isOpen())
       return;
@@ -261,63 +388,63 @@ namespace Plexa
     case NodeWatcher::AttributeChanged: {
       // The hot path: an attribute seen before is still the one cached, as its removal (or its
       // node's) would have dropped the entry.
-      auto it = m_cache.find(symbol);
-      const Cached* entry = it != m_cache.end() ? &it->second : nullptr;
+      auto it = cache.find(symbol);
+      const Cached* entry = it != cache.end() ? &it->second : nullptr;
       if (!entry) {
-        Carafe::Attribute* attribute = m_node.attributeCache().find(symbol);
+        Carafe::Attribute* attribute = node.attributeCache().find(symbol);
         entry = attribute ? cached(symbol, attribute) : nullptr;
       }
       if (!entry)
         return;
       const uint32_t start = beginRecord(RecordFormat::Changed);
-      BundleWriterCore writer(m_buffer);
+      BundleWriterCore writer(buffer);
       writer.writeValue(symbol);
       const uint32_t at = writer.beginBlock();
       entry->serializer(writer);
       writer.endBlock(at);
       if (endRecord(start))
-        ++m_values;
+        ++values;
       return;
     }
     case NodeWatcher::AttributeAdded:
     case NodeWatcher::NodeAdded: {
-      Carafe::Attribute* object = m_node.attributeCache().find(symbol);
+      Carafe::Attribute* object = node.attributeCache().find(symbol);
       QByteArray path;
-      if (!object || !m_node.symbolRegistry().lookup(symbol, path))
+      if (!object || !node.symbolRegistry().lookup(symbol, path))
         return;
-      m_cache.erase(symbol);
+      cache.erase(symbol);
       const uint32_t start = beginRecord(RecordFormat::Added);
-      BundleWriterCore writer(m_buffer);
+      BundleWriterCore writer(buffer);
       if (!writeEntry(writer, symbol, path, object)) {
-        m_buffer.resize(int(start));
+        buffer.resize(int(start));
         return;
       }
       if (endRecord(start) && type == NodeWatcher::AttributeAdded)
-        ++m_values;
+        ++values;
       return;
     }
     default: {
       if (type == NodeWatcher::NodeRemoved)
-        m_cache.clear(); // whatever was under the node went with it
+        cache.clear(); // whatever was under the node went with it
       else
-        m_cache.erase(symbol);
+        cache.erase(symbol);
       const uint32_t start = beginRecord(RecordFormat::Removed);
-      BundleWriterCore(m_buffer).writeValue(symbol);
+      BundleWriterCore(buffer).writeValue(symbol);
       endRecord(start);
     }
     }
   }
 
-  void Recorder::recordEvent(const QByteArray& name, const Bastion::BinaryData& payload)
+  void Recorder::D::recordEvent(const QByteArray& name, const Bastion::BinaryData& payload)
   {
     if (!isOpen())
       return;
     const uint32_t start = beginRecord(RecordFormat::Event);
-    BundleWriterCore writer(m_buffer);
+    BundleWriterCore writer(buffer);
     writer.writeBinary(name);
     writer.writeValue(uint32_t(payload.size()));
     writer.write(payload.data(), uint32_t(payload.size()));
     if (endRecord(start))
-      ++m_events;
+      ++events;
   }
 }

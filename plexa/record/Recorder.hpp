@@ -1,29 +1,17 @@
 #pragma once
 
-#include "plexa/types/TypeRegistry.hpp"
-
-#include <QByteArray>
-#include <QElapsedTimer>
-#include <QFile>
 #include <QString>
 
 #include <cstdint>
-#include <unordered_map>
+#include <memory>
 
 namespace Bastion
 {
   class BinaryData;
 }
 
-namespace Carafe
-{
-  class Attribute;
-  class Node;
-}
-
 namespace Plexa
 {
-  class BundleWriterCore;
   class RemoteNode;
 
   struct RecorderOptions
@@ -75,61 +63,22 @@ namespace Plexa
     /// record size limit (256 MiB) is left out with a logged warning.
     void recordEvent(const QByteArray& name, const Bastion::BinaryData& payload);
 
-    bool isOpen() const { return m_file.isOpen(); }
+    bool isOpen() const;
     /// The reason the recording stopped by itself (a failed write), empty when it did not.
-    QString errorString() const { return m_error; }
+    QString errorString() const;
     /// Bytes in the present file, buffered ones included.
-    int64_t fileBytes() const { return m_fileBytes + m_buffer.size(); }
+    int64_t fileBytes() const;
     /// Attribute values (additions and changes, snapshot entries not counted) and events recorded
     /// since construction.
-    uint64_t valueCount() const { return m_values; }
-    uint64_t eventCount() const { return m_events; }
+    uint64_t valueCount() const;
+    uint64_t eventCount() const;
     /// Monotonic nanoseconds since `open`: the time the next record gets.
-    int64_t elapsedNs() const { return m_clock.nsecsElapsed(); }
+    int64_t elapsedNs() const;
     /// The most bytes the buffer held.
-    int64_t peakBufferBytes() const { return m_peakBuffer; }
+    int64_t peakBufferBytes() const;
 
   private:
-    struct Cached
-    {
-      Carafe::Attribute* attribute = nullptr;
-      uint32_t typeId = 0;
-      Serializer serializer;
-    };
-
-    void onWatcherEvent(int type, uint32_t symbol);
-    bool startFile(const QString& fileName, QString* error);
-    void finishFile(const QString& nextFile);
-    void writeHeader();
-    void writeSnapshot();
-    /// One snapshot entry or addition: false when the object cannot be recorded.
-    bool writeEntry(BundleWriterCore& writer, uint32_t symbol, const QByteArray& path, Carafe::Attribute* object);
-    const Cached* cached(uint32_t symbol, Carafe::Attribute* attribute);
-    uint32_t beginRecord(uint32_t kind);
-    /// Fills in the frame; false (logged, the record dropped) when the body is over the format's
-    /// size limit.
-    bool endRecord(uint32_t start);
-    void maybeSnapshot();
-    void fail(const QString& message);
-
-    RemoteNode& m_node;
-    RecorderOptions m_options;
-    TypeRegistry m_types;
-    QFile m_file;
-    QByteArray m_buffer;
-    QElapsedTimer m_clock;
-    long m_listener = -1;
-    QString m_error;
-    std::unordered_map<uint32_t, Cached> m_cache;
-
-    int64_t m_fileBytes = 0;
-    int64_t m_peakBuffer = 0;
-    int64_t m_lastSnapshotBytes = 0;
-    int64_t m_lastSnapshotNs = 0;
-    /// The time of the record being written.
-    int64_t m_now = 0;
-    uint64_t m_values = 0;
-    uint64_t m_events = 0;
-    bool m_inSnapshot = false;
+    struct D;
+    std::unique_ptr<D> d;
   };
 }

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <QByteArray>
-#include <QFile>
 #include <QString>
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace Plexa
@@ -45,55 +45,55 @@ namespace Plexa
     /// Opens `fileName` and reads its header. False, with the reason in `error`, when the file
     /// cannot be read or its header is not a whole, intact recording header of a known version.
     bool open(const QString& fileName, QString* error = nullptr);
+    QString fileName() const;
 
     /// The next whole record; false at the end of what can be read (see `stopReason`).
     bool next(Record& record);
     /// Goes on reading at `offset` (an offset `next` gave, or `firstRecordOffset`).
     bool seek(int64_t offset);
-    int64_t firstRecordOffset() const { return m_firstRecord; }
+    int64_t firstRecordOffset() const;
 
+    /// The file's snapshots: from the index in the end record when the file has a whole one (a
+    /// few reads at its end), else by reading the whole file once (`scanSnapshots`).
+    std::vector<SnapshotMark> snapshots();
     /// Reads the whole file once (from the first record) and lists its snapshots; the read
     /// position is then at the first record again.
     std::vector<SnapshotMark> scanSnapshots();
+    /// Reads the end record at the end of the file, without reading the rest: its snapshot index
+    /// and where the next file of a split recording is (as `nextPartPath`). False when the file does not end with a
+    /// whole end record that carries an index (a file cut, still being written, or indexing no snapshot).
+    bool readIndex(std::vector<SnapshotMark>& snapshots, QString& nextPartPath);
+
+    /// Takes in what was appended to the file since it was opened or last refreshed (a recording
+    /// still being written): when reading stopped at the end of the written part, `next` tries
+    /// again from there. True when the file grew.
+    bool refresh();
 
     /// After `next` returned false: true when the file ended with the recorder's end record (and
     /// nothing after it), else `stopReason` tells why reading stopped.
-    bool endedCleanly() const { return m_cleanEnd; }
+    bool endedCleanly() const;
     /// Where the readable part of the file ends: the offset behind the last whole record.
-    int64_t stoppedAt() const { return m_stoppedAt; }
+    int64_t stoppedAt() const;
     /// "" after a clean end, else e.g. "record cut at byte 1234 (file ends at 1250)".
-    QString stopReason() const { return m_stopReason; }
-    /// The next file of a split recording, named in the end record; empty when none.
-    QString nextFile() const { return m_nextFile; }
+    QString stopReason() const;
+    /// The next file of a split recording as the end record names it; empty when none.
+    QString nextFile() const;
+    /// Where the next file of a split recording is read from: the file name the end record gives,
+    /// in this file's folder (a recording names no other folder). Empty when none.
+    QString nextPartPath() const;
+    /// After `next` returned false at an end record naming a next file: opens that file (see
+    /// `open`), so that `next` goes on in it. False when there is none or it cannot be read yet.
+    bool openNextPart(QString* error = nullptr);
 
-    int64_t fileSize() const { return m_fileSize; }
+    int64_t fileSize() const;
     /// Wall-clock nanoseconds since 1970 (UTC) at which the monotonic times start.
-    int64_t startWallNs() const { return m_startWallNs; }
-    QString plexaVersion() const { return m_plexaVersion; }
-    QString source() const { return m_source; }
-    QString rootName() const { return m_rootName; }
+    int64_t startWallNs() const;
+    QString plexaVersion() const;
+    QString source() const;
+    QString rootName() const;
 
   private:
-    /// Makes `count` bytes from the read position available in the buffer; false at end of file.
-    bool fill(int64_t count);
-    void stop(const QString& reason);
-
-    QFile m_file;
-    int64_t m_fileSize = 0;
-    int64_t m_firstRecord = 0;
-    // m_buffer holds the file's bytes from m_bufferOffset; m_at indexes the read position in it.
-    QByteArray m_buffer;
-    int64_t m_bufferOffset = 0;
-    int m_at = 0;
-    QByteArray m_body;
-
-    bool m_cleanEnd = false;
-    int64_t m_stoppedAt = 0;
-    QString m_stopReason;
-    QString m_nextFile;
-    int64_t m_startWallNs = 0;
-    QString m_plexaVersion;
-    QString m_source;
-    QString m_rootName;
+    struct D;
+    std::unique_ptr<D> d;
   };
 }

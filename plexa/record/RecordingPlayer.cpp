@@ -3,14 +3,20 @@
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/record/RecordFormat.hpp"
 #include "plexa/remote/RemoteNode.hpp"
+#include "plexa/types/TypeRegistry.hpp"
 
 #include "bastion/BinaryData.hpp"
 #include "bastion/Log.hpp"
 #include "carafe/Node.hpp"
 
+#include <QFileInfo>
+#include <QStringList>
+
 #include <algorithm>
 #include <memory>
 #include <stdexcept>
+#include <unordered_map>
+#include <vector>
 
 namespace Plexa
 {
@@ -43,16 +49,72 @@ namespace Plexa
     }
   }
 
+  struct RecordingPlayer::D
+  {
+    struct Known
+    {
+      QByteArray path;
+      uint32_t typeId = 0;
+      /// The path's symbol in the node's registry, 0 until the node has defined it.
+      uint32_t localSymbol = 0;
+      Carafe::Attribute* attribute = nullptr;
+      Deserializer deserializer;
+    };
+
+    explicit D(RemoteNode& node)
+        : node(node)
+    {
+    }
+
+    bool apply(const Recording::Record& record);
+    void applyEntry(BundleReaderCore& reader, uint32_t end, std::vector<uint32_t>* seen);
+    /// Reads the value block at the reader into `known`'s attribute (if it is in the tree).
+    void readValue(BundleReaderCore& reader, uint32_t end, Known& known, bool onlyIfDifferent);
+    Carafe::Attribute* find(const QByteArray& path) const;
+    /// True when one more object may be created; logs the cap once per record otherwise.
+    bool mayCreate(const QByteArray& path);
+    void removeAt(const QByteArray& path);
+
+    RemoteNode& node;
+    TypeRegistry types;
+    EventCallback eventCallback;
+    std::unordered_map<uint32_t, Known> bySymbol;
+    int64_t maxCreated = DefaultMaxCreated;
+    int64_t created = 0;
+    /// The record being applied already logged a warning: one line per record at most.
+    bool warned = false;
+  };
+
   RecordingPlayer::RecordingPlayer(RemoteNode& node)
-      : m_node(node)
+      : d(new D(node))
   {
   }
 
   RecordingPlayer::~RecordingPlayer() = default;
 
-  Carafe::Attribute* RecordingPlayer::find(const QByteArray& path) const
+  void RecordingPlayer::setEventCallback(const EventCallback& callback)
   {
-    Carafe::Attribute* at = &m_node;
+    d->eventCallback = callback;
+  }
+
+  void RecordingPlayer::setMaxCreated(int64_t count)
+  {
+    d->maxCreated = count;
+  }
+
+  int64_t RecordingPlayer::createdCount() const
+  {
+    return d->created;
+  }
+
+  bool RecordingPlayer::apply(const Recording::Record& record)
+  {
+    return d->apply(record);
+  }
+
+  Carafe::Attribute* RecordingPlayer::D::find(const QByteArray& path) const
+  {
+    Carafe::Attribute* at = &node;
     for (const QByteArray& part : path.split('/')) {
       auto* node = dynamic_cast<Carafe::Node*>(at);
       at = node ? node->attribute(part) : nullptr;
@@ -62,26 +124,26 @@ namespace Plexa
     return at;
   }
 
-  bool RecordingPlayer::mayCreate(const QByteArray& path)
+  bool RecordingPlayer::D::mayCreate(const QByteArray& path)
   {
-    if (m_created < m_maxCreated)
+    if (created < maxCreated)
       return true;
-    if (!m_warned)
+    if (!warned)
       Bastion::warning("RecordingPlayer # %s not created: the recording has more than %lld attributes and nodes",
-                       path.constData(), (long long)m_maxCreated);
-    m_warned = true;
+                       path.constData(), (long long)maxCreated);
+    warned = true;
     return false;
   }
 
-  void RecordingPlayer::removeAt(const QByteArray& path)
+  void RecordingPlayer::D::removeAt(const QByteArray& path)
   {
     const int slash = path.lastIndexOf('/');
-    auto* parent = slash < 0 ? &m_node : dynamic_cast<Carafe::Node*>(find(path.left(slash)));
+    auto* parent = slash < 0 ? &node : dynamic_cast<Carafe::Node*>(find(path.left(slash)));
     if (parent)
       parent->removeAttribute(path.mid(slash + 1));
   }
 
-  void RecordingPlayer::readValue(BundleReaderCore& reader, uint32_t end, Known& known, bool onlyIfDifferent)
+  void RecordingPlayer::D::readValue(BundleReaderCore& reader, uint32_t end, Known& known, bool onlyIfDifferent)
   {
     const uint32_t length = reader.readValue<uint32_t>();
     const uint32_t start = reader.position;
@@ -89,17 +151,17 @@ namespace Plexa
     const uint32_t valueEnd = start + length;
     // The node's own cache knows what sits at the path now, whatever else changed the tree.
     if (!known.localSymbol)
-      known.localSymbol = m_node.symbolRegistry().lookup(known.path);
-    Carafe::Attribute* attribute = known.localSymbol ? m_node.attributeCache().find(known.localSymbol) : nullptr;
+      known.localSymbol = node.symbolRegistry().lookup(known.path);
+    Carafe::Attribute* attribute = known.localSymbol ? node.attributeCache().find(known.localSymbol) : nullptr;
     if (attribute && attribute != known.attribute) {
       known.attribute = attribute;
-      known.deserializer = m_types.createDeserializer(known.typeId, attribute);
+      known.deserializer = types.createDeserializer(known.typeId, attribute);
     }
     if (attribute && known.deserializer) {
       bool apply = true;
       if (onlyIfDifferent) {
         uint32_t typeId = 0, size = 0;
-        Serializer serializer = m_types.createSerializer(attribute, typeId, size);
+        Serializer serializer = types.createSerializer(attribute, typeId, size);
         QByteArray present;
         if (serializer && typeId == known.typeId) {
           BundleWriterCore writer(present);
@@ -116,7 +178,7 @@ namespace Plexa
     reader.position = valueEnd;
   }
 
-  void RecordingPlayer::applyEntry(BundleReaderCore& reader, uint32_t end, std::vector<uint32_t>* seen)
+  void RecordingPlayer::D::applyEntry(BundleReaderCore& reader, uint32_t end, std::vector<uint32_t>* seen)
   {
     const uint32_t symbol = reader.readValue<uint32_t>();
     const uint32_t typeId = reader.readValue<uint32_t>();
@@ -126,7 +188,7 @@ namespace Plexa
     if (seen)
       seen->push_back(symbol);
 
-    Known& known = m_known[symbol];
+    Known& known = bySymbol[symbol];
     if (known.path != path && !known.path.isEmpty())
       known = Known();
     known.path = path;
@@ -138,23 +200,23 @@ namespace Plexa
         present = nullptr;
       }
       if (!present && !mayCreate(path)) {
-        m_known.erase(symbol); // nothing of it is kept: the cap bounds this table too
+        bySymbol.erase(symbol); // nothing of it is kept: the cap bounds this table too
         return;
       }
       if (!present) {
-        auto node = std::make_unique<Carafe::Node>(nullptr, path.mid(path.lastIndexOf('/') + 1));
-        if (m_node.addNode(path, node.get())) {
-          node.release();
-          ++m_created;
+        auto fresh = std::make_unique<Carafe::Node>(nullptr, path.mid(path.lastIndexOf('/') + 1));
+        if (node.addNode(path, fresh.get())) {
+          fresh.release();
+          ++created;
         }
-        m_node.processPendingAdditions();
+        node.processPendingAdditions();
       }
       return;
     }
 
     if (present) {
       uint32_t presentType = 0, size = 0;
-      if (!m_types.createSerializer(present, presentType, size) || presentType != typeId) {
+      if (!types.createSerializer(present, presentType, size) || presentType != typeId) {
         removeAt(path);
         present = nullptr;
       }
@@ -163,46 +225,46 @@ namespace Plexa
       readValue(reader, end, known, true);
       return;
     }
-    std::unique_ptr<Carafe::Attribute> created(mayCreate(path) ? m_types.createAttribute(typeId) : nullptr);
-    if (!created) {
-      if (!m_warned)
+    std::unique_ptr<Carafe::Attribute> made(mayCreate(path) ? types.createAttribute(typeId) : nullptr);
+    if (!made) {
+      if (!warned)
         Bastion::warning("RecordingPlayer # unknown type id %u of %s skipped", typeId, path.constData());
-      m_warned = true;
+      warned = true;
       const uint32_t length = reader.readValue<uint32_t>();
       need(uint64_t(reader.position) + length <= end);
       reader.position += length;
-      m_known.erase(symbol);
+      bySymbol.erase(symbol);
       return;
     }
     // The value goes in before the attribute joins the tree, as a peer's new attribute does.
     const uint32_t length = reader.readValue<uint32_t>();
     const uint32_t start = reader.position;
     need(length % 4 == 0 && uint64_t(start) + length <= end);
-    Deserializer deserializer = m_types.createDeserializer(typeId, created.get());
+    Deserializer deserializer = types.createDeserializer(typeId, made.get());
     if (deserializer) {
       deserializer(reader);
       need(reader.position <= start + length);
-      created->setAsDefaults();
+      made->setAsDefaults();
     }
     reader.position = start + length;
-    Carafe::Attribute* raw = created.get();
-    if (m_node.addDeepAttribute(path, raw)) {
-      created.release();
-      ++m_created;
+    Carafe::Attribute* raw = made.get();
+    if (node.addDeepAttribute(path, raw)) {
+      made.release();
+      ++created;
       known.attribute = raw;
       known.deserializer = std::move(deserializer);
-      m_node.processPendingAdditions();
+      node.processPendingAdditions();
     } else {
-      m_known.erase(symbol); // a path the node refused (logged by the node)
+      bySymbol.erase(symbol); // a path the node refused (logged by the node)
     }
   }
 
-  bool RecordingPlayer::apply(const Recording::Record& record)
+  bool RecordingPlayer::D::apply(const Recording::Record& record)
   {
     const QByteArray& body = *record.body;
     const uint32_t end = uint32_t(body.size());
     BundleReaderCore reader(body, RecordFormat::BodyHeaderSize);
-    m_warned = false;
+    warned = false;
     try {
       switch (record.kind) {
       case RecordFormat::Snapshot: {
@@ -216,14 +278,14 @@ namespace Plexa
         // What the tree has and the snapshot has not went away in between.
         std::sort(seen.begin(), seen.end());
         std::vector<QByteArray> gone;
-        for (const auto& entry : m_known)
+        for (const auto& entry : bySymbol)
           if (!std::binary_search(seen.begin(), seen.end(), entry.first))
             gone.push_back(entry.second.path);
         std::sort(gone.begin(), gone.end());
         for (auto it = gone.rbegin(); it != gone.rend(); ++it)
           removeAt(*it);
-        for (auto it = m_known.begin(); it != m_known.end();)
-          it = std::binary_search(seen.begin(), seen.end(), it->first) ? std::next(it) : m_known.erase(it);
+        for (auto it = bySymbol.begin(); it != bySymbol.end();)
+          it = std::binary_search(seen.begin(), seen.end(), it->first) ? std::next(it) : bySymbol.erase(it);
         return true;
       }
       case RecordFormat::Added:
@@ -231,17 +293,17 @@ namespace Plexa
         return true;
       case RecordFormat::Changed: {
         const uint32_t symbol = reader.readValue<uint32_t>();
-        auto it = m_known.find(symbol);
-        if (it != m_known.end() && it->second.typeId != RecordFormat::NodeTypeId)
+        auto it = bySymbol.find(symbol);
+        if (it != bySymbol.end() && it->second.typeId != RecordFormat::NodeTypeId)
           readValue(reader, end, it->second, false);
         return true;
       }
       case RecordFormat::Removed: {
         const uint32_t symbol = reader.readValue<uint32_t>();
-        auto it = m_known.find(symbol);
-        if (it != m_known.end()) {
+        auto it = bySymbol.find(symbol);
+        if (it != bySymbol.end()) {
           const QByteArray path = it->second.path;
-          m_known.erase(it);
+          bySymbol.erase(it);
           removeAt(path);
         }
         return true;
@@ -252,10 +314,10 @@ namespace Plexa
         const uint32_t size = reader.readValue<uint32_t>();
         const char* bytes = static_cast<const char*>(reader.readBounded(size));
         need(!name.isEmpty() && reader.position <= end);
-        if (m_eventCallback) {
+        if (eventCallback) {
           Bastion::BinaryData payload;
           payload.linkTo(bytes, int(size));
-          m_eventCallback(name, payload);
+          eventCallback(name, payload);
         }
         return true;
       }
@@ -271,21 +333,43 @@ namespace Plexa
 
   void RecordingPlayer::playUntil(Recording& recording, int64_t timeNs)
   {
+    // A split recording: every file starts with a snapshot of the whole tree, so the tree at the
+    // time is played from the last file that starts at or before it. The files' indexes name the
+    // next one without reading them.
+    std::vector<Recording::SnapshotMark> marks;
+    QString nextPath;
+    bool indexed = recording.readIndex(marks, nextPath);
+    QStringList seen{QFileInfo(recording.fileName()).canonicalFilePath()};
+    while (indexed && !nextPath.isEmpty() && !seen.contains(QFileInfo(nextPath).canonicalFilePath())) {
+      Recording part;
+      Recording::Record first;
+      if (!part.open(nextPath) || !part.next(first) || first.timeNs > timeNs || !recording.open(nextPath))
+        break;
+      seen << QFileInfo(nextPath).canonicalFilePath();
+      indexed = recording.readIndex(marks, nextPath);
+    }
+    if (!indexed)
+      marks = recording.scanSnapshots();
     int64_t from = recording.firstRecordOffset();
-    for (const Recording::SnapshotMark& mark : recording.scanSnapshots())
+    for (const Recording::SnapshotMark& mark : marks)
       if (mark.timeNs <= timeNs)
         from = mark.offset;
     recording.seek(from);
     Recording::Record record;
     // The first snapshot is the tree before any recorded time: a time before it gives that tree.
     bool first = true;
-    while (recording.next(record)) {
-      if (!first && record.timeNs > timeNs) {
-        recording.seek(record.offset);
-        return;
+    for (;;) {
+      while (recording.next(record)) {
+        if (!first && record.timeNs > timeNs) {
+          recording.seek(record.offset);
+          return;
+        }
+        first = false;
+        apply(record);
       }
-      first = false;
-      apply(record);
+      // A file without an index that names a next one: on in that one.
+      if (!recording.endedCleanly() || !recording.openNextPart())
+        return;
     }
   }
 }

@@ -245,3 +245,124 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
   EXPECT_TRUE(read.error.endsWith("recording format version 2, this program reads up to 1"))
       << read.error.toStdString();
 }
+
+TEST(RecordingTest, TheEndRecordIndexesTheSnapshotsAndAGrowingOrSplitRecordingReadsOn)
+{
+  QTemporaryDir dir;
+  const QString fileName = dir.filePath("indexed.plexrec");
+  RemoteNode live(nullptr, "scene");
+  auto* count = new Int(0);
+  live.addDeepAttribute("a/count", count);
+  live.processPendingAdditions();
+  RecorderOptions options;
+  options.snapshotBytes = 2000;
+  options.snapshotSeconds = 0;
+  std::vector<std::pair<int64_t, TreeState>> states;
+  {
+    Recorder recorder(live, options);
+    ASSERT_TRUE(recorder.open(fileName));
+    for (int i = 1; i <= 1000; ++i) {
+      count->setValue(i);
+      if (i % 250 == 0)
+        states.push_back({recorder.elapsedNs(), treeState(live)});
+    }
+  }
+  Recording recording;
+  ASSERT_TRUE(recording.open(fileName));
+  std::vector<Recording::SnapshotMark> index;
+  QString next;
+  ASSERT_TRUE(recording.readIndex(index, next));
+  EXPECT_TRUE(next.isEmpty());
+  const std::vector<Recording::SnapshotMark> scanned = recording.scanSnapshots();
+  ASSERT_GT(scanned.size(), 5u);
+  ASSERT_EQ(index.size(), scanned.size());
+  for (size_t i = 0; i < index.size(); ++i)
+    EXPECT_TRUE(index[i].timeNs == scanned[i].timeNs && index[i].offset == scanned[i].offset) << "snapshot " << i;
+
+  // A damaged record early on stops a reader that starts at the beginning; through the index the
+  // tree at a later time is found as the whole file gives it. A cut copy has no index and is
+  // scanned: the same trees.
+  const QByteArray bytes = readFile(fileName);
+  QByteArray damaged = bytes;
+  damaged[int(scanned[1].offset + 13)] = char(damaged[int(scanned[1].offset + 13)] ^ 0x40);
+  const QString damagedName = dir.filePath("damaged.plexrec");
+  const QString cutName = dir.filePath("cut.plexrec");
+  ASSERT_TRUE(writeFile(damagedName, damaged));
+  ASSERT_TRUE(writeFile(cutName, bytes.left(int(bytes.size() - 4))));
+  for (const auto& state : states) {
+    for (const QString& name : {fileName, damagedName, cutName}) {
+      Recording reading;
+      ASSERT_TRUE(reading.open(name));
+      RemoteNode at(nullptr, "scene");
+      RecordingPlayer(at).playUntil(reading, state.first);
+      EXPECT_EQ(treeState(at), state.second) << name.toStdString() << " at " << state.first << " ns";
+    }
+  }
+
+  // A file still being written, here one cut in the middle of a record: it reads to the cut,
+  // and on once the rest has come.
+  const int64_t half = scanned[3].offset + 10;
+  const QString growingName = dir.filePath("growing.plexrec");
+  ASSERT_TRUE(writeFile(growingName, bytes.left(int(half))));
+  Recording growing;
+  ASSERT_TRUE(growing.open(growingName));
+  Recording::Record record;
+  int records = 0;
+  while (growing.next(record))
+    ++records;
+  EXPECT_TRUE(growing.stopReason().startsWith("record cut at byte")) << growing.stopReason().toStdString();
+  EXPECT_FALSE(growing.refresh());
+  {
+    QFile file(growingName);
+    ASSERT_TRUE(file.open(QIODevice::Append));
+    file.write(bytes.mid(int(half)));
+  }
+  EXPECT_TRUE(growing.refresh());
+  int64_t lastEnd = 0;
+  while (growing.next(record)) {
+    ++records;
+    lastEnd = record.offset + RecordFormat::FrameSize + record.body->size();
+  }
+  EXPECT_TRUE(growing.endedCleanly()) << growing.stopReason().toStdString();
+  EXPECT_EQ(lastEnd, bytes.size());
+  Recording whole;
+  Read all = readAll(fileName, whole);
+  EXPECT_EQ(records, int(all.ends.size()));
+
+  // A split recording reads on from file to file, and the tree at a time is found from the file
+  // it falls in. A file that names one already read as its next ends the reading.
+  const QString a = dir.filePath("a.plexrec"), b = dir.filePath("b.plexrec"), c = dir.filePath("c.plexrec");
+  std::vector<std::pair<int64_t, TreeState>> parts;
+  {
+    Recorder recorder(live, options);
+    ASSERT_TRUE(recorder.open(a));
+    for (const QString& name : {b, c}) {
+      count->setValue(count->value() + 1);
+      parts.push_back({recorder.elapsedNs(), treeState(live)});
+      ASSERT_TRUE(recorder.split(name));
+    }
+    count->setValue(count->value() + 1);
+    parts.push_back({recorder.elapsedNs(), treeState(live)});
+  }
+  const QStringList names{a, b, c};
+  for (size_t i = 0; i < parts.size(); ++i) {
+    Recording reading;
+    ASSERT_TRUE(reading.open(a));
+    RemoteNode at(nullptr, "scene");
+    RecordingPlayer(at).playUntil(reading, parts[i].first);
+    EXPECT_EQ(treeState(at), parts[i].second) << "part " << i;
+    EXPECT_EQ(reading.fileName(), names[int(i)]);
+  }
+  ASSERT_TRUE(QFile::remove(c));
+  ASSERT_TRUE(QFile::copy(b, c)); // c now names itself
+  Recording looped;
+  ASSERT_TRUE(looped.open(a));
+  RemoteNode at(nullptr, "scene");
+  RecordingPlayer(at).playUntil(looped, std::numeric_limits<int64_t>::max());
+  EXPECT_EQ(looped.fileName(), c);
+  while (looped.next(record)) {
+  }
+  QString error;
+  EXPECT_FALSE(looped.openNextPart(&error));
+  EXPECT_EQ(error, c + ": named as the next file of " + c + ", which came after it");
+}

@@ -110,7 +110,7 @@ namespace Plexa
       RecordingPlayer player(tree);
       player.playUntil(recording, atNs);
       if (!recording.stopReason().isEmpty())
-        warn(QString("%1: %2").arg(fileName, recording.stopReason()));
+        warn(QString("%1: %2").arg(recording.fileName(), recording.stopReason()));
       print(tree);
       return ExitOk;
     }

@@ -5,19 +5,23 @@
 
 #include "plexa/app/PeerTestSupport.hpp"
 #include "plexa/record/RecordFormat.hpp"
+#include "plexa/record/Recorder.hpp"
 #include "plexa/record/Recording.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 
 #include "bastion/BinaryData.hpp"
 #include "carafe/AttributeT.hpp"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 
 using namespace PlexaTest;
@@ -135,4 +139,181 @@ TEST(RecordEndToEnd, ARecordingDumpsWatchesAndReplaysAsTheLivePeer)
   EXPECT_EQ(changeLines(watcher.out()), fromFile);
   replay.interrupt();
   EXPECT_EQ(replay.finish(), 0);
+}
+
+namespace
+{
+  /// A client of a replay, keeping every value of "count" it sees with the milliseconds since it
+  /// connected.
+  struct CountClient
+  {
+    explicit CountClient(const QString& port)
+    {
+      tree.addAttributeChangeListener([this](const Plexa::NodeWatcher::Event& e) {
+        auto* count = dynamic_cast<Carafe::AttributeT<int>*>(tree.attributeCache().find(e.symbol));
+        if (count && e.type != Plexa::NodeWatcher::AttributeRemoved)
+          seen.push_back({count->value(), clock.elapsed()});
+      });
+      clock.start();
+      peer.connectTo("127.0.0.1", quint16(port.toUInt()));
+    }
+    bool waitFor(size_t values)
+    {
+      return pumpUntil(
+          {&peer}, [&] { return seen.size() >= values; }, WaitMs);
+    }
+    std::vector<int> values() const
+    {
+      std::vector<int> out;
+      for (const auto& value : seen)
+        out.push_back(value.first);
+      return out;
+    }
+    Plexa::RemoteNode tree{nullptr, "scene"};
+    Plexa::Peer peer{tree};
+    QElapsedTimer clock;
+    std::vector<std::pair<int, qint64>> seen;
+  };
+}
+
+TEST(RecordEndToEnd, ReplayKeepsTheOrderScalesTheSpacingAndPlaysATimeRangeInALoop)
+{
+  QTemporaryDir home, work;
+  const QString file = work.filePath("timed.plexrec");
+  // count goes 1, 2, 3, 4, 0.3 s apart.
+  std::vector<double> at; // seconds since the start of the recording
+  {
+    Plexa::RemoteNode scene(nullptr, "scene");
+    auto* count = new Carafe::AttributeT<int>(0);
+    scene.addAttribute("count", count);
+    Plexa::Recorder recorder(scene);
+    ASSERT_TRUE(recorder.open(file));
+    for (int i = 1; i <= 4; ++i) {
+      QThread::msleep(300); // the recorded timing itself
+      count->setValue(i);
+      at.push_back(recorder.elapsedNs() / 1e9);
+    }
+  }
+  auto replay = [&](const QStringList& options) {
+    auto program = std::make_unique<Program>(home, QStringList{"replay", file, "--listen", "127.0.0.1:0"} + options);
+    const QString port = program->waitForLine("^listening on 127\\.0\\.0\\.1:(\\d+)$");
+    EXPECT_FALSE(port.isEmpty()) << program->err().toStdString();
+    return std::make_pair(std::move(program), port);
+  };
+  auto span = [](const CountClient& client) { return client.seen.back().second - client.seen[1].second; };
+
+  // Scaled by 4, the changes 0.9 s apart come about 0.225 s apart; as fast as possible, at once.
+  auto quick = replay({"--speed", "4"});
+  CountClient scaled(quick.second);
+  ASSERT_TRUE(scaled.waitFor(5));
+  EXPECT_EQ(scaled.values(), (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_GE(span(scaled), 150);
+  EXPECT_LT(span(scaled), 700);
+  auto fastest = replay({"--as-fast-as-possible"});
+  CountClient fast(fastest.second);
+  ASSERT_TRUE(fast.waitFor(5));
+  EXPECT_EQ(fast.values(), (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_LT(span(fast), 600);
+
+  // From between 1 and 2 to between 3 and 4, over and over: the tree starts at 1, 2 and 3 follow,
+  // 4 never comes, and each round starts at 1 again.
+  auto range = replay({"--from", QString::number((at[0] + at[1]) / 2), "--to", QString::number((at[2] + at[3]) / 2),
+                       "--loop", "--speed", "2"});
+  CountClient looped(range.second);
+  ASSERT_TRUE(pumpUntil(
+      {&looped.peer},
+      [&] {
+        const std::vector<int> values = looped.values();
+        return values.size() > 1 && std::count(values.begin() + 1, values.end(), 1) >= 2;
+      },
+      WaitMs));
+  std::vector<int> rounds = looped.values();
+  // Going back to the start of the range may pass through the tree's first value.
+  rounds.erase(std::remove(rounds.begin() + 1, rounds.end(), 0), rounds.end());
+  ASSERT_GE(rounds.size(), 7u);
+  EXPECT_EQ(std::vector<int>(rounds.begin(), rounds.begin() + 7), (std::vector<int>{1, 2, 3, 1, 2, 3, 1}));
+  EXPECT_EQ(std::count(rounds.begin(), rounds.end(), 4), 0);
+  for (auto* program : {quick.first.get(), fastest.first.get(), range.first.get()}) {
+    program->interrupt();
+    EXPECT_EQ(program->finish(), 0);
+  }
+}
+
+TEST(RecordEndToEnd, RecordEndsByItselfSplitsAndASplitOrGrowingRecordingReadsAsOne)
+{
+  QTemporaryDir home, work;
+  Plexa::RemoteNode scene(nullptr, "scene");
+  auto* count = new Carafe::AttributeT<int>(0);
+  scene.addAttribute("count", count);
+  Plexa::Peer server(scene);
+  ASSERT_TRUE(server.listen("127.0.0.1", 0));
+  const QString address = QString("127.0.0.1:%1").arg(server.listeningPort());
+  int status = -1;
+  auto finish = [&](Program& program) {
+    EXPECT_TRUE(pumpUntil(
+        {&server}, [&] { return (status = program.finish(1)) != -1 || !program.running(); }, WaitMs));
+    return status;
+  };
+  auto endedCleanly = [](const QString& name) {
+    Plexa::Recording recording;
+    Plexa::Recording::Record record;
+    bool opened = recording.open(name);
+    while (opened && recording.next(record)) {
+    }
+    return opened && recording.endedCleanly();
+  };
+
+  // --for and --max-size end the recording by themselves, the file closed cleanly.
+  const QString timed = work.filePath("timed.plexrec");
+  Program forHalfASecond(home, {"record", address, timed, "--for", "0.5"});
+  EXPECT_EQ(finish(forHalfASecond), 0);
+  EXPECT_TRUE(forHalfASecond.err().endsWith("; --for reached\n")) << forHalfASecond.err().toStdString();
+  EXPECT_TRUE(endedCleanly(timed));
+  const QString sized = work.filePath("sized.plexrec");
+  Program upTo3000(home, {"record", address, sized, "--max-size", "3000"});
+  ASSERT_TRUE(pumpUntil(
+      {&server}, [&] { return QFileInfo(sized).size() > 0; }, WaitMs));
+  for (int i = 1; (status = upTo3000.finish(0)) == -1 && upTo3000.running() && i < 100000; ++i) {
+    count->setValue(i);
+    server.waitAndUpdate(1);
+  }
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(upTo3000.err().endsWith("; --max-size reached\n")) << upTo3000.err().toStdString();
+  EXPECT_GE(QFileInfo(sized).size(), 3000);
+  EXPECT_TRUE(endedCleanly(sized));
+
+  // --split: a watcher following the first file sees every change once, through all the files,
+  // while they are written; afterwards watch, dump and dump --at read the files as one.
+  const QString split = work.filePath("split.plexrec");
+  Program recorder(home, {"record", address, split, "--split", "1500"});
+  ASSERT_TRUE(pumpUntil(
+      {&server}, [&] { return QFileInfo(split).size() > 0; }, WaitMs));
+  Program follower(home, {"watch", split, "--follow", "--json"});
+  const int first = count->value() + 1;
+  for (int round = 0; round < 8; ++round) {
+    for (int i = 0; i < 20; ++i) {
+      count->setValue(count->value() + 1);
+      server.waitAndUpdate(1);
+    }
+    const QString last = QString("\"value\":%1}").arg(count->value());
+    ASSERT_TRUE(pumpUntil(
+        {&server}, [&] { return !follower.waitForLine(last, 1).isEmpty() || follower.out().contains(last); }, WaitMs))
+        << follower.out().toStdString();
+  }
+  recorder.interrupt();
+  EXPECT_EQ(finish(recorder), 0);
+  EXPECT_TRUE(QFileInfo::exists(work.filePath("split.2.plexrec"))) << recorder.err().toStdString();
+  follower.interrupt();
+  EXPECT_EQ(follower.finish(), 0);
+  QStringList expected;
+  for (int i = first; i <= count->value(); ++i)
+    expected << QString("{\"kind\":\"changed\",\"path\":\"count\",\"type\":\"int\",\"value\":%1}").arg(i);
+  EXPECT_EQ(changeLines(follower.out()).filter("changed"), expected);
+  Program watch(home, {"watch", split, "--json"});
+  EXPECT_EQ(finish(watch), 0);
+  EXPECT_EQ(changeLines(watch.out()).filter("changed"), expected);
+  Program dump(home, {"dump", split});
+  EXPECT_EQ(finish(dump), 0);
+  EXPECT_EQ(dump.out(), QString("count (int) = %1\n").arg(count->value()));
+  EXPECT_EQ(dump.err(), "");
 }

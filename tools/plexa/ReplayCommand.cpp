@@ -5,6 +5,7 @@
 #include "Interrupt.hpp"
 #include "LogSilence.hpp"
 #include "MirrorNode.hpp"
+#include "RecordingInput.hpp"
 
 #include "plexa/app/Peer.hpp"
 #include "plexa/record/RecordingPlayer.hpp"
@@ -48,6 +49,8 @@ namespace Plexa
       return "Serves the tree of a recording made by plexa record on a TCP port, as its peer served it:\n"
              "once a peer connects, every recorded change and event follows with the recorded timing\n"
              "(scaled by --speed). Afterwards the last tree stays served until Ctrl-C; --loop starts over.\n"
+             "The next files of a split recording are played on; --follow goes on with a recording still\n"
+             "being written.\n"
              "\n"
              "Example: plexa replay session.plexrec --listen 127.0.0.1:5000 --speed 2";
     }
@@ -59,6 +62,8 @@ namespace Plexa
           {"speed", "Play X times as fast as recorded (default 1).", "X", "1"},
           {"as-fast-as-possible", "Play without waiting between records."},
           {"loop", "Start over at the end (at --from)."},
+          {"follow", "Go on serving what is appended to the recording (and to the next files of a split "
+                     "recording) until Ctrl-C, like tail -f."},
           {"from", "Start at this time, in seconds since the start of the recording.", "SECONDS"},
           {"to", "End at this time, in seconds since the start of the recording.", "SECONDS"},
       });
@@ -80,6 +85,9 @@ namespace Plexa
       if (!ok || !(speed > 0) || speed > 1e6)
         return fail(ExitUsage, "--speed takes a factor above 0");
       const bool fast = parser.isSet("as-fast-as-possible");
+      const bool follow = parser.isSet("follow");
+      if (follow && parser.isSet("loop"))
+        return fail(ExitUsage, "--follow and --loop exclude each other");
       int64_t fromNs = 0;
       int64_t toNs = std::numeric_limits<int64_t>::max();
       if (parser.isSet("from") && !parseSeconds(parser.value("from"), fromNs))
@@ -116,10 +124,14 @@ namespace Plexa
 
       Recording::Record record;
       uint64_t played = 0;
+      RecordingInput input(recording, follow, [&peer](int ms) {
+        peer.waitAndUpdate(ms);
+        return !Interrupt::requested();
+      });
       while (!Interrupt::requested()) {
         QElapsedTimer clock;
         clock.start();
-        while (!Interrupt::requested() && recording.next(record) && record.timeNs <= toNs) {
+        while (!Interrupt::requested() && input.next(record) && record.timeNs <= toNs) {
           const double dueMs = double(record.timeNs - fromNs) / 1e6 / speed;
           while (!fast && !Interrupt::requested() && clock.elapsed() < dueMs)
             peer.waitAndUpdate(std::max(1, std::min(PollMs, int(std::ceil(dueMs - clock.elapsed())))));
@@ -128,10 +140,13 @@ namespace Plexa
           // One update per record: the peer gets every change, none merged with a later one.
           peer.update();
         }
-        if (!recording.stopReason().isEmpty())
-          warn(QString("%1: %2").arg(fileName, recording.stopReason()));
+        if (!input.problem().isEmpty())
+          warn(input.problem());
         if (!parser.isSet("loop") || Interrupt::requested())
           break;
+        // From the first file again: a split recording may have moved on to a later one.
+        if (!recording.open(fileName, &error))
+          return fail(ExitFailure, error);
         player.playUntil(recording, fromNs);
       }
       if (!Interrupt::requested())

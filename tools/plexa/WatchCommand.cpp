@@ -3,10 +3,13 @@
 #include "Console.hpp"
 #include "Interrupt.hpp"
 #include "MirrorNode.hpp"
+#include "RecordingInput.hpp"
 #include "SyncEvents.hpp"
 
 #include "plexa/app/Peer.hpp"
 #include "plexa/record/RecordingPlayer.hpp"
+
+#include <QThread>
 
 #include <cmath>
 
@@ -52,18 +55,25 @@ namespace Plexa
              "as it arrives: the present tree first, as additions. Reconnects when the connection drops;\n"
              "Ctrl-C stops. With --json, one JSON object per line, for scripts.\n"
              "\n"
+             "A recording made by plexa record in place of HOST:PORT prints the recorded changes, the next\n"
+             "files of a split recording included; --follow goes on with a recording still being written.\n"
+             "\n"
              "Example: plexa watch 127.0.0.1:5000 --json | jq .path";
     }
 
     void WatchCommand::addOptions(QCommandLineParser& parser)
     {
       parser.addOption({"json", "One JSON object per line: time, kind, path, type, value (events: name, items)."});
+      parser.addOption({"follow", "With a recording: go on printing what is appended to it (and to the next files of "
+                                  "a split recording) until Ctrl-C, like tail -f."});
       parser.addPositionalArgument("HOST:PORT", "Address of the peer, or a recording made by plexa record.");
     }
 
     int WatchCommand::prepare(const QCommandLineParser& parser, const QStringList&)
     {
       m_json = parser.isSet("json");
+      if (parser.isSet("follow"))
+        return fail(ExitUsage, "--follow reads a recording only");
       return ExitOk;
     }
 
@@ -132,15 +142,21 @@ namespace Plexa
       RecordingPlayer player(mirror);
       player.setEventCallback(
           [this](const QByteArray& name, Bastion::BinaryData& data) { printRemoteEvent(name, data); });
+      auto stillReading = [this] { return !Interrupt::requested() && !console.outputBroken(); };
+      RecordingInput input(recording, parser.isSet("follow"), [&](int ms) {
+        if (stillReading())
+          QThread::msleep(ulong(ms));
+        return stillReading();
+      });
       Recording::Record record;
-      while (!Interrupt::requested() && !console.outputBroken() && recording.next(record)) {
+      while (stillReading() && input.next(record)) {
         m_recordedTime = QDateTime::fromMSecsSinceEpoch((recording.startWallNs() + record.timeNs) / 1000000);
         player.apply(record);
       }
       m_recordedTime = QDateTime();
       done(mirror);
-      if (!recording.stopReason().isEmpty() && !Interrupt::requested())
-        warn(QString("%1: %2").arg(fileName, recording.stopReason()));
+      if (!input.problem().isEmpty() && !Interrupt::requested())
+        warn(input.problem());
       return ExitOk;
     }
 

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "plexa/record/Recording.hpp"
+
+#include <functional>
+
+namespace Plexa
+{
+  namespace Cli
+  {
+    /// The records of a recording for watch and replay: on across the files of a split recording
+    /// and, when following, on as the file grows, like `tail -f` (polling its size).
+    class RecordingInput
+    {
+    public:
+      /// Waits about `ms` milliseconds while nothing new is in the file; false to stop reading.
+      using Wait = std::function<bool(int ms)>;
+
+      /// Milliseconds between two looks at a file that is still being written.
+      static constexpr int PollMs = 100;
+      /// How long a follower waits for the next file of a split recording to become readable: the
+      /// recorder creates it right after naming it, so one that does not come is not coming (and a
+      /// file naming an earlier one as its next cannot hold the reader forever).
+      static constexpr int NextFileWaitMs = 10000;
+
+      RecordingInput(Recording& recording, bool follow, const Wait& wait);
+
+      /// The next record; false at the end (or when the wait said stop).
+      bool next(Recording::Record& record);
+      /// Why reading ended before a clean end, with the file's name: the reader's reason or a next
+      /// file that could not be read. Empty after a clean end or a stop by the wait.
+      QString problem() const { return m_problem; }
+
+    private:
+      Recording& m_recording;
+      bool m_follow;
+      Wait m_wait;
+      QString m_problem;
+    };
+  }
+}
