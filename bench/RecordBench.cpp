@@ -97,7 +97,10 @@ int main(int argc, char** argv)
     Plexa::RemoteNode node(nullptr, "scene");
     const std::vector<Float*> attributes = fill(node);
     withoutSeconds = setValues(attributes, values);
-    Plexa::Recorder recorder(node);
+    // Snapshots every 16 MiB: several in the file, for finding the tree at a time below.
+    Plexa::RecorderOptions options;
+    options.snapshotBytes = 16 * 1024 * 1024;
+    Plexa::Recorder recorder(node, options);
     recorder.open(fileName);
     withSeconds = setValues(attributes, values);
     recorder.close();
@@ -188,8 +191,9 @@ int main(int argc, char** argv)
   std::printf("%-40s %14.0f %10.2f\n", "records applied to a tree", bytes / playSeconds / 1e6,
               playSeconds / plainSeconds);
 
-  // The tree at a time in the middle: through the snapshot index (the last snapshot before it),
-  // and by reading the records from the start up to it. Wall time: both are mostly reading.
+  // The tree at a time in the middle: through the snapshot index (the last snapshot before it, at
+  // most 16 MiB of records back), and by reading the records from the start up to it. Wall time:
+  // both are mostly reading.
   Plexa::Recording finder;
   finder.open(fileName);
   long seen = 0;
