@@ -5,6 +5,8 @@
 //
 // Usage: NodeWatcherBench [rounds]   (default 20 rounds of 100,000 sets per tree)
 
+#include "BenchReport.hpp"
+
 #include "plexa/tracking/AttributeCache.hpp"
 #include "plexa/tracking/NodeWatcher.hpp"
 
@@ -83,45 +85,77 @@ int main(int argc, char** argv)
   const long startEvents = events;
   events = 0;
 
-  // Warm both trees once, then alternate the measurements so that drift hits both alike.
+  // Warm both trees once, then alternate the measurements so that drift hits both alike. Each
+  // run gives one cold and one warm figure per tree; the ratios are the runs' medians.
   timeSets(bare, 1.0f);
   timeSets(watched, 1.0f);
   events = 0;
-  double bareTotal = 0, watchedTotal = 0;
-  for (int i = 0; i < rounds; ++i) {
-    bareTotal += timeSets(bare, float(i + 2));
-    watchedTotal += timeSets(watched, float(i + 2));
-  }
-  const double bareSet = bareTotal / rounds;
-  const double watchedSet = watchedTotal / rounds;
-
-  // The same on the first 1,000 attributes of each tree, set over and over: what a frame that
-  // touches a small part of a large tree costs once that part is in the processor's caches.
   const std::vector<Float*> bareHot(bare.begin(), bare.begin() + 1000);
   const std::vector<Float*> watchedHot(watched.begin(), watched.begin() + 1000);
-  const long sweepEvents = events;
-  double bareHotTotal = 0, watchedHotTotal = 0;
+  const int runs = BenchReport::runs();
   const int hotRounds = rounds * 100;
-  for (int i = 0; i < hotRounds; ++i) {
-    bareHotTotal += timeSets(bareHot, float(i + 1000));
-    watchedHotTotal += timeSets(watchedHot, float(i + 1000));
+  std::vector<double> bareCold, watchedCold, coldRatio, bareWarm, watchedWarm, warmRatio;
+  long sweepEvents = 0;
+  long hotEvents = 0;
+  for (int run = 0; run < runs; ++run) {
+    // The sweep over all attributes: cold caches.
+    double bareTotal = 0, watchedTotal = 0;
+    long before = events;
+    for (int i = 0; i < rounds; ++i) {
+      bareTotal += timeSets(bare, float(run * rounds + i + 2));
+      watchedTotal += timeSets(watched, float(run * rounds + i + 2));
+    }
+    sweepEvents += events - before;
+    bareCold.push_back(bareTotal / rounds * 1e9);
+    watchedCold.push_back(watchedTotal / rounds * 1e9);
+    coldRatio.push_back(watchedCold.back() / bareCold.back());
+    // The same 1,000 attributes over and over: what a frame that touches a small part of a large
+    // tree costs once that part is in the processor's caches.
+    double bareHotTotal = 0, watchedHotTotal = 0;
+    before = events;
+    for (int i = 0; i < hotRounds; ++i) {
+      bareHotTotal += timeSets(bareHot, float(run * hotRounds + i + 1e6f));
+      watchedHotTotal += timeSets(watchedHot, float(run * hotRounds + i + 1e6f));
+    }
+    hotEvents += events - before;
+    bareWarm.push_back(bareHotTotal / hotRounds * 1e9);
+    watchedWarm.push_back(watchedHotTotal / hotRounds * 1e9);
+    warmRatio.push_back(watchedWarm.back() / bareWarm.back());
   }
-  const double bareHotSet = bareHotTotal / hotRounds;
-  const double watchedHotSet = watchedHotTotal / hotRounds;
+  const double bareSet = BenchReport::stats(bareCold).median;
+  const double watchedSet = BenchReport::stats(watchedCold).median;
+  const double bareHotSet = BenchReport::stats(bareWarm).median;
+  const double watchedHotSet = BenchReport::stats(watchedWarm).median;
 
   std::printf("NodeWatcher on %zu float attributes (%d nodes)\n", watched.size(), 1 + Groups + Groups * SubGroups);
   std::printf("  startWatching(send=true):      %8.1f ms  (%.0f ns per attribute, %ld events)\n", startSeconds * 1e3,
               startSeconds * 1e9 / double(watched.size()), startEvents);
+  std::printf("  medians of %d runs\n", runs);
   std::printf("  sweep over all attributes (%d rounds, cold caches):\n", rounds);
-  std::printf("    bare attribute set:            %8.1f ns\n", bareSet * 1e9);
-  std::printf("    set reported to the listener:  %8.1f ns\n", watchedSet * 1e9);
-  std::printf("    ratio watched/bare:            %8.2f   (target <= 3)\n", watchedSet / bareSet);
+  std::printf("    bare attribute set:            %8.1f ns\n", bareSet);
+  std::printf("    set reported to the listener:  %8.1f ns\n", watchedSet);
+  std::printf("    ratio watched/bare:            %8.2f   (target <= 3)\n", BenchReport::stats(coldRatio).median);
   std::printf("  the same 1,000 attributes again and again (%d rounds, warm caches):\n", hotRounds);
-  std::printf("    bare attribute set:            %8.1f ns\n", bareHotSet * 1e9);
-  std::printf("    set reported to the listener:  %8.1f ns\n", watchedHotSet * 1e9);
-  std::printf("    ratio watched/bare:            %8.2f   (target <= 3)\n", watchedHotSet / bareHotSet);
-  if (sweepEvents != long(rounds) * long(watched.size()) || events - sweepEvents != long(hotRounds) * 1000) {
-    std::printf("  ERROR: expected %ld change events\n", long(rounds) * long(watched.size()));
+  std::printf("    bare attribute set:            %8.1f ns\n", bareHotSet);
+  std::printf("    set reported to the listener:  %8.1f ns\n", watchedHotSet);
+  std::printf("    ratio watched/bare:            %8.2f   (target <= 3)\n", BenchReport::stats(warmRatio).median);
+  const bool eventsOk = sweepEvents == long(runs) * long(rounds) * long(watched.size()) &&
+                        hotEvents == long(runs) * long(hotRounds) * 1000;
+  for (const bool cold : {true, false}) {
+    const BenchReport::Stats ratio = BenchReport::stats(cold ? coldRatio : warmRatio);
+    BenchReport::Row row;
+    row.what = cold ? "watched set, cold caches, ns" : "watched set, warm caches, ns";
+    row.figure = BenchReport::number(cold ? watchedSet : watchedHotSet, "%.1f");
+    row.baselineName = "bare set";
+    row.baseline = BenchReport::number(cold ? bareSet : bareHotSet, "%.1f");
+    row.ratio = BenchReport::number(ratio.median, "%.2fx");
+    row.target = "<= 3x bare set";
+    row.met = eventsOk && ratio.median <= 3;
+    row.spread = "ratio " + BenchReport::spread(ratio, "%.2f");
+    BenchReport::add(row);
+  }
+  if (!eventsOk) {
+    std::printf("  ERROR: expected %ld change events\n", long(runs) * long(rounds) * long(watched.size()));
     return 1;
   }
   return 0;

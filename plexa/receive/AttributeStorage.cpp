@@ -28,15 +28,15 @@ namespace Plexa
   PlexaSessionAttribute* AttributeStorage::findByReadSymbol(uint32_t readSymbol) const
   {
     std::shared_lock<std::shared_mutex> lock(m_lock);
-    const auto it = m_byReadSymbol.find(readSymbol);
-    return it == m_byReadSymbol.end() ? nullptr : it->second;
+    PlexaSessionAttribute* const* record = m_byReadSymbol.find(readSymbol);
+    return record ? *record : nullptr;
   }
 
   PlexaSessionAttribute* AttributeStorage::findBySymbol(uint32_t symbol) const
   {
     std::shared_lock<std::shared_mutex> lock(m_lock);
-    const auto it = m_bySymbol.find(symbol);
-    return it == m_bySymbol.end() ? nullptr : it->second;
+    PlexaSessionAttribute* const* record = m_bySymbol.find(symbol);
+    return record ? *record : nullptr;
   }
 
   PlexaSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const
@@ -55,9 +55,8 @@ namespace Plexa
   PlexaSessionAttribute* AttributeStorage::bindForPeer(uint32_t readSymbol, const QByteArray& path)
   {
     std::unique_lock<std::shared_mutex> lock(m_lock);
-    const auto bound = m_byReadSymbol.find(readSymbol);
-    if (bound != m_byReadSymbol.end())
-      return bound->second;
+    if (PlexaSessionAttribute* const* bound = m_byReadSymbol.find(readSymbol))
+      return *bound;
     PlexaSessionAttribute* record = nullptr;
     const auto known = m_byPath.find(path);
     if (known != m_byPath.end()) {
@@ -72,7 +71,7 @@ namespace Plexa
       }
       record = createLocked(path);
     }
-    m_byReadSymbol.emplace(readSymbol, record);
+    m_byReadSymbol.insert(readSymbol, record);
     return record;
   }
 
@@ -83,15 +82,15 @@ namespace Plexa
       return slot.get();
     const uint32_t symbol = m_node.symbolRegistry().lookupOrDefine(path);
     slot.reset(new PlexaSessionAttribute(symbol));
-    m_bySymbol[symbol] = slot.get();
+    m_bySymbol.set(symbol, slot.get());
     return slot.get();
   }
 
   void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, PlexaSessionAttribute* attribute)
   {
     std::unique_lock<std::shared_mutex> lock(m_lock);
-    const auto inserted = m_byReadSymbol.emplace(readSymbol, attribute);
-    if (!inserted.second && inserted.first->second != attribute)
+    const auto inserted = m_byReadSymbol.insert(readSymbol, attribute);
+    if (!inserted.second && *inserted.first != attribute)
       Bastion::error("AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute");
   }
 

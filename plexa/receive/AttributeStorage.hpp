@@ -2,6 +2,8 @@
 
 #include "plexa/receive/PlexaSessionAttribute.hpp"
 
+#include "bastion/FlatHash.hpp"
+
 #include <QByteArray>
 #include <QHash>
 
@@ -67,8 +69,10 @@ namespace Plexa
     RemoteNode& m_node;
     mutable std::shared_mutex m_lock;
     // Guarded by m_lock.
-    std::unordered_map<uint32_t, PlexaSessionAttribute*> m_byReadSymbol;
-    std::unordered_map<uint32_t, PlexaSessionAttribute*> m_bySymbol;
+    // Flat tables: a session has a record for every attribute of the tree. The peer chooses the
+    // read symbols.
+    Bastion::FlatHash<uint32_t, PlexaSessionAttribute*, true> m_byReadSymbol;
+    Bastion::FlatHash<uint32_t, PlexaSessionAttribute*> m_bySymbol;
     struct PathHash
     {
       size_t operator()(const QByteArray& path) const { return qHash(path); }

@@ -11,8 +11,6 @@
 #include "plexa/tracking/NodeChangeSender.hpp"
 #include "plexa/types/TypeRegistry.hpp"
 
-#include <QList>
-
 #include <memory>
 
 namespace Plexa
@@ -93,9 +91,9 @@ namespace Plexa
           PlexaSessionAttribute::skipValue(reader, size); // this side's newer value wins
       }
 
-      QList<QByteArray> parts = path.split('/');
-      const QByteArray name = parts.takeLast();
-      Carafe::Node* node = name.isEmpty() ? nullptr : createOrFindNode(parts);
+      const int slash = path.lastIndexOf('/');
+      const QByteArray name = slash < 0 ? path : path.mid(slash + 1);
+      Carafe::Node* node = name.isEmpty() ? nullptr : createOrFindNode(path, slash);
       if (!node) {
         // A cap that refused the node has said so once already.
         if (m_createMissingAttributes && !limitExceeded())
@@ -159,14 +157,20 @@ namespace Plexa
     }
   }
 
-  Carafe::Node* NewAttributeReceiver::createOrFindNode(const QList<QByteArray>& parts)
+  Carafe::Node* NewAttributeReceiver::createOrFindNode(const QByteArray& path, int end)
   {
+    // The names before `end`, read in place: only a node that is created gets a copy of its name.
     Carafe::Node* current = &m_node;
-    for (const QByteArray& name : parts) {
+    for (int start = 0; start <= end;) {
+      int next = path.indexOf('/', start);
+      if (next < 0 || next > end)
+        next = end;
       // A path with an empty component ("a//b", a leading '/') names no node: never create one
       // without a name.
-      if (name.isEmpty())
+      if (next == start)
         return nullptr;
+      const QByteArray name = QByteArray::fromRawData(path.constData() + start, next - start);
+      start = next + 1;
       Carafe::Attribute* child = current->attribute(name);
       while (auto* alias = dynamic_cast<Carafe::AttributeAlias*>(child))
         child = alias->attribute();
@@ -183,7 +187,7 @@ namespace Plexa
       if (!m_createMissingAttributes || !mayCreate())
         return nullptr;
       auto* node = new Carafe::Node();
-      if (!current->addAttribute(name, node)) {
+      if (!current->addAttribute(QByteArray(name.constData(), name.size()), node)) {
         delete node;
         return nullptr;
       }

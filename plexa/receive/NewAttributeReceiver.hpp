@@ -61,9 +61,10 @@ namespace Plexa
     int createdCount() const { return m_created; }
 
   private:
-    /// The node that holds the attribute at `parts` (all but the last part of the path), or null
-    /// when the walk fails. Creates missing nodes when allowed.
-    Carafe::Node* createOrFindNode(const QList<QByteArray>& parts);
+    /// The node that holds the attribute at `path`, whose last '/' is at `end` (-1: the attribute
+    /// is a child of the remote node), or null when the walk fails. Creates missing nodes when
+    /// allowed.
+    Carafe::Node* createOrFindNode(const QByteArray& path, int end);
     Deserializer createDeserializer(PlexaSessionAttribute& session, Carafe::Attribute* attribute);
     /// False (and the cap's error once) when creating one more object would break the cap.
     bool mayCreate();

@@ -6,6 +6,7 @@
 #include "plexa/tracking/NodeWatcher.hpp"
 
 #include "bastion/BinaryData.hpp"
+#include "bastion/FlatHash.hpp"
 #include "bastion/SymbolRegistry.hpp"
 #include "carafe/Node.hpp"
 
@@ -141,18 +142,18 @@ namespace Plexa
     uint64_t markCreatedByPeer(Carafe::Attribute* attribute)
     {
       const uint64_t mark = m_nextCreatedMark++;
-      m_createdByPeer[attribute] = mark;
+      m_createdByPeer.set(attribute, mark);
       return mark;
     }
     /// The mark of an attribute created for the peer and still in the tree; 0 for any other.
     uint64_t createdByPeerMark(Carafe::Attribute* attribute) const
     {
-      const auto it = m_createdByPeer.find(attribute);
-      return it == m_createdByPeer.end() ? 0 : it->second;
+      const uint64_t* mark = m_createdByPeer.find(attribute);
+      return mark ? *mark : 0;
     }
     /// Counts a node or attribute that a session created for a peer, until it leaves the tree:
     /// the sessions' shared cap on what peers make this tree hold. Application thread.
-    void countCreatedForPeer(Carafe::Attribute* object) { m_countedForPeer.insert(object); }
+    void countCreatedForPeer(Carafe::Attribute* object) { m_countedForPeer.insert(object, true); }
     int createdForPeerCount() const { return int(m_countedForPeer.size()); }
 
     /// Cap on the bytes held by the peer's unfinished sliced events (default 256 MiB).
@@ -190,12 +191,12 @@ namespace Plexa
     std::vector<SyncFlagSetting> m_syncFlagSettings;
     std::unordered_map<uint32_t, std::map<unsigned long, AttributeCallback>> m_attributeListeners;
     /// Attributes in the tree that sessions created for the peer, with their marks; forgotten
-    /// when they leave it.
-    std::unordered_map<Carafe::Attribute*, uint64_t> m_createdByPeer;
+    /// when they leave it. Flat tables: a mirrored tree puts every attribute in them.
+    Bastion::FlatHash<Carafe::Attribute*, uint64_t> m_createdByPeer;
     uint64_t m_nextCreatedMark = 1;
     /// Nodes and attributes in the tree that sessions created for peers; forgotten when they
     /// leave it.
-    std::unordered_set<Carafe::Attribute*> m_countedForPeer;
+    Bastion::FlatHash<Carafe::Attribute*, bool> m_countedForPeer;
     unsigned long m_nextAttributeListenerKey = 0;
 
     std::shared_mutex m_eventListenerLock;

@@ -7,9 +7,9 @@ namespace Plexa
   bool AttributeCache::add(uint32_t symbol, Carafe::Attribute* attribute)
   {
     std::unique_lock<std::shared_mutex> lock(m_lock);
-    auto it = m_bySymbol.find(symbol);
-    if (it != m_bySymbol.end()) {
-      if (it->second == attribute)
+    const auto added = m_bySymbol.insert(symbol, attribute);
+    if (!added.second) {
+      if (*added.first == attribute)
         return true;
       lock.unlock();
       Bastion::error("AttributeCache::ensureExists # Found an existing symbol (%u) pointing to a different "
@@ -17,25 +17,17 @@ namespace Plexa
                      symbol);
       return false;
     }
-    m_bySymbol.emplace(symbol, attribute);
-    // An attribute that already has a reverse entry keeps it.
-    m_byAttribute.emplace(attribute, symbol);
     return true;
   }
 
   bool AttributeCache::remove(uint32_t symbol)
   {
     std::unique_lock<std::shared_mutex> lock(m_lock);
-    auto it = m_bySymbol.find(symbol);
-    if (it == m_bySymbol.end()) {
+    if (!m_bySymbol.erase(symbol)) {
       lock.unlock();
       Bastion::error("AttributeCache::remove # Trying to remove missing symbol: %u", symbol);
       return false;
     }
-    auto rev = m_byAttribute.find(it->second);
-    if (rev != m_byAttribute.end() && rev->second == symbol)
-      m_byAttribute.erase(rev);
-    m_bySymbol.erase(it);
     m_nodeSymbols.erase(symbol);
     return true;
   }
@@ -43,21 +35,21 @@ namespace Plexa
   Carafe::Attribute* AttributeCache::find(uint32_t symbol) const
   {
     std::shared_lock<std::shared_mutex> lock(m_lock);
-    auto it = m_bySymbol.find(symbol);
-    return it == m_bySymbol.end() ? nullptr : it->second;
+    Carafe::Attribute* const* attribute = m_bySymbol.find(symbol);
+    return attribute ? *attribute : nullptr;
   }
 
   bool AttributeCache::isNode(uint32_t symbol) const
   {
     std::shared_lock<std::shared_mutex> lock(m_lock);
-    return m_nodeSymbols.count(symbol) != 0;
+    return m_nodeSymbols.contains(symbol);
   }
 
   void AttributeCache::setIsNode(uint32_t symbol, bool isNode)
   {
     std::unique_lock<std::shared_mutex> lock(m_lock);
     if (isNode)
-      m_nodeSymbols.insert(symbol);
+      m_nodeSymbols.insert(symbol, true);
     else
       m_nodeSymbols.erase(symbol);
   }

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "bastion/FlatHash.hpp"
+
 #include <cstdint>
 #include <mutex>
 #include <shared_mutex>
-#include <unordered_map>
-#include <unordered_set>
 
 namespace Carafe
 {
@@ -35,9 +35,8 @@ namespace Plexa
 
   private:
     mutable std::shared_mutex m_lock;
-    // Guarded by m_lock.
-    std::unordered_set<uint32_t> m_nodeSymbols;
-    std::unordered_map<uint32_t, Carafe::Attribute*> m_bySymbol;
-    std::unordered_map<Carafe::Attribute*, uint32_t> m_byAttribute;
+    // Guarded by m_lock. Flat tables: every attribute of the tree has an entry.
+    Bastion::FlatHash<uint32_t, bool> m_nodeSymbols;
+    Bastion::FlatHash<uint32_t, Carafe::Attribute*> m_bySymbol;
   };
 }

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
@@ -330,6 +331,19 @@ TEST(NodeWatcherTest, AliasesFollowTheirTargets)
   EXPECT_EQ(f.take(), (Strings{"AttributeRemoved none"}));
   ASSERT_TRUE(f.root.removeAttribute("none"));
   EXPECT_TRUE(f.take().empty());
+
+  // Removing a second alias to the plain attribute leaves the attribute (and the first alias)
+  // reporting its changes.
+  auto* second = f.add<Carafe::AttributeAlias>(f.root, "al2");
+  ASSERT_TRUE(second->setAttribute(t1));
+  f.watcher->update();
+  f.take();
+  ASSERT_TRUE(f.root.removeAttribute("al2"));
+  EXPECT_EQ(f.take(), (Strings{"AttributeRemoved al2"}));
+  t1->setValue(2.0f);
+  Strings changed = f.take();
+  std::sort(changed.begin(), changed.end());
+  EXPECT_EQ(changed, (Strings{"AttributeChanged al", "AttributeChanged t1"}));
 
   // Deleting the target empties the alias.
   ASSERT_TRUE(f.root.removeAttribute("t1"));
