@@ -3,8 +3,8 @@
 #include "bastion/Log.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
 
 namespace Plexa
 {

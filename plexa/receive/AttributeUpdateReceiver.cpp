@@ -4,7 +4,7 @@
 #include "plexa/bundle/Bundle.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 
 namespace Plexa
 {

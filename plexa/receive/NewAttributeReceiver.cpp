@@ -7,8 +7,8 @@
 #include "plexa/bundle/Bundle.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
 #include "plexa/types/TypeRegistry.hpp"
 
 #include <QList>

@@ -7,16 +7,16 @@
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/bundle/BundleWriterCore.hpp"
+#include "plexa/controller/Core.hpp"
 #include "plexa/receive/AttributeRemoveReceiver.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
 #include "plexa/receive/AttributeUpdateReceiver.hpp"
 #include "plexa/receive/NewAttributeReceiver.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 #include "plexa/receive/OneWayEventReceiver.hpp"
 #include "plexa/receive/SymbolRegistryReceiver.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleDispatcher.hpp"
-#include "plexa/session/Core.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
 #include "plexa/types/TypeRegistry.hpp"
 
 #include <QByteArray>

@@ -2,7 +2,7 @@
 
 #include "bastion/Log.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
-#include "plexa/session/Core.hpp"
+#include "plexa/controller/Core.hpp"
 #include "plexa/session/SessionFormat.hpp"
 
 #include <QStringList>

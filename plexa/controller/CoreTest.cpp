@@ -1,4 +1,4 @@
-#include "plexa/session/Core.hpp"
+#include "plexa/controller/Core.hpp"
 
 #include "bastion/LogCapture.hpp"
 #include "plexa/bundle/BundleOutput.hpp"
