@@ -23,7 +23,7 @@ namespace
   class StringReceiver : public Plexa::BundleReceiver
   {
   public:
-    void handleBundle(Plexa::BundleReaderCore& reader, const Plexa::BundleHeader&, Plexa::Core&) override
+    void handleBundle(Plexa::BundleReaderCore& reader, const Plexa::BundleHeader&, Plexa::BundleDispatcher&) override
     {
       while (!reader.atEnd()) {
         QByteArray text;

@@ -53,7 +53,7 @@ namespace
   class ScriptedReceiver : public BundleReceiver
   {
   public:
-    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&) override
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher&) override
     {
       sequences.push_back(header.sequence);
       if (onBundle)

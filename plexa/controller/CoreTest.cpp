@@ -23,7 +23,7 @@ namespace
   class RecordingReceiver : public BundleReceiver
   {
   public:
-    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&) override
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher&) override
     {
       EXPECT_EQ(reader.position, 16u);
       headers.push_back(header);

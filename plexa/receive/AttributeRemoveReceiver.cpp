@@ -16,7 +16,7 @@ namespace Plexa
   {
   }
 
-  void AttributeRemoveReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, Core&)
+  void AttributeRemoveReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, BundleDispatcher&)
   {
     while (!reader.atEnd()) {
       const uint32_t symbol = reader.readValue<uint32_t>();

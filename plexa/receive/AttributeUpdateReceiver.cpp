@@ -32,7 +32,7 @@ namespace Plexa
   {
   }
 
-  void AttributeUpdateReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&)
+  void AttributeUpdateReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher&)
   {
     while (!reader.atEnd()) {
       const uint32_t symbol = reader.readValue<uint32_t>();

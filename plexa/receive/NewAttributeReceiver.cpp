@@ -49,7 +49,7 @@ namespace Plexa
     return true;
   }
 
-  void NewAttributeReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&)
+  void NewAttributeReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher&)
   {
     const uint32_t acknowledged = header.acknowledged;
     uint32_t index = uint32_t(-1);
