@@ -15,8 +15,8 @@
 #include "bastion/Log.hpp"
 #include "plexa/bundle/Connection.hpp"
 #include "plexa/bundle/Plexa1Connection.hpp"
+#include "plexa/controller/Core.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/session/Core.hpp"
 #include "plexa/session/SessionFormat.hpp"
 #include "plexa/types/CarafeAttributes.hpp"
 

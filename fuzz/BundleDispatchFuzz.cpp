@@ -6,8 +6,8 @@
 #include "bastion/Log.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/BundleStream.hpp"
+#include "plexa/controller/Core.hpp"
 #include "plexa/session/BundleReceiver.hpp"
-#include "plexa/session/Core.hpp"
 #include "plexa/session/SessionFormat.hpp"
 
 #include <algorithm>
@@ -23,7 +23,7 @@ namespace
   class StringReceiver : public Plexa::BundleReceiver
   {
   public:
-    void handleBundle(Plexa::BundleReaderCore& reader, const Plexa::BundleHeader&, Plexa::Core&) override
+    void handleBundle(Plexa::BundleReaderCore& reader, const Plexa::BundleHeader&, Plexa::BundleDispatcher&) override
     {
       while (!reader.atEnd()) {
         QByteArray text;

@@ -23,8 +23,8 @@
 #include "carafe/AttributeT.hpp"
 #include "plexa/bundle/Bundle.hpp"
 #include "plexa/bundle/Connection.hpp"
+#include "plexa/controller/BundleController.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/session/BundleController.hpp"
 
 #include <algorithm>
 #include <cstdint>

@@ -6,9 +6,9 @@
 #include "bastion/LogCapture.hpp"
 #include "carafe/AttributeT.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
+#include "plexa/controller/Core.hpp"
 #include "plexa/remote/AttributeWalk.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/session/Core.hpp"
 #include "plexa/session/SessionFormat.hpp"
 #include "plexa/types/TypeRegistry.hpp"
 

@@ -12,13 +12,13 @@
 #include "plexa/app/PeerSession.hpp"
 #include "plexa/app/SessionHost.hpp"
 #include "plexa/app/TrafficMeter.hpp"
+#include "plexa/controller/BundleController.hpp"
+#include "plexa/controller/Core.hpp"
 #include "plexa/files/AssetBase.hpp"
 #include "plexa/files/FileTransferCommand.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 #include "plexa/net/WriterThread.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/session/BundleController.hpp"
-#include "plexa/session/Core.hpp"
 
 #include <algorithm>
 #include <atomic>

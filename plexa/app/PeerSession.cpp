@@ -2,8 +2,8 @@
 
 #include "bastion/Guard.hpp"
 #include "plexa/app/SessionHost.hpp"
+#include "plexa/controller/BundleController.hpp"
 #include "plexa/net/ConnectionThread.hpp"
-#include "plexa/session/BundleController.hpp"
 
 namespace Plexa
 {

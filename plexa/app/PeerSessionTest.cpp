@@ -10,11 +10,11 @@
 #include "plexa/app/TrafficMeter.hpp"
 
 #include "bastion/LogCapture.hpp"
+#include "plexa/controller/BundleController.hpp"
+#include "plexa/controller/Core.hpp"
 #include "plexa/files/FileTransferTestSupport.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/session/BundleController.hpp"
-#include "plexa/session/Core.hpp"
 
 #include <gtest/gtest.h>
 

@@ -3,8 +3,8 @@
 #include "bastion/Log.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
 
 namespace Plexa
 {
@@ -16,7 +16,7 @@ namespace Plexa
   {
   }
 
-  void AttributeRemoveReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, Core&)
+  void AttributeRemoveReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, BundleDispatcher&)
   {
     while (!reader.atEnd()) {
       const uint32_t symbol = reader.readValue<uint32_t>();

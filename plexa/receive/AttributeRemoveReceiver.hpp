@@ -17,7 +17,7 @@ namespace Plexa
   public:
     AttributeRemoveReceiver(RemoteNode& node, AttributeStorage& storage, NodeChangeSender& sender);
 
-    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core& core) override;
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher& session) override;
 
   private:
     RemoteNode& m_node;

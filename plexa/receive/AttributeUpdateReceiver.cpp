@@ -4,7 +4,7 @@
 #include "plexa/bundle/Bundle.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 
 namespace Plexa
 {
@@ -32,7 +32,7 @@ namespace Plexa
   {
   }
 
-  void AttributeUpdateReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&)
+  void AttributeUpdateReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher&)
   {
     while (!reader.atEnd()) {
       const uint32_t symbol = reader.readValue<uint32_t>();

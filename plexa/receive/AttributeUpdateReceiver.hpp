@@ -15,7 +15,7 @@ namespace Plexa
   public:
     AttributeUpdateReceiver(AttributeStorage& storage, NodeChangeSender& sender);
 
-    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core& core) override;
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher& session) override;
 
     /// When set, a value the peer wrote before it had seen this side's latest value of the same
     /// attribute is read past instead of applied.

@@ -7,8 +7,8 @@
 #include "plexa/bundle/Bundle.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
 #include "plexa/types/TypeRegistry.hpp"
 
 #include <memory>
@@ -47,7 +47,7 @@ namespace Plexa
     return true;
   }
 
-  void NewAttributeReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&)
+  void NewAttributeReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher&)
   {
     const uint32_t acknowledged = header.acknowledged;
     uint32_t index = uint32_t(-1);

@@ -39,7 +39,7 @@ namespace Plexa
     NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage, Bastion::SymbolRegistry& received,
                          TypeRegistry& types, NodeChangeSender& sender);
 
-    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core& core) override;
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher& session) override;
 
     /// Missing nodes and attributes the peer announces are created (off at construction).
     void setCreateMissingAttributes(bool create) { m_createMissingAttributes = create; }

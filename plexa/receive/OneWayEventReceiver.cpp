@@ -12,7 +12,7 @@ namespace Plexa
   {
   }
 
-  void OneWayEventReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, Core&)
+  void OneWayEventReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, BundleDispatcher&)
   {
     QByteArray name;
     while (!reader.atEnd()) {

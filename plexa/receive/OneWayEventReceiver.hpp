@@ -26,7 +26,7 @@ namespace Plexa
     /// `received` (the peer's symbols) must outlive the receiver.
     explicit OneWayEventReceiver(Bastion::SymbolRegistry& received);
 
-    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core& core) override;
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher& session) override;
 
     /// Without a handler, events are dropped silently.
     void setHandler(Handler handler) { m_handler = std::move(handler); }

@@ -11,12 +11,11 @@
 #include "plexa/receive/AttributeStorage.hpp"
 #include "plexa/receive/AttributeUpdateReceiver.hpp"
 #include "plexa/receive/NewAttributeReceiver.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 #include "plexa/receive/OneWayEventReceiver.hpp"
 #include "plexa/receive/SymbolRegistryReceiver.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleDispatcher.hpp"
-#include "plexa/session/Core.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
 #include "plexa/types/TypeRegistry.hpp"
 
 #include <QByteArray>
@@ -51,6 +50,8 @@ namespace Plexa
           it = types.emplace(moduleName, uint32_t(10 + types.size())).first;
         return it->second;
       }
+      /// Only the handshake receiver loads modules; the receivers under test never do.
+      void loadModule(uint32_t, const QString&, const QMap<QString, QString>&) override {}
       std::map<QByteArray, uint32_t> types;
     };
 
@@ -79,7 +80,7 @@ namespace Plexa
       void feed(Receiver& receiver, const Bundle& bundle)
       {
         BundleReaderCore reader(bundle.data());
-        receiver.handleBundle(reader, bundle.header(), core);
+        receiver.handleBundle(reader, bundle.header(), dispatcher);
       }
 
       RemoteNode& node;
@@ -93,7 +94,6 @@ namespace Plexa
       AttributeUpdateReceiver updates;
       AttributeRemoveReceiver removals;
       OneWayEventReceiver events;
-      Core core;
     };
   }
 }

@@ -13,7 +13,7 @@ namespace Plexa
   {
   }
 
-  void SymbolRegistryReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, Core&)
+  void SymbolRegistryReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, BundleDispatcher&)
   {
     while (!reader.atEnd()) {
       const uint32_t symbol = reader.readValue<uint32_t>();

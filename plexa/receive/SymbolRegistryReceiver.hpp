@@ -19,7 +19,7 @@ namespace Plexa
     /// `received` must outlive the receiver.
     explicit SymbolRegistryReceiver(Bastion::SymbolRegistry& received);
 
-    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core& core) override;
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher& session) override;
 
     /// Cap on the paths the registry may hold (0, the default: none). Beyond it new paths are
     /// refused, one error is logged per session and `limitExceeded()` turns true: a peer that

@@ -2,6 +2,7 @@
 // to a time), and files cut or damaged anywhere in their last records.
 
 #include "plexa/app/PeerTestSupport.hpp"
+#include "plexa/app/Version.hpp"
 #include "plexa/record/RecordFormat.hpp"
 #include "plexa/record/Recorder.hpp"
 #include "plexa/record/RecordingPlayer.hpp"
@@ -104,6 +105,7 @@ TEST(RecordingTest, EveryTypeChangeRemovalAndEventPlaysBackAndTheTreeAtEachTimeI
   // Played whole: the live tree at the end and both events.
   Recording recording;
   ASSERT_TRUE(recording.open(fileName));
+  EXPECT_EQ(recording.plexaVersion(), Plexa::version());
   RemoteNode played(nullptr, "scene");
   RecordingPlayer player(played);
   std::vector<std::pair<QByteArray, QByteArray>> events;

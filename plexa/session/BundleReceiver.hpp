@@ -1,9 +1,10 @@
 #pragma once
 
+#include "plexa/session/BundleDispatcher.hpp"
+
 namespace Plexa
 {
   class BundleReaderCore;
-  class Core;
   struct BundleHeader;
 
   /// Base of everything that consumes bundles. The core's dispatcher calls `handleBundle` on the
@@ -19,8 +20,8 @@ namespace Plexa
     /// Reads one bundle. `reader` stands behind the 16-byte header and reads the bundle's bytes up
     /// to their end; `header` is that bundle's header. Short or bad data throws the reader's
     /// std::out_of_range / std::invalid_argument, which the caller logs and then goes on with the
-    /// next bundle.
-    virtual void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core& core) = 0;
+    /// next bundle. `session` is the session that dispatches the bundle.
+    virtual void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher& session) = 0;
 
   protected:
     /// Whether a line about one bad record of the peer may be logged: true for the first

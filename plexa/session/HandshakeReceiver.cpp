@@ -2,7 +2,6 @@
 
 #include "bastion/Log.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
-#include "plexa/session/Core.hpp"
 #include "plexa/session/SessionFormat.hpp"
 
 #include <QStringList>
@@ -33,7 +32,7 @@ namespace Plexa
     }
   }
 
-  void HandshakeReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, Core& core)
+  void HandshakeReceiver::handleBundle(BundleReaderCore& reader, const BundleHeader&, BundleDispatcher& session)
   {
     try {
       while (!reader.atEnd()) {
@@ -44,7 +43,7 @@ namespace Plexa
         const uint64_t end = uint64_t(reader.position) + ((uint64_t(length) + 3) & ~uint64_t(3));
         if (end > uint64_t(uint32_t(reader.data->size())))
           throw std::out_of_range(BundleErrors::ReadPastEnd);
-        handleRecord(reader, core);
+        handleRecord(reader, session);
         reader.position = uint32_t(end);
       }
     } catch (const std::out_of_range&) {
@@ -54,7 +53,7 @@ namespace Plexa
     }
   }
 
-  void HandshakeReceiver::handleRecord(BundleReaderCore& reader, Core& core)
+  void HandshakeReceiver::handleRecord(BundleReaderCore& reader, BundleDispatcher& session)
   {
     const QString command = readText(reader);
     if (command == QLatin1String(HandshakeCommands::Info)) {
@@ -63,7 +62,7 @@ namespace Plexa
       const uint32_t messageType = reader.readValue<uint32_t>();
       const QString moduleName = readText(reader);
       const QMap<QString, QString> parameters = readMap(reader);
-      core.loadModule(messageType, moduleName, parameters);
+      session.loadModule(messageType, moduleName, parameters);
     } else if (command == QLatin1String(HandshakeCommands::Error)) {
       const QString answered = readText(reader);
       const QString moduleName = readText(reader);

@@ -1,4 +1,4 @@
-#include "plexa/session/Core.hpp"
+#include "plexa/controller/Core.hpp"
 
 #include "bastion/BinaryData.hpp"
 #include "bastion/Guard.hpp"
@@ -11,6 +11,7 @@
 #include "plexa/receive/AttributeStorage.hpp"
 #include "plexa/receive/AttributeUpdateReceiver.hpp"
 #include "plexa/receive/NewAttributeReceiver.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 #include "plexa/receive/OneWayEventReceiver.hpp"
 #include "plexa/receive/SymbolRegistryReceiver.hpp"
 #include "plexa/remote/RemoteNode.hpp"
@@ -18,7 +19,6 @@
 #include "plexa/session/HandshakeReceiver.hpp"
 #include "plexa/session/HandshakeSender.hpp"
 #include "plexa/session/SessionFormat.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
 #include "plexa/types/TypeRegistry.hpp"
 
 #include <exception>

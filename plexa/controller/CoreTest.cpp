@@ -1,4 +1,4 @@
-#include "plexa/session/Core.hpp"
+#include "plexa/controller/Core.hpp"
 
 #include "bastion/LogCapture.hpp"
 #include "plexa/bundle/BundleOutput.hpp"
@@ -23,7 +23,7 @@ namespace
   class RecordingReceiver : public BundleReceiver
   {
   public:
-    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&) override
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher&) override
     {
       EXPECT_EQ(reader.position, 16u);
       headers.push_back(header);

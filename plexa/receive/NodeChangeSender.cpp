@@ -1,4 +1,4 @@
-#include "plexa/tracking/NodeChangeSender.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 
 #include "bastion/Log.hpp"
 #include "plexa/bundle/BundleOutput.hpp"

@@ -1,4 +1,4 @@
-#include "plexa/session/BundleController.hpp"
+#include "plexa/controller/BundleController.hpp"
 
 #include "bastion/BinaryData.hpp"
 #include "bastion/LogCapture.hpp"
@@ -6,14 +6,14 @@
 #include "carafe/AttributeT.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/Connection.hpp"
+#include "plexa/controller/Core.hpp"
+#include "plexa/receive/NodeChangeSender.hpp"
 #include "plexa/receive/SessionTestSupport.hpp"
 #include "plexa/remote/AttributeWalk.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleReceiver.hpp"
 #include "plexa/session/BundleSender.hpp"
-#include "plexa/session/Core.hpp"
 #include "plexa/session/SessionFormat.hpp"
-#include "plexa/tracking/NodeChangeSender.hpp"
 
 #include <gtest/gtest.h>
 
@@ -53,7 +53,7 @@ namespace
   class ScriptedReceiver : public BundleReceiver
   {
   public:
-    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, Core&) override
+    void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher&) override
     {
       sequences.push_back(header.sequence);
       if (onBundle)

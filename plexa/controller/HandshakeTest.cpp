@@ -6,7 +6,7 @@
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/bundle/BundleWriterCore.hpp"
-#include "plexa/session/Core.hpp"
+#include "plexa/controller/Core.hpp"
 
 #include <gtest/gtest.h>
 

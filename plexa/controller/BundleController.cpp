@@ -1,10 +1,10 @@
-#include "plexa/session/BundleController.hpp"
+#include "plexa/controller/BundleController.hpp"
 
 #include "bastion/BinaryData.hpp"
 #include "bastion/Guard.hpp"
 #include "carafe/Node.hpp"
+#include "plexa/controller/Core.hpp"
 #include "plexa/remote/RemoteNode.hpp"
-#include "plexa/session/Core.hpp"
 
 
 namespace Plexa

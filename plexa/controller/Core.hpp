@@ -113,7 +113,7 @@ namespace Plexa
 
     /// The peer's "load-module" request: registers the module's receiver under `messageType` and
     /// answers "ok" or "error" to the peer through the handshake sender.
-    void loadModule(uint32_t messageType, const QString& moduleName, const QMap<QString, QString>& parameters);
+    void loadModule(uint32_t messageType, const QString& moduleName, const QMap<QString, QString>& parameters) override;
 
     // ---- Session -------------------------------------------------------------------------------
 
