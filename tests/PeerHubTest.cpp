@@ -163,3 +163,21 @@ TEST(PeerHubTest, ConnectionChurnLeavesNoDescriptorsOrThreadsBehind)
       << "descriptors " << descriptors << " -> " << openDescriptors() << ", threads " << threads << " -> "
       << threadCount();
 }
+
+TEST(PeerHubTest, ClientsConnectingAllAtOnceAreServedWithoutRetries)
+{
+  Member hub;
+  ASSERT_TRUE(hub.peer.listen("127.0.0.1", 0));
+  constexpr int Count = 40;
+  std::vector<std::unique_ptr<Member>> clients;
+  for (int i = 0; i < Count; ++i)
+    clients.push_back(std::make_unique<Member>());
+  for (auto& client : clients)
+    client->peer.connectTo("127.0.0.1", hub.peer.listeningPort());
+  // Well inside the first retry of a client (3 s) and the kernel's second SYN retry (3 s).
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(pumpUntil(
+      {&hub.peer}, [&] { return hub.peer.sessionCount() == Count; }, 2500))
+      << hub.peer.sessionCount() << " of " << Count << " connected after "
+      << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() << " s";
+}
