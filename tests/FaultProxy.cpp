@@ -153,7 +153,8 @@ namespace PlexaTest
         owners.clear();
         fds.push_back({wakePipe[0], POLLIN, 0});
         owners.push_back(nullptr);
-        fds.push_back({listener, POLLIN, 0});
+        // A stopped process opens no connections either: new ones wait in the backlog.
+        fds.push_back({listener, short(swallowing ? 0 : POLLIN), 0});
         owners.push_back(nullptr);
         for (Link& link : links)
           for (Direction* d : {&link.up, &link.down}) {

@@ -13,8 +13,8 @@ namespace PlexaTest
   /// seconds, and cuts a connection in the middle of what it was forwarding. The same seed gives the
   /// same sequence of decisions (the timing of the peers still varies). With faults off it forwards
   /// as it receives; when swallowing it reads both directions and forwards nothing, not even the
-  /// end of a connection until swallowing stops, which to each side looks like a stopped process
-  /// whose connection stays open.
+  /// end of a connection until swallowing stops, and leaves new connections in its backlog, which
+  /// to each side looks like a stopped process whose connection stays open.
   ///
   /// One thread of its own does all the work; the setters may be called from any thread.
   class FaultProxy
