@@ -37,11 +37,16 @@ namespace Plexa
         if (connection->isRunning())
           ++live;
       if (live >= m_maxConnections) {
-        Bastion::warning("PeerServer::createConnection # %d connections already, closing the one from %s", live,
-                         address.toUtf8().constData());
+        // A flood of connection attempts would otherwise flood the log as well: one line until
+        // a connection is let in again.
+        if (!m_refusing)
+          Bastion::warning("PeerServer::createConnection # %d connections already, closing the one from %s", live,
+                           address.toUtf8().constData());
+        m_refusing = true;
         delete socket;
         return nullptr;
       }
+      m_refusing = false;
     }
     std::shared_ptr<ConnectionThread> connection = m_factory.create(socket, true, address);
     Bastion::Guard guard(m_madeMutex);

@@ -25,12 +25,15 @@ namespace Plexa
     void releaseEnded();
 
   protected:
-    /// Server thread. A connection over the cap is closed at once, with a warning.
+    /// Server thread. A connection over the cap is closed at once, with a warning for the first one
+    /// refused since a connection was last let in.
     std::shared_ptr<ConnectionThread> createConnection(Bastion::TCPSocket* socket) override;
 
   private:
     const PeerConnectionFactory& m_factory;
     const int m_maxConnections;
+    /// Server thread only: connections are being refused, and the warning has been given.
+    bool m_refusing = false;
 
     /// Every connection made and not yet released. Held so that the last reference to a connection
     /// is dropped on the application thread (by `releaseEnded` or the destructor), never on the

@@ -11,8 +11,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 using namespace Plexa;
 using namespace PlexaTest;
@@ -95,6 +101,29 @@ TEST(PeerTest, ListeningOnABusyAddressFailsWithAReason)
   EXPECT_FALSE(error.isEmpty());
 }
 
+namespace
+{
+  /// Connects to 127.0.0.1:`port` and waits (10 s at most) for the other end to close.
+  bool closedByPeer(int port)
+  {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(uint16_t(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const timeval limit{10, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    char byte = 0;
+    bool closed = false;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+      const ssize_t n = ::recv(fd, &byte, 1, 0);
+      closed = n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+    }
+    ::close(fd);
+    return closed;
+  }
+}
+
 TEST(PeerTest, AConnectionOverTheCapIsClosedAndGetsInOnceThereIsRoom)
 {
   Bastion::LogCapture log;
@@ -115,6 +144,10 @@ TEST(PeerTest, AConnectionOverTheCapIsClosedAndGetsInOnceThereIsRoom)
   }));
   EXPECT_EQ(second.sessionCount(), 0);
   EXPECT_EQ(server.sessionCount(), 1);
+  // More connections over the cap are closed without another line each.
+  for (int i = 0; i < 3; ++i)
+    EXPECT_TRUE(closedByPeer(server.listeningPort()));
+  EXPECT_EQ(log.countContaining("connections already, closing the one from"), 1);
 
   first.stop();
   ASSERT_TRUE(pumpUntil({&server, &first, &second}, [&] { return second.sessionCount() == 1; }));

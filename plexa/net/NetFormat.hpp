@@ -63,7 +63,10 @@ namespace Plexa
     /// A listening server waits this long between two bind attempts.
     constexpr double BindRetrySecs = 5.0;
     constexpr int AcceptPollUsec = 50000;
-    constexpr int AcceptBacklog = 2;
+    /// Connections the kernel completes ahead of the accept loop. A hub whose peers all come
+    /// back at once (after a restart, or a network that was down) gets them in a burst; with a
+    /// short queue the kernel drops the rest and their connects stall for seconds of SYN retries.
+    constexpr int AcceptBacklog = 128;
     /// After a failed accept (out of descriptors: the connection stays pending, so polling again
     /// would return at once) the server waits this long, doubling up to AcceptRetryMaxMs, instead
     /// of spinning at full speed until a descriptor frees up.
