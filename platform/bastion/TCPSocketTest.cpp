@@ -1,5 +1,6 @@
 #include "bastion/TCPSocket.hpp"
 #include "bastion/TCPServerSocket.hpp"
+#include "bastion/TestGate.hpp"
 
 #include <gtest/gtest.h>
 
@@ -135,10 +136,7 @@ TEST(TCPSocket, CloseFromAnotherThreadFailsBlockedReadAndWriteAtOnce)
   // The peer never reads, so this write fills the socket buffers and blocks.
   std::vector<char> big(64 << 20, 'y');
   auto writer = std::async(std::launch::async, [&] { return p.client.write(big.data(), int(big.size())); });
-  const auto until = Clock::now() + Deadline;
-  while (p.client.bytesSent() == 0 && Clock::now() < until)
-    std::this_thread::yield();
-  EXPECT_GT(p.client.bytesSent(), 0u);
+  EXPECT_TRUE(waitUntil([&] { return p.client.bytesSent() > 0; }));
   EXPECT_EQ(reader.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
 
   p.client.close();
