@@ -491,12 +491,12 @@ TEST(BundleControllerTest, AFloodOfPathsStopsAtTheDefaultCapWithOneLineAndNothin
 
   // Definitions of 10 paths more than the default cap, then records naming some of them.
   const uint32_t paths = uint32_t(BundleControllerParams::DefaultMaxSymbols) + 10;
-  SessionTest::BundleBytes definitions(20);
+  PlexaTest::BundleBytes definitions(20);
   for (uint32_t symbol = 1; symbol <= paths; ++symbol)
     definitions.words({symbol}).blob("p" + QByteArray::number(symbol));
-  SessionTest::BundleBytes records(21);
+  PlexaTest::BundleBytes records(21);
   for (uint32_t symbol : {1u, paths - 1, paths})
-    records.words({symbol, 3, 4, 1, SessionTest::bitsOf(1.f)});
+    records.words({symbol, 3, 4, 1, PlexaTest::bitsOf(1.f)});
 
   Bastion::LogCapture log;
   controller->scheduleProcess({definitions.bundle(), records.bundle()});
