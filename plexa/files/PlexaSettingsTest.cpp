@@ -107,14 +107,3 @@ TEST_F(PlexaSettingsTest, NoUserDataFolderMeansNoFile)
   qputenv("XDG_DATA_HOME", oldData);
   qputenv("HOME", oldHome);
 }
-
-TEST_F(PlexaSettingsTest, SuccessfulWriteTakesNoGuard)
-{
-  Bastion::LogCapture log;
-  PlexaSettings settings(false);
-  settings.setValue("key", "value");
-  settings.sync();
-  EXPECT_EQ(settings.status(), QSettings::NoError);
-  EXPECT_EQ(guardsEntered(log), 0);
-  EXPECT_EQ(PlexaSettings(false).value("key").toString(), "value");
-}
