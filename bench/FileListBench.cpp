@@ -15,7 +15,7 @@
 #include <ctime>
 
 using namespace Plexa;
-using namespace Plexa::FileTestSupport;
+using namespace PlexaTest;
 
 namespace
 {

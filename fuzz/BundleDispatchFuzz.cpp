@@ -7,6 +7,7 @@
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/BundleStream.hpp"
 #include "plexa/controller/Core.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/session/BundleReceiver.hpp"
 #include "plexa/session/SessionFormat.hpp"
 
@@ -30,30 +31,6 @@ namespace
         reader.readBinary(text, 1 << 20);
       }
     }
-  };
-
-  class MemorySource : public Plexa::BundleByteSource
-  {
-  public:
-    MemorySource(const uint8_t* data, size_t size)
-        : m_data(data)
-        , m_left(size)
-    {
-    }
-    bool readData(unsigned char* buffer, int size) override
-    {
-      if (size < 0 || size_t(size) > m_left)
-        return false;
-      std::memcpy(buffer, m_data, size_t(size));
-      m_data += size;
-      m_left -= size_t(size);
-      return true;
-    }
-    void abort() override { m_left = 0; }
-
-  private:
-    const uint8_t* m_data;
-    size_t m_left;
   };
 
   std::vector<Plexa::Bundle> cut(const uint8_t* data, size_t size)
@@ -116,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
   // The same bytes as the body of a bundle block whose count is the first byte.
   if (size > 0) {
-    MemorySource source(data + 1, size - 1);
+    PlexaTest::ByteSource source(QByteArray::fromRawData(reinterpret_cast<const char*>(data + 1), int(size - 1)));
     std::vector<Plexa::Bundle> bundles;
     Plexa::readBundleBlock(QString("plexa2 %1").arg(int(data[0])), source, bundles);
     dispatchAll(core, bundles);

@@ -17,6 +17,7 @@
 #include "bastion/Log.hpp"
 #include "bastion/TCPSocket.hpp"
 #include "plexa/bundle/BundleStream.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 #include "plexa/net/NetFormat.hpp"
 #include "plexa/net/SharedKey.hpp"
@@ -31,21 +32,6 @@
 
 namespace
 {
-  /// Takes complete bundle lists and touches every byte of them, as a session's decoder would.
-  class Sink : public Plexa::BundleListScheduler
-  {
-  public:
-    void scheduleProcess(const std::vector<Plexa::Bundle>& bundles) override
-    {
-      for (const Plexa::Bundle& bundle : bundles)
-        for (char c : bundle.data())
-          m_sum += uint8_t(c);
-    }
-
-  private:
-    unsigned m_sum = 0;
-  };
-
   /// A connection whose commands are bundle blocks and map blocks ("map <count>"), as the
   /// session and the applications use them.
   class FuzzConnection : public Plexa::ConnectionThread
@@ -72,7 +58,7 @@ namespace
     bool openConnection() override { return true; }
 
   private:
-    std::shared_ptr<Sink> m_sink = std::make_shared<Sink>();
+    std::shared_ptr<PlexaTest::RecordingScheduler> m_sink = std::make_shared<PlexaTest::RecordingScheduler>();
   };
 
   // The fuzzer's timers interrupt system calls: EINTR is no failure here.

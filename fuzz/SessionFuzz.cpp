@@ -24,6 +24,7 @@
 #include "plexa/bundle/Bundle.hpp"
 #include "plexa/bundle/Connection.hpp"
 #include "plexa/controller/BundleController.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 
 #include <algorithm>
@@ -35,23 +36,6 @@
 
 namespace
 {
-  /// Keeps what a session sends, for the other session.
-  class RecordingConnection : public Plexa::Connection
-  {
-  public:
-    void send(const std::vector<Plexa::Bundle>& bundles) override { m_lists.push_back(bundles); }
-
-    std::vector<std::vector<Plexa::Bundle>> take()
-    {
-      std::vector<std::vector<Plexa::Bundle>> lists;
-      lists.swap(m_lists);
-      return lists;
-    }
-
-  private:
-    std::vector<std::vector<Plexa::Bundle>> m_lists;
-  };
-
   struct Options
   {
     bool createMissing = false;
@@ -78,7 +62,7 @@ namespace
   struct Side
   {
     Plexa::RemoteNode root;
-    std::shared_ptr<RecordingConnection> out = std::make_shared<RecordingConnection>();
+    std::shared_ptr<PlexaTest::RecordingLink> out = std::make_shared<PlexaTest::RecordingLink>();
     std::shared_ptr<Plexa::BundleController> controller;
     int events = 0;
 

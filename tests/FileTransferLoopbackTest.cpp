@@ -14,7 +14,7 @@
 #include <unistd.h>
 
 using namespace Plexa;
-using namespace Plexa::FileTestSupport;
+using namespace PlexaTest;
 
 namespace
 {
@@ -84,10 +84,7 @@ namespace
       ASSERT_TRUE(m_store->waitForFileList(30000));
       m_server.reset(new FileServer(*m_store, m_root.path()));
       m_server->run(QStringLiteral("127.0.0.1"), 0);
-      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-      while (m_server->localPort() == 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::yield();
-      ASSERT_NE(m_server->localPort(), 0);
+      ASSERT_TRUE(Bastion::waitUntil([&] { return m_server->localPort() != 0; }));
     }
     void TearDown() override
     {

@@ -5,6 +5,7 @@
 #include "bastion/BinaryData.hpp"
 #include "bastion/LogCapture.hpp"
 #include "carafe/AttributeT.hpp"
+#include "plexa/app/PeerTestSupport.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/controller/Core.hpp"
 #include "plexa/remote/AttributeWalk.hpp"
@@ -19,20 +20,11 @@
 #include <set>
 
 using namespace Plexa;
+using PlexaTest::attributeAt;
 
 namespace
 {
   using Int = Carafe::AttributeT<int>;
-
-  template <typename A>
-  A* at(Carafe::Node& root, const QByteArray& path)
-  {
-    Carafe::Node* node = &root;
-    const QList<QByteArray> parts = path.split('/');
-    for (int i = 0; i + 1 < parts.size() && node; ++i)
-      node = dynamic_cast<Carafe::Node*>(node->attribute(parts[i]));
-    return node ? dynamic_cast<A*>(node->attribute(parts.last())) : nullptr;
-  }
 
   BundleControllerParams params(bool createMissing, bool dropStale = false)
   {
@@ -190,8 +182,8 @@ TEST(SessionDataPathTest, EventsSlicedEventsAndInitializedArriveAndIdAttributesS
   EXPECT_EQ(initialized, 1);
   EXPECT_EQ(s.ca->peerInitializedCount(), 1);
   EXPECT_EQ(s.cb->peerInitializedCount(), 1);
-  EXPECT_NE(at<Int>(s.b, "n/v"), nullptr);
-  EXPECT_EQ(at<Int>(s.b, "n/id"), nullptr);
+  EXPECT_NE(attributeAt<Int>(s.b, "n/v"), nullptr);
+  EXPECT_EQ(attributeAt<Int>(s.b, "n/id"), nullptr);
   EXPECT_EQ(s.b.attribute("id"), nullptr);
 
   Bastion::BinaryData small;
@@ -222,8 +214,8 @@ TEST(SessionDataPathTest, WithoutCreationTheFarTreeKeepsOnlyWhatItHad)
   s.start(params(false), params(false));
   ASSERT_TRUE(s.settle());
   EXPECT_EQ(s.b.attribute("only-a"), nullptr);
-  at<Int>(s.a, "only-a")->setValue(4);
-  at<Int>(s.a, "shared")->setValue(7);
+  attributeAt<Int>(s.a, "only-a")->setValue(4);
+  attributeAt<Int>(s.a, "shared")->setValue(7);
   Bastion::LogCapture log;
   ASSERT_TRUE(s.settle());
   EXPECT_EQ(shared->value(), 7);
@@ -239,16 +231,16 @@ TEST(SessionDataPathTest, ARemovalThatCrossesTheFarSidesAnnouncementStaysRemoved
   auto* o = new Carafe::Node(&s.a, "o");
   o->addAttribute("x", new Int());
   ASSERT_TRUE(s.exchange());
-  ASSERT_NE(at<Int>(s.b, "o/x"), nullptr);
+  ASSERT_NE(attributeAt<Int>(s.b, "o/x"), nullptr);
   // b announces the attribute it just made while a removes it: the two cross on the way.
   o->removeAttribute("x");
   ASSERT_TRUE(s.settle());
-  EXPECT_EQ(at<Int>(s.a, "o/x"), nullptr);
-  EXPECT_EQ(at<Int>(s.b, "o/x"), nullptr);
+  EXPECT_EQ(attributeAt<Int>(s.a, "o/x"), nullptr);
+  EXPECT_EQ(attributeAt<Int>(s.b, "o/x"), nullptr);
   // Added again later, it comes back on both sides.
   o->addAttribute("x", new Int());
   ASSERT_TRUE(s.settle());
-  EXPECT_NE(at<Int>(s.b, "o/x"), nullptr);
+  EXPECT_NE(attributeAt<Int>(s.b, "o/x"), nullptr);
 }
 
 TEST(SessionDataPathTest, WhatAnEarlierSessionCreatedGoesWhenItsOwnerRemovesItLater)
@@ -278,7 +270,7 @@ TEST(SessionDataPathTest, AChangeQueuedWhileThePeerReplacesTheAttributeIsNotWrit
   s.start(params(true), params(true));
   s.a.addAttribute("x", new Int());
   ASSERT_TRUE(s.settle());
-  auto* created = at<Int>(s.b, "x");
+  auto* created = attributeAt<Int>(s.b, "x");
   ASSERT_NE(created, nullptr);
 
   // b changes the x it made for a; before b sends, a's removal and new x arrive.
@@ -295,5 +287,5 @@ TEST(SessionDataPathTest, AChangeQueuedWhileThePeerReplacesTheAttributeIsNotWrit
   for (size_t i = from; i < s.bToA.size(); ++i)
     EXPECT_NE(s.bToA[i].header().messageType, updateType);
   EXPECT_EQ(again->value(), 2);
-  EXPECT_EQ(at<Int>(s.b, "x")->value(), 2);
+  EXPECT_EQ(attributeAt<Int>(s.b, "x")->value(), 2);
 }

@@ -241,10 +241,7 @@ TEST(BGThread, SharedInstanceRunsOneShotTasks)
   auto once = recording(journal, "once");
   ASSERT_TRUE(bg.addTask(once));
   EXPECT_EQ(journal.waitFor(1).size(), 1u);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!once->isFinished() && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
-  EXPECT_TRUE(once->isFinished());
+  EXPECT_TRUE(waitUntil([&] { return once->isFinished(); }));
   once->runNow();
   EXPECT_EQ(journal.waitFor(1).size(), 1u);
 }

@@ -1,6 +1,7 @@
 #include "bastion/SymbolRegistry.hpp"
 
 #include "bastion/LogCapture.hpp"
+#include "bastion/TestGate.hpp"
 
 #include <gtest/gtest.h>
 
@@ -112,10 +113,7 @@ TEST(SymbolRegistry, ReadLockHeldAcrossLookupsDoesNotBlockBehindAWaitingWriter)
     r.define("other", 50);
     writerDone = true;
   });
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!writerStarting && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
-  ASSERT_TRUE(writerStarting.load());
+  ASSERT_TRUE(Bastion::waitUntil([&] { return writerStarting.load(); }));
   // The writer is queued behind our read lock (it cannot finish while we hold it). Taking the
   // read lock again must not queue behind it, or this thread would wait for itself.
   for (int i = 0; i < 2000; ++i) {

@@ -1,13 +1,16 @@
 #pragma once
 
-// Test helper: a counting gate that one thread raises and others wait on with a deadline. The one
-// wait helper of the tests, from the threads here up to the file transfer.
+// Test helpers: a counting gate that one thread raises and others wait on with a deadline, and a
+// bounded wait for a condition that nothing signals. The wait helpers of the tests, from the threads
+// here up to the file transfer.
 
 #include "bastion/Condition.hpp"
 #include "bastion/Guard.hpp"
 #include "bastion/Mutex.hpp"
 
 #include <chrono>
+#include <functional>
+#include <thread>
 
 namespace Bastion
 {
@@ -48,4 +51,17 @@ namespace Bastion
     Condition m_cond;
     int m_count = 0;
   };
+
+  /// Polls `done` until it holds; false when `timeoutMs` passed first. For state that no gate is
+  /// raised for (a thread count, a flag of the code under test).
+  inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 20000)
+  {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+      if (std::chrono::steady_clock::now() > deadline)
+        return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
 }

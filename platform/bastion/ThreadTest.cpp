@@ -149,8 +149,5 @@ TEST(Thread, DestructorJoinsOrDetachesOnItsOwnThread)
   auto* self = new Detached(done, go2, true);
   ASSERT_TRUE(self->run());
   go2.raise();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (done < 2 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
-  EXPECT_EQ(done, 2);
+  EXPECT_TRUE(waitUntil([&] { return done == 2; }));
 }

@@ -178,18 +178,3 @@ TEST(AttributeT, SeparateVectorReportsOnceForEachChange)
   EXPECT_EQ(v.value(), Vector2f(4, 4));
   EXPECT_EQ(seen.size(), 4u);
 }
-
-TEST(AttributeT, RegisteredClassesAreSiblings)
-{
-  // A type registry matches by dynamic_cast: no value class may be taken for another.
-  AttributeAsset asset;
-  AttributeEnum e;
-  AttributeT<Vector2f, Separate> separate;
-  Attribute* a = &asset;
-  Attribute* b = &e;
-  Attribute* c = &separate;
-  EXPECT_EQ(dynamic_cast<AttributeT<QString>*>(a), nullptr);
-  EXPECT_EQ(dynamic_cast<AttributeT<int>*>(b), nullptr);
-  EXPECT_EQ(dynamic_cast<AttributeT<Vector2f>*>(c), nullptr);
-  EXPECT_NE(typeid(*c), typeid(AttributeT<Vector2f>));
-}

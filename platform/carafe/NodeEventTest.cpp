@@ -1,6 +1,7 @@
 #include "carafe/Node.hpp"
 
 #include "bastion/BinaryData.hpp"
+#include "bastion/TestGate.hpp"
 
 #include <gtest/gtest.h>
 
@@ -33,19 +34,6 @@ namespace
     std::atomic<int> received{0};
     std::atomic<long> sum{0};
   };
-
-  /// Waits (bounded) until `ready` holds.
-  template <typename F>
-  bool waitFor(F ready)
-  {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!ready()) {
-      if (std::chrono::steady_clock::now() > deadline)
-        return false;
-      std::this_thread::yield();
-    }
-    return true;
-  }
 }
 
 TEST(NodeEvents, BeforeListenersRunFirstAndEachSeesThePayloadFromItsStart)
@@ -235,10 +223,10 @@ TEST(NodeEvents, ALinkTargetMayBeDeletedWhileAnotherThreadSends)
       ++sent;
     }
   });
-  ASSERT_TRUE(waitFor([&] { return target->received.load() >= 100; }));
+  ASSERT_TRUE(Bastion::waitUntil([&] { return target->received.load() >= 100; }));
   delete target; // waits for a delivery in progress, then no more arrive
   const int after = sent.load();
-  ASSERT_TRUE(waitFor([&] { return sent.load() >= after + 100; }));
+  ASSERT_TRUE(Bastion::waitUntil([&] { return sent.load() >= after + 100; }));
   stop = true;
   sender.join();
 }

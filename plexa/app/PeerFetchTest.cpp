@@ -13,7 +13,6 @@
 #include <map>
 
 using namespace Plexa;
-using namespace Plexa::FileTestSupport;
 using namespace PlexaTest;
 
 namespace

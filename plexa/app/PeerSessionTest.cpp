@@ -52,7 +52,7 @@ namespace
     std::atomic<int> wakes{0};
     /// "<kind> <path>" of each file event.
     QStringList fileEvents;
-    FileTestSupport::Signal fileSignal;
+    PlexaTest::Signal fileSignal;
   };
 
   /// A connection that is never started.
@@ -216,7 +216,7 @@ TEST(PeerSessionTest, LinkHandsOnlyBundleBlocksToItsSession)
 
 TEST(PeerSessionTest, AFileConnectionReportsOnlyTheDownloadsItBooked)
 {
-  using namespace FileTestSupport;
+  using namespace PlexaTest;
   Bastion::LogCapture log;
   QTemporaryDir root;
   AssetBase store(root.path());

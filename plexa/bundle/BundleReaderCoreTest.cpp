@@ -8,10 +8,10 @@
 #include <stdexcept>
 #include <string>
 
-using Plexa::WireTest::bytes;
-using Plexa::WireTest::invalidArgument;
-using Plexa::WireTest::outOfRange;
-using Plexa::WireTest::thrownText;
+using PlexaTest::bytes;
+using PlexaTest::invalidArgument;
+using PlexaTest::outOfRange;
+using PlexaTest::thrownText;
 
 namespace
 {

@@ -11,47 +11,11 @@
 using namespace Plexa;
 using namespace PlexaTest;
 
-namespace
-{
-  /// A byte stream that ends (fails) where its bytes end, like a closed connection.
-  class FakeSource : public BundleByteSource
-  {
-  public:
-    explicit FakeSource(const QByteArray& bytes = QByteArray())
-        : stream(bytes)
-    {
-    }
-
-    bool readData(unsigned char* buffer, int size) override
-    {
-      ++reads;
-      largestRead = std::max(largestRead, size);
-      if (failed || size > stream.size() - position) {
-        position = stream.size();
-        failed = true;
-        return false;
-      }
-      std::memcpy(buffer, stream.constData() + position, size_t(size));
-      position += size;
-      return true;
-    }
-    void abort() override { aborted = true; }
-
-    QByteArray stream;
-    int position = 0;
-    int reads = 0;
-    int largestRead = 0;
-    bool failed = false;
-    bool aborted = false;
-  };
-
-}
-
 TEST(BundleStreamTest, LinesThatDoNotOpenABlockReadNothing)
 {
   for (const char* line :
        {"plexa2", "Plexa2 3", "plexa2 x", "plexa2 ", "plexa23", "plexa2 3x", "plexa2 99999999999", "ping", ""}) {
-    FakeSource source(QByteArray(64, '\0'));
+    ByteSource source(QByteArray(64, '\0'));
     std::vector<Bundle> bundles{Bundle()};
     EXPECT_EQ(readBundleBlock(line, source, bundles), BundleBlockResult::NotABlock) << line;
     EXPECT_EQ(source.reads, 0) << line;
@@ -63,7 +27,7 @@ TEST(BundleStreamTest, CountIsReadAsToIntReadsIt)
 {
   const std::vector<Bundle> sent{BundleBytes(1, 1).bytes("aaaa"), BundleBytes(2, 2).bytes(""),
                                  BundleBytes(3, 3).bytes("bbbbcccc")};
-  FakeSource source(concat(sent) + "trailing");
+  ByteSource source(concat(sent) + "trailing");
   std::vector<Bundle> bundles;
   // Blanks around the number and a plus sign are accepted.
   ASSERT_EQ(readBundleBlock("plexa2  +3 ", source, bundles), BundleBlockResult::Complete);
@@ -73,7 +37,7 @@ TEST(BundleStreamTest, CountIsReadAsToIntReadsIt)
 
 TEST(BundleStreamTest, ZeroCountGivesAnEmptyCompleteBlock)
 {
-  FakeSource source("unrelated");
+  ByteSource source("unrelated");
   std::vector<Bundle> bundles{Bundle()};
   EXPECT_EQ(readBundleBlock("plexa2 0", source, bundles), BundleBlockResult::Complete);
   EXPECT_TRUE(bundles.empty());
@@ -87,7 +51,7 @@ TEST(BundleStreamTest, BundlesArriveWholeAndInOrder)
     sent.push_back(BundleBytes(i, i + 1).bytes(QByteArray(int(i * 4), char('a' + i))));
   // One payload larger than a read chunk.
   sent.push_back(BundleBytes(9, 6).bytes(QByteArray(BundleReadChunkBytes * 2 + 12, 'z')));
-  FakeSource source(concat(sent));
+  ByteSource source(concat(sent));
   std::vector<Bundle> bundles;
   ASSERT_EQ(readBundleBlock("plexa2 6", source, bundles), BundleBlockResult::Complete);
   ASSERT_EQ(bundles.size(), sent.size());
@@ -106,7 +70,7 @@ TEST(BundleStreamTest, BlockCutShortYieldsNothing)
   {
     // Closed after the second bundle: the third header is missing.
     Bastion::LogCapture log;
-    FakeSource source(concat({sent[0], sent[1]}));
+    ByteSource source(concat({sent[0], sent[1]}));
     std::vector<Bundle> bundles;
     EXPECT_EQ(readBundleBlock("plexa2 3", source, bundles), BundleBlockResult::Failed);
     EXPECT_TRUE(bundles.empty());
@@ -115,7 +79,7 @@ TEST(BundleStreamTest, BlockCutShortYieldsNothing)
   {
     // Closed inside the third payload.
     Bastion::LogCapture log;
-    FakeSource source(concat(sent).left(concat(sent).size() - 2));
+    ByteSource source(concat(sent).left(concat(sent).size() - 2));
     std::vector<Bundle> bundles;
     EXPECT_EQ(readBundleBlock("plexa2 3", source, bundles), BundleBlockResult::Failed);
     EXPECT_TRUE(bundles.empty());
@@ -126,7 +90,7 @@ TEST(BundleStreamTest, BlockCutShortYieldsNothing)
 
 TEST(BundleStreamTest, NegativeCountThrowsBeforeReading)
 {
-  FakeSource source(QByteArray(64, '\0'));
+  ByteSource source(QByteArray(64, '\0'));
   std::vector<Bundle> bundles;
   EXPECT_THROW(readBundleBlock("plexa2 -1", source, bundles), std::length_error);
   EXPECT_EQ(source.reads, 0);
@@ -137,7 +101,7 @@ TEST(BundleStreamTest, MemoryFollowsReceivedBytesNotAnnouncedSizes)
   {
     // A count of 2^31-1 with one bundle behind it: nothing is allocated for the rest.
     const Bundle one = BundleBytes(1, 1).bytes("abcd");
-    FakeSource source(one.data());
+    ByteSource source(one.data());
     std::vector<Bundle> bundles;
     EXPECT_EQ(readBundleBlock("plexa2 2147483647", source, bundles), BundleBlockResult::Failed);
     EXPECT_EQ(source.reads, 3); // header, payload, failed second header
@@ -147,7 +111,7 @@ TEST(BundleStreamTest, MemoryFollowsReceivedBytesNotAnnouncedSizes)
     Bastion::LogCapture log;
     Bundle big;
     big.setHeader(BundleHeader{0x7fffff00u, 1, 1, 0});
-    FakeSource source(big.data() + QByteArray(100, 'x'));
+    ByteSource source(big.data() + QByteArray(100, 'x'));
     std::vector<Bundle> bundles;
     EXPECT_EQ(readBundleBlock("plexa2 1", source, bundles), BundleBlockResult::Failed);
     EXPECT_EQ(source.largestRead, BundleReadChunkBytes);
@@ -159,7 +123,7 @@ TEST(BundleStreamTest, MemoryFollowsReceivedBytesNotAnnouncedSizes)
     Bastion::LogCapture log;
     Bundle huge;
     huge.setHeader(BundleHeader{size, 1, 1, 0});
-    FakeSource source(huge.data() + QByteArray(100, 'x'));
+    ByteSource source(huge.data() + QByteArray(100, 'x'));
     std::vector<Bundle> bundles;
     EXPECT_EQ(readBundleBlock("plexa2 1", source, bundles), BundleBlockResult::Failed) << size;
     EXPECT_TRUE(source.aborted) << size;

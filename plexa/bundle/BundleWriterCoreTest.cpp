@@ -6,9 +6,9 @@
 #include <stdexcept>
 #include <string>
 
-using Plexa::WireTest::bytes;
-using Plexa::WireTest::outOfRange;
-using Plexa::WireTest::thrownText;
+using PlexaTest::bytes;
+using PlexaTest::outOfRange;
+using PlexaTest::thrownText;
 
 TEST(BundleWriterCore, ValuesAndStringsArePaddedToFourBytes)
 {

@@ -7,48 +7,17 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
-
 using namespace Plexa;
 using namespace PlexaTest;
 
 namespace
 {
-  /// Records every scheduled list; tests wait for them with a deadline.
-  class RecordingScheduler : public BundleListScheduler
-  {
-  public:
-    void scheduleProcess(const std::vector<Bundle>& bundles) override
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_lists.push_back(bundles);
-      m_changed.notify_all();
-    }
-    bool waitForLists(size_t count)
-    {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      return m_changed.wait_for(lock, std::chrono::milliseconds(WaitMs), [&] { return m_lists.size() >= count; });
-    }
-    std::vector<std::vector<Bundle>> lists() const
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      return m_lists;
-    }
-
-  private:
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<std::vector<Bundle>> m_lists;
-  };
-
   /// Every line goes to processPlexa2 first, as an application's command handler does.
   void receiveBlocks(RecordingConnection& connection, std::shared_ptr<RecordingScheduler> scheduler)
   {
     connection.setHandler(
         [scheduler](RecordingConnection& c, const QString& line) { return processPlexa2(scheduler, c, line); });
   }
-
 
   /// A server-role connection that reads bundle blocks, and the raw client in front of it.
   struct RawToReceiver

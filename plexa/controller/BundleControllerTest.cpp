@@ -33,20 +33,17 @@ using Vec2 = Carafe::AttributeT<Quiver::Vector2T<float>>;
 
 namespace
 {
-  /// The outgoing side of a test session: records every send pass and, when linked, hands it to
-  /// the peer controller as its connection thread would.
-  class Link : public Connection
+  using PlexaTest::BundleBytes;
+  using Link = PlexaTest::RecordingLink;
+
+  /// What `link` sends, `peer` processes, as the connection thread would hand it over.
+  void linkTo(Link& link, const std::shared_ptr<BundleController>& peer)
   {
-  public:
-    void send(const std::vector<Bundle>& bundles) override
-    {
-      passes.push_back(bundles);
-      if (const auto peer = this->peer.lock())
-        peer->scheduleProcess(bundles);
-    }
-    std::vector<std::vector<Bundle>> passes;
-    std::weak_ptr<BundleController> peer;
-  };
+    link.onSend = [weak = std::weak_ptr<BundleController>(peer)](const std::vector<Bundle>& bundles) {
+      if (const auto other = weak.lock())
+        other->scheduleProcess(bundles);
+    };
+  }
 
   /// Records the sequence of every bundle it gets; throws a standard exception for the payload
   /// word 0xBAD and an int for 0xDEAD.
@@ -72,10 +69,7 @@ namespace
 
   Bundle makeBundle(uint32_t type, uint32_t sequence, uint32_t word)
   {
-    Bundle bundle;
-    bundle.setHeader({4, type, sequence, 0});
-    bundle.data().append(reinterpret_cast<const char*>(&word), 4);
-    return bundle;
+    return BundleBytes(type, sequence).words({word});
   }
 
   /// Serves `receiver` under ScriptedType in the controller's core.
@@ -407,8 +401,8 @@ TEST(BundleControllerTest, TwoLinkedSessionsKeepTheirTreesInSync)
   b.eventAddListener("hello", [&](Bastion::BinaryData& data) { bEvents.push_back(data.toByteArray()); });
   const auto ca = BundleController::create(a, paramsWith(toB));
   const auto cb = BundleController::create(b, paramsWith(toA));
-  toB->peer = cb;
-  toA->peer = ca;
+  linkTo(*toB, cb);
+  linkTo(*toA, ca);
   const auto inSync = [&] { return snapshot(a) == snapshot(b); };
 
   // The trees that existed before the session meet, and each side hears the other's start.
@@ -468,8 +462,8 @@ TEST(BundleControllerTest, ADeepLocalTreeIsWatchedSentAndDeletedWhileThePeerRefu
     auto toA = std::make_shared<Link>();
     const auto ca = BundleController::create(a, paramsWith(toB));
     const auto cb = BundleController::create(b, paramsWith(toA));
-    toB->peer = cb;
-    toA->peer = ca;
+    linkTo(*toB, cb);
+    linkTo(*toA, ca);
     ASSERT_TRUE(pumpUntil([&] { return ca->peerInitialized() && cb->peerInitialized(); }));
     // The peer took the shallow attribute and refused the deep path, with one line and no nodes.
     const auto mirrored = snapshot(b);
@@ -497,12 +491,12 @@ TEST(BundleControllerTest, AFloodOfPathsStopsAtTheDefaultCapWithOneLineAndNothin
 
   // Definitions of 10 paths more than the default cap, then records naming some of them.
   const uint32_t paths = uint32_t(BundleControllerParams::DefaultMaxSymbols) + 10;
-  SessionTest::BundleBytes definitions(20);
+  PlexaTest::BundleBytes definitions(20);
   for (uint32_t symbol = 1; symbol <= paths; ++symbol)
     definitions.words({symbol}).blob("p" + QByteArray::number(symbol));
-  SessionTest::BundleBytes records(21);
+  PlexaTest::BundleBytes records(21);
   for (uint32_t symbol : {1u, paths - 1, paths})
-    records.words({symbol, 3, 4, 1, SessionTest::bitsOf(1.f)});
+    records.words({symbol, 3, 4, 1, PlexaTest::bitsOf(1.f)});
 
   Bastion::LogCapture log;
   controller->scheduleProcess({definitions.bundle(), records.bundle()});

@@ -14,7 +14,7 @@
 #include <thread>
 
 using namespace Plexa;
-using namespace Plexa::FileTestSupport;
+using namespace PlexaTest;
 
 namespace
 {

@@ -15,22 +15,10 @@
 #include <thread>
 
 using namespace Plexa;
-using namespace Plexa::FileTestSupport;
+using namespace PlexaTest;
 
 namespace
 {
-  /// Polls `done` until it holds or 20 s passed.
-  bool waitUntil(const std::function<bool()>& done)
-  {
-    const auto deadline = Clock::now() + std::chrono::seconds(20);
-    while (!done()) {
-      if (Clock::now() > deadline)
-        return false;
-      std::this_thread::yield();
-    }
-    return true;
-  }
-
   std::mutex g_syncMutex;
   /// "fdatasync <file>" and "fsync <file>" for every such call of the process, in order.
   QStringList g_syncs;
@@ -162,7 +150,7 @@ TEST_P(FileTransferHandlerTest, ShutdownEndsAWaitingUploadFirst)
   m_peer->holdAtFirstPart();
   m_peer->send("sendparts \"/large.bin\"\n");
   ASSERT_TRUE(m_peer->heldSignal.wait());
-  ASSERT_TRUE(waitUntil([&] { return m_handler->bufferedDataSize() > UploadBufferLimit; }));
+  ASSERT_TRUE(Bastion::waitUntil([&] { return m_handler->bufferedDataSize() > UploadBufferLimit; }));
   EXPECT_EQ(openCount(), 1);
   m_handler->shutdown();
   EXPECT_EQ(openCount(), 0);
@@ -367,10 +355,7 @@ TEST_P(FileTransferHandlerTest, DroppedUploadEndsItsTask)
   m_peer->stop();
   ASSERT_TRUE(m_handler->disconnectedSignal.wait());
   // The task notices the dropped connection and finishes instead of polling the full buffer.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (Bastion::BGThread::instance().taskCount() > tasksBefore && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
-  EXPECT_EQ(Bastion::BGThread::instance().taskCount(), tasksBefore);
+  EXPECT_TRUE(Bastion::waitUntil([&] { return Bastion::BGThread::instance().taskCount() == tasksBefore; }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Resolution, FileTransferHandlerTest, ::testing::Values(true, false),
@@ -478,7 +463,7 @@ TEST_P(FileTransferCapsTest, APeerCannotGrowQueuesPastTheirCaps)
   m_peer->holdAtFirstPart();
   m_peer->send("sendparts \"/large.bin\"\n");
   ASSERT_TRUE(m_peer->heldSignal.wait());
-  ASSERT_TRUE(waitUntil([&] { return m_handler->bufferedDataSize() > UploadBufferLimit; }));
+  ASSERT_TRUE(Bastion::waitUntil([&] { return m_handler->bufferedDataSize() > UploadBufferLimit; }));
   QByteArray requests;
   for (int i = 0; i <= MaxQueuedUploads; ++i)
     requests += "sendparts \"/q" + QByteArray::number(i) + "\"\n";
@@ -486,7 +471,7 @@ TEST_P(FileTransferCapsTest, APeerCannotGrowQueuesPastTheirCaps)
   for (int i = 0; i < 400; ++i)
     requests += "sendfileinfo \"" + deep.toUtf8() + "\"\n";
   m_peer->send(requests);
-  ASSERT_TRUE(waitUntil([&] { return log.countContaining("went over FileInfoReplyBufferLimit") == 1; }));
+  ASSERT_TRUE(Bastion::waitUntil([&] { return log.countContaining("went over FileInfoReplyBufferLimit") == 1; }));
   EXPECT_EQ(log.countContaining("went over MaxQueuedUploads (1025, limit 1024): refusing '/q1024'"), 1);
   EXPECT_EQ(log.countContaining("'/q0' is queued already"), 1);
   EXPECT_LE(m_handler->bufferedDataSize(), FileInfoReplyBufferLimit + 8192);
@@ -510,7 +495,7 @@ TEST(FileTransferReconnectTest, QueuedPartsDoNotReachTheNextConnection)
   first->holdAtFirstPart();
   first->send("sendparts \"/large.bin\"\n");
   ASSERT_TRUE(first->heldSignal.wait());
-  ASSERT_TRUE(waitUntil([&] { return uploader->bufferedDataSize() > UploadBufferLimit; }));
+  ASSERT_TRUE(Bastion::waitUntil([&] { return uploader->bufferedDataSize() > UploadBufferLimit; }));
   first.reset();
   ASSERT_TRUE(uploader->disconnectedSignal.wait());
 

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 using namespace Plexa;
-using namespace Plexa::FileTestSupport;
+using namespace PlexaTest;
 
 namespace
 {

@@ -128,6 +128,35 @@ TEST(ConnectionHandshake, ClientSpeaksToNewAndOldServers)
   }
 }
 
+// Nobody listens at first: attempts fail and the wait before the next one reports what is left of
+// it. A server that appears is found, and found again after it went away and came back on its port.
+TEST(ConnectionHandshake, ClientRetriesUntilAServerListensAndAfterItWentAway)
+{
+  int port = 0;
+  {
+    Listener probe;
+    port = probe.port();
+  }
+  auto connection = std::make_shared<RecordingConnection>(nullptr, false);
+  connection->connectToHost("127.0.0.1", port);
+  ASSERT_TRUE(connection->waitFor([&] { return connection->failedCount() >= 1 && !connection->retries().empty(); }));
+  for (double left : connection->retries()) {
+    EXPECT_GT(left, 0.0);
+    EXPECT_LE(left, 3.0);
+  }
+  for (int round = 1; round <= 2; ++round) {
+    Bastion::TCPServerSocket server;
+    ASSERT_EQ(server.open("127.0.0.1", port, 4), 0);
+    ASSERT_TRUE(server.isPendingConnection(8000 * 1000)) << "round " << round;
+    RawSocket peer(server.accept());
+    ASSERT_TRUE(peer.serverHandshake()) << "round " << round;
+    ASSERT_TRUE(connection->waitConnected(round, 8000));
+    EXPECT_EQ(peer.readLine(), "ping initialized");
+    connection->queue(QStringLiteral("after %1\n").arg(round));
+    EXPECT_EQ(peer.readLine(), "after " + QByteArray::number(round));
+  }
+}
+
 TEST(ConnectionHandshake, ClientReportsBadServers)
 {
   Bastion::LogCapture log;

@@ -2,6 +2,7 @@
 #include "bastion/BinaryData.hpp"
 #include "bastion/Guard.hpp"
 #include "bastion/LogCapture.hpp"
+#include "bastion/TestGate.hpp"
 #include "plexa/net/ConnectionTestSupport.hpp"
 
 #include <gtest/gtest.h>
@@ -323,9 +324,7 @@ TEST(WriterThread, DirectAndQueuedWritesKeepEveryMessageWholeAndInOrder)
         sums[size_t(chunk.first.mid(1).toInt())] += chunk.second;
     return sums;
   };
-  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(WaitMs);
-  while (reported() != sentBytes && std::chrono::steady_clock::now() < until)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  Bastion::waitUntil([&] { return reported() == sentBytes; }, WaitMs);
   EXPECT_EQ(reported(), sentBytes);
 }
 

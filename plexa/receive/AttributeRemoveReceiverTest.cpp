@@ -9,8 +9,8 @@
 #include <cstring>
 
 using namespace Plexa;
-using SessionTest::bitsOf;
-using SessionTest::BundleBytes;
+using PlexaTest::bitsOf;
+using PlexaTest::BundleBytes;
 
 namespace
 {
@@ -28,7 +28,7 @@ TEST(AttributeRemoveReceiverTest, CreatedAttributesGoLocalOnesStayAndBothReadLat
   auto* local = new Float();
   node.addAttribute("local", local);
   node.update();
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.added.setCreateMissingAttributes(true);
   side.define(1, "local");
   side.define(2, "remote");
@@ -78,7 +78,7 @@ TEST(AttributeRemoveReceiverTest, ALocalRemovalOfAnUnpublishedAttributeDropsItsD
   node.addAttribute("hidden", new Float());
   node.setSyncFlags(RemoteNode::makeRegExp("hidden"), SyncFlags::None);
   node.update();
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.define(3, "hidden");
   side.feed(side.added, BundleBytes(NewType).words({3, FloatId, 4, 1, bitsOf(1.f)}).bundle());
   node.removeAttribute("hidden");
@@ -91,9 +91,9 @@ TEST(AttributeRemoveReceiverTest, ALocalRemovalOfAnUnpublishedAttributeDropsItsD
 TEST(AttributeRemoveReceiverTest, ThePeersRemovalDeletesOnlyTheObjectCreatedForIt)
 {
   RemoteNode node(nullptr, "root");
-  SessionTest::SessionSide a(node);
-  SessionTest::SessionSide b(node);
-  for (SessionTest::SessionSide* side : {&a, &b}) {
+  PlexaTest::SessionSide a(node);
+  PlexaTest::SessionSide b(node);
+  for (PlexaTest::SessionSide* side : {&a, &b}) {
     side->added.setCreateMissingAttributes(true);
     side->define(2, "x");
   }

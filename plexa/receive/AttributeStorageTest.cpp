@@ -77,7 +77,7 @@ TEST(AttributeStorageTest, RecordsKeepTheirSymbolsAndTheFirstReadSymbolBinding)
 
 TEST(AttributeStorageTest, DummyDeserializersReadExactlyOneValue)
 {
-  QByteArray bytes = SessionTest::BundleBytes(0).words({1, 2, 5, 0x61616161, 0x61, 9});
+  QByteArray bytes = PlexaTest::BundleBytes(0).words({1, 2, 5, 0x61616161, 0x61, 9});
   BundleReaderCore reader(bytes);
   PlexaSessionAttribute::createDummyDeserializer(6)(reader);
   EXPECT_EQ(reader.position, 16u + 8u);
@@ -86,13 +86,13 @@ TEST(AttributeStorageTest, DummyDeserializersReadExactlyOneValue)
   EXPECT_EQ(reader.readValue<uint32_t>(), 9u);
 
   // Cut short: the reader's text, the position where the value began.
-  QByteArray cut = SessionTest::BundleBytes(0).words({100, 1, 2});
+  QByteArray cut = PlexaTest::BundleBytes(0).words({100, 1, 2});
   BundleReaderCore r2(cut);
-  EXPECT_EQ(WireTest::thrownText([&] { PlexaSessionAttribute::createDummyDeserializer(0)(r2); }),
-            WireTest::outOfRange("BundleReader::read # tried to read past the end"));
+  EXPECT_EQ(PlexaTest::thrownText([&] { PlexaSessionAttribute::createDummyDeserializer(0)(r2); }),
+            PlexaTest::outOfRange("BundleReader::read # tried to read past the end"));
   EXPECT_EQ(r2.position, 16u);
-  EXPECT_EQ(WireTest::thrownText([&] { PlexaSessionAttribute::createDummyDeserializer(16)(r2); }),
-            WireTest::outOfRange("BundleReader::read # tried to read past the end"));
+  EXPECT_EQ(PlexaTest::thrownText([&] { PlexaSessionAttribute::createDummyDeserializer(16)(r2); }),
+            PlexaTest::outOfRange("BundleReader::read # tried to read past the end"));
   EXPECT_EQ(r2.position, 16u);
 }
 

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 using namespace Plexa;
-using SessionTest::BundleBytes;
+using PlexaTest::BundleBytes;
 
 namespace
 {
@@ -38,7 +38,7 @@ namespace
           BundleBytes(NewType).words({1, IntId, 4, 0, 2, IntId, 4, 0, 3, IntId, 4, 0, 4, StringId, 0, 0}).bundle());
     }
     RemoteNode node{nullptr, "root"};
-    SessionTest::SessionSide side{node};
+    PlexaTest::SessionSide side{node};
     std::map<QByteArray, Int*> ints;
     Text* text = nullptr;
   };

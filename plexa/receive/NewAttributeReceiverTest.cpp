@@ -12,8 +12,8 @@
 #include <cstring>
 
 using namespace Plexa;
-using SessionTest::bitsOf;
-using SessionTest::BundleBytes;
+using PlexaTest::bitsOf;
+using PlexaTest::BundleBytes;
 
 namespace
 {
@@ -41,7 +41,7 @@ namespace
 TEST(NewAttributeReceiverTest, CreatesTheMissingNodesAndTheAttributeWithItsValueAsDefault)
 {
   RemoteNode node(nullptr, "root");
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.added.setCreateMissingAttributes(true);
   side.define(7, "a/b/c");
   BundleBytes b(NewType, 5);
@@ -75,7 +75,7 @@ TEST(NewAttributeReceiverTest, WithoutCreationTheRecordGetsADummyAndUpdatesAreRe
   auto* kept = new Float();
   node.addAttribute("kept", kept);
   node.update();
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.define(7, "a/b/c");
   side.define(8, "kept");
   BundleBytes b(NewType);
@@ -94,7 +94,7 @@ TEST(NewAttributeReceiverTest, WithoutCreationTheRecordGetsADummyAndUpdatesAreRe
 TEST(NewAttributeReceiverTest, AnUnknownSymbolSkipsOnlyItsRecordValueIncluded)
 {
   RemoteNode node(nullptr, "root");
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.added.setCreateMissingAttributes(true);
   side.define(1, "x");
   side.define(2, "y");
@@ -148,7 +148,7 @@ TEST(NewAttributeReceiverTest, TheNodeWalkFollowsAliasesAndRefusesNonNodesAndEmp
   alias->setAttribute(real);
   node.addAttribute("leaf", new Float());
   node.update();
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.added.setCreateMissingAttributes(true);
   side.define(1, "via/v");
   side.define(2, "leaf/x");
@@ -191,7 +191,7 @@ TEST(NewAttributeReceiverTest, ApplyingToAnExistingAttributeIsNotEchoedButALocal
   auto* speed = new Float();
   node.addAttribute("speed", speed);
   node.update();
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.sender.sendInitialValues();
   side.sender.collapseChanges();
   ASSERT_EQ(side.sender.changes().size(), 1u); // the initial addition
@@ -217,7 +217,7 @@ TEST(NewAttributeReceiverTest, ApplyingToAnExistingAttributeIsNotEchoedButALocal
 TEST(NewAttributeReceiverTest, CreationCapRefusesBeyondItAndReportsIt)
 {
   RemoteNode node(nullptr, "root");
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.added.setCreateMissingAttributes(true);
   side.added.setMaxCreated(3);
   BundleBytes b(NewType);
@@ -237,7 +237,7 @@ TEST(NewAttributeReceiverTest, CreationCapRefusesBeyondItAndReportsIt)
 TEST(NewAttributeReceiverTest, PathsOverTheLengthOrDepthLimitAreRefusedWithOneLineEachAndCreateNothing)
 {
   RemoteNode node(nullptr, "root");
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.added.setCreateMissingAttributes(true);
   side.symbols.setMaxPathLength(8);
   side.symbols.setMaxPathDepth(3);
@@ -283,7 +283,7 @@ TEST(NewAttributeReceiverTest, TheTreeCapCountsWhatPeersCreatedAcrossSessionsUnt
 {
   RemoteNode node(nullptr, "root");
   Bastion::LogCapture log;
-  const auto announce = [&](SessionTest::SessionSide& side, std::initializer_list<const char*> paths) {
+  const auto announce = [&](PlexaTest::SessionSide& side, std::initializer_list<const char*> paths) {
     BundleBytes b(NewType);
     uint32_t symbol = 0;
     for (const char* path : paths) {
@@ -292,12 +292,12 @@ TEST(NewAttributeReceiverTest, TheTreeCapCountsWhatPeersCreatedAcrossSessionsUnt
     }
     side.feed(side.added, b.bundle());
   };
-  const auto session = [&](SessionTest::SessionSide& side) {
+  const auto session = [&](PlexaTest::SessionSide& side) {
     side.added.setCreateMissingAttributes(true);
     side.added.setMaxTreeCreated(4);
   };
   {
-    SessionTest::SessionSide first(node);
+    PlexaTest::SessionSide first(node);
     session(first);
     announce(first, {"a/v", "b/v"});
     EXPECT_FALSE(first.added.limitExceeded());
@@ -305,7 +305,7 @@ TEST(NewAttributeReceiverTest, TheTreeCapCountsWhatPeersCreatedAcrossSessionsUnt
   EXPECT_EQ(node.createdForPeerCount(), 4);
 
   // A new session of a reconnecting peer starts its own count, but the tree is full.
-  SessionTest::SessionSide second(node);
+  PlexaTest::SessionSide second(node);
   session(second);
   announce(second, {"c/v", "d/v", "e/v"});
   EXPECT_TRUE(second.added.limitExceeded());
@@ -328,13 +328,13 @@ TEST(NewAttributeReceiverTest, TheTreeCapCountsWhatPeersCreatedAcrossSessionsUnt
 TEST(NewAttributeReceiverTest, ATruncatedRecordThrowsTheReadersTextAndCreatesNothing)
 {
   RemoteNode node(nullptr, "root");
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.added.setCreateMissingAttributes(true);
   side.define(1, "x");
   // The value's count promises more bytes than there are.
   const Bundle cut = BundleBytes(NewType).words({1, StringId, 0, 1, 1000, 0x41414141}).bundle();
-  EXPECT_EQ(WireTest::thrownText([&] { side.feed(side.added, cut); }),
-            WireTest::outOfRange("BundleReader::read # tried to read past the end"));
+  EXPECT_EQ(PlexaTest::thrownText([&] { side.feed(side.added, cut); }),
+            PlexaTest::outOfRange("BundleReader::read # tried to read past the end"));
   EXPECT_EQ(node.attribute("x"), nullptr);
   // The record that stayed behind reads past values instead of writing into a deleted attribute.
   PlexaSessionAttribute* session = side.storage.findByReadSymbol(1);

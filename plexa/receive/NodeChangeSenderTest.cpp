@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 using namespace Plexa;
-using SessionTest::BundleBytes;
+using PlexaTest::BundleBytes;
 
 namespace
 {
@@ -37,7 +37,7 @@ namespace
       for (const auto& a : attributes)
         add(a.first, a.second);
       node.update();
-      session = std::make_unique<SessionTest::SessionSide>(node);
+      session = std::make_unique<PlexaTest::SessionSide>(node);
     }
     Int* add(const char* name, int value)
     {
@@ -61,7 +61,7 @@ namespace
 
     RemoteNode node{nullptr, "root"};
     std::map<QByteArray, Int*> ints;
-    std::unique_ptr<SessionTest::SessionSide> session;
+    std::unique_ptr<PlexaTest::SessionSide> session;
     uint32_t sequence = 1;
   };
 }

@@ -7,12 +7,12 @@
 #include <gtest/gtest.h>
 
 using namespace Plexa;
-using SessionTest::BundleBytes;
+using PlexaTest::BundleBytes;
 
 TEST(OneWayEventReceiverTest, EventsReachTheHandlerAfterTheirNamesWereDefined)
 {
   RemoteNode node(nullptr, "root");
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   // Symbol definitions, an empty path among them.
   side.feed(side.symbols, BundleBytes(10).words({5}).blob("ping").words({6}).blob("").words({7}).blob("pong").bundle());
   QByteArray name;
@@ -39,7 +39,7 @@ TEST(OneWayEventReceiverTest, EventsReachTheHandlerAfterTheirNamesWereDefined)
 TEST(OneWayEventReceiverTest, SymbolCapRefusesNewPathsButRedefinitions)
 {
   RemoteNode node(nullptr, "root");
-  SessionTest::SessionSide side(node);
+  PlexaTest::SessionSide side(node);
   side.symbols.setMaxSymbols(2);
   Bastion::LogCapture log;
   side.feed(side.symbols, BundleBytes(10).words({1}).blob("a").words({2}).blob("b").words({3}).blob("c").bundle());

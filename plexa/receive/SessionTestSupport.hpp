@@ -25,75 +25,70 @@
 #include <initializer_list>
 #include <map>
 
-namespace Plexa
+namespace PlexaTest
 {
-  namespace SessionTest
+  /// The bits of a float, as a record word.
+  inline uint32_t bitsOf(float f)
   {
-    /// The bits of a float, as a record word.
-    inline uint32_t bitsOf(float f)
+    uint32_t bits;
+    std::memcpy(&bits, &f, 4);
+    return bits;
+  }
+
+  /// Message types given out by name, from 10 on, in order of asking.
+  class FixedDispatcher : public Plexa::BundleDispatcher
+  {
+  public:
+    uint32_t messageTypeFor(const QByteArray& moduleName) override
     {
-      uint32_t bits;
-      std::memcpy(&bits, &f, 4);
-      return bits;
+      auto it = types.find(moduleName);
+      if (it == types.end())
+        it = types.emplace(moduleName, uint32_t(10 + types.size())).first;
+      return it->second;
+    }
+    /// Only the handshake receiver loads modules; the receivers under test never do.
+    void loadModule(uint32_t, const QString&, const QMap<QString, QString>&) override {}
+    std::map<QByteArray, uint32_t> types;
+  };
+
+  /// The receiving and sending parts of one session side over `node`, wired as a session does,
+  /// minus the controller: tests hand bundles to the receivers directly.
+  struct SessionSide
+  {
+    explicit SessionSide(Plexa::RemoteNode& node)
+        : node(node)
+        , storage(node)
+        , sender(node, storage, types)
+        , symbols(received)
+        , added(node, storage, received, types, sender)
+        , updates(storage, sender)
+        , removals(node, storage, sender)
+        , events(received)
+    {
+      sender.setMessageType(dispatcher.messageTypeFor("Corvanta.Plexa.SymbolRegistry"));
+      sender.initialize(dispatcher);
     }
 
-    using PlexaTest::BundleBytes;
+    /// Defines `path` as the peer's `symbol`.
+    void define(uint32_t symbol, const QByteArray& path) { received.define(path, symbol); }
 
-    /// Message types given out by name, from 10 on, in order of asking.
-    class FixedDispatcher : public BundleDispatcher
+    template <typename Receiver>
+    void feed(Receiver& receiver, const Plexa::Bundle& bundle)
     {
-    public:
-      uint32_t messageTypeFor(const QByteArray& moduleName) override
-      {
-        auto it = types.find(moduleName);
-        if (it == types.end())
-          it = types.emplace(moduleName, uint32_t(10 + types.size())).first;
-        return it->second;
-      }
-      /// Only the handshake receiver loads modules; the receivers under test never do.
-      void loadModule(uint32_t, const QString&, const QMap<QString, QString>&) override {}
-      std::map<QByteArray, uint32_t> types;
-    };
+      Plexa::BundleReaderCore reader(bundle.data());
+      receiver.handleBundle(reader, bundle.header(), dispatcher);
+    }
 
-    /// The receiving and sending parts of one session side over `node`, wired as a session does,
-    /// minus the controller: tests hand bundles to the receivers directly.
-    struct SessionSide
-    {
-      explicit SessionSide(RemoteNode& node)
-          : node(node)
-          , storage(node)
-          , sender(node, storage, types)
-          , symbols(received)
-          , added(node, storage, received, types, sender)
-          , updates(storage, sender)
-          , removals(node, storage, sender)
-          , events(received)
-      {
-        sender.setMessageType(dispatcher.messageTypeFor("Corvanta.Plexa.SymbolRegistry"));
-        sender.initialize(dispatcher);
-      }
-
-      /// Defines `path` as the peer's `symbol`.
-      void define(uint32_t symbol, const QByteArray& path) { received.define(path, symbol); }
-
-      template <typename Receiver>
-      void feed(Receiver& receiver, const Bundle& bundle)
-      {
-        BundleReaderCore reader(bundle.data());
-        receiver.handleBundle(reader, bundle.header(), dispatcher);
-      }
-
-      RemoteNode& node;
-      FixedDispatcher dispatcher;
-      TypeRegistry types;
-      Bastion::SymbolRegistry received;
-      AttributeStorage storage;
-      NodeChangeSender sender;
-      SymbolRegistryReceiver symbols;
-      NewAttributeReceiver added;
-      AttributeUpdateReceiver updates;
-      AttributeRemoveReceiver removals;
-      OneWayEventReceiver events;
-    };
-  }
+    Plexa::RemoteNode& node;
+    FixedDispatcher dispatcher;
+    Plexa::TypeRegistry types;
+    Bastion::SymbolRegistry received;
+    Plexa::AttributeStorage storage;
+    Plexa::NodeChangeSender sender;
+    Plexa::SymbolRegistryReceiver symbols;
+    Plexa::NewAttributeReceiver added;
+    Plexa::AttributeUpdateReceiver updates;
+    Plexa::AttributeRemoveReceiver removals;
+    Plexa::OneWayEventReceiver events;
+  };
 }

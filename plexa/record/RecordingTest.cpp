@@ -11,8 +11,8 @@
 #include "bastion/BinaryData.hpp"
 #include "bastion/LogCapture.hpp"
 #include "carafe/AttributeT.hpp"
+#include "plexa/files/FileTestSupport.hpp"
 
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -42,18 +42,6 @@ namespace
     while (result.opened && recording.next(record))
       result.ends.push_back(record.offset + RecordFormat::FrameSize + record.body->size());
     return result;
-  }
-
-  bool writeFile(const QString& name, const QByteArray& bytes)
-  {
-    QFile file(name);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-  }
-
-  QByteArray readFile(const QString& name)
-  {
-    QFile file(name);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
   }
 }
 

@@ -15,8 +15,8 @@
 #include <set>
 #include <string>
 
-using Plexa::WireTest::bytes;
-using Plexa::WireTest::thrownText;
+using PlexaTest::bytes;
+using PlexaTest::thrownText;
 
 using Plexa::BundleReaderCore;
 using Plexa::BundleWriterCore;

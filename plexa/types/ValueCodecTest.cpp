@@ -15,7 +15,7 @@
 #include <random>
 #include <string>
 
-using Plexa::WireTest::thrownText;
+using PlexaTest::thrownText;
 
 using Plexa::BundleReaderCore;
 using Plexa::BundleWriterCore;

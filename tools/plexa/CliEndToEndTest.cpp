@@ -3,10 +3,11 @@
 
 #include "CliTestSupport.hpp"
 
+#include "plexa/files/FileTestSupport.hpp"
+
 #include "bastion/TCPServerSocket.hpp"
 #include "bastion/TCPSocket.hpp"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -15,7 +16,6 @@
 #include <QJsonObject>
 #include <QMap>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
@@ -29,32 +29,7 @@
 
 namespace
 {
-  using PlexaTest::WaitMs;
-  using Plexa = PlexaTest::Program;
-
-  QString md5sum(const QString& fileName)
-  {
-    QProcess process;
-    process.start("md5sum", {fileName});
-    process.waitForFinished(WaitMs);
-    return QString::fromLatin1(process.readAllStandardOutput()).section(' ', 0, 0);
-  }
-
-  bool writeFile(const QString& name, const QByteArray& bytes)
-  {
-    QDir().mkpath(QFileInfo(name).absolutePath());
-    QFile file(name);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-  }
-
-  QByteArray randomBytes(int size)
-  {
-    QByteArray bytes(size, '\0');
-    QRandomGenerator generator(17);
-    for (int i = 0; i < size; ++i)
-      bytes[i] = char(generator.generate());
-    return bytes;
-  }
+  using namespace PlexaTest;
 
   /// A port nothing listens on (bound, read back and closed again).
   int closedPort()
@@ -153,20 +128,21 @@ namespace
   {
   protected:
     /// Starts `plexa serve` on a free port with `arguments`; its address.
-    QString serve(std::unique_ptr<Plexa>& server, QStringList arguments, const QMap<QString, QString>& environment = {})
+    QString serve(std::unique_ptr<Program>& server, QStringList arguments,
+                  const QMap<QString, QString>& environment = {})
     {
       arguments.prepend("serve");
       arguments << "--listen"
                 << "127.0.0.1:0";
-      server.reset(new Plexa(home, arguments, environment));
+      server.reset(new Program(home, arguments, environment));
       const QString port = server->waitForLine("^listening on 127\\.0\\.0\\.1:(\\d+)$");
       return port.isEmpty() ? QString() : "127.0.0.1:" + port;
     }
 
     /// Runs the program to its end.
-    std::unique_ptr<Plexa> run(const QStringList& arguments)
+    std::unique_ptr<Program> run(const QStringList& arguments)
     {
-      std::unique_ptr<Plexa> p(new Plexa(home, arguments));
+      std::unique_ptr<Program> p(new Program(home, arguments));
       status = p->finish();
       return p;
     }
@@ -182,11 +158,11 @@ TEST_F(CliEndToEnd, ServeSetAndDumpAgreeAndWatchSeesTheChanges)
   const QString tree = work.filePath("scene.json");
   ASSERT_TRUE(
       writeFile(tree, R"({"light": {"intensity": {"$type": "float", "value": 0.75}, "name": "key"}, "count": 3})"));
-  std::unique_ptr<Plexa> server;
+  std::unique_ptr<Program> server;
   const QString address = serve(server, {"--tree", tree});
   ASSERT_FALSE(address.isEmpty()) << server->out().toStdString();
 
-  Plexa watcher(home, {"watch", address, "--json"});
+  Program watcher(home, {"watch", address, "--json"});
   ASSERT_FALSE(watcher.waitForLine("\"path\":\"light/name\"").isEmpty());
 
   auto set = run({"set", address, "light/intensity=0.5", "light/colour:color=1,0.5,0", "note=hello world"});
@@ -234,19 +210,19 @@ TEST_F(CliEndToEnd, FetchedFilesHaveTheChecksumsOfTheOriginals)
 {
   const QString share = work.filePath("share");
   const QString into = work.filePath("into");
-  ASSERT_TRUE(writeFile(share + "/big.bin", randomBytes(1500000)));
+  ASSERT_TRUE(writeFile(share + "/big.bin", randomBytes(1500000, 17)));
   ASSERT_TRUE(writeFile(share + "/deep/er/small.txt", "hello\n"));
   ASSERT_TRUE(writeFile(share + "/empty", QByteArray()));
-  std::unique_ptr<Plexa> server;
+  std::unique_ptr<Program> server;
   const QString address = serve(server, {"--share", share});
   ASSERT_FALSE(address.isEmpty()) << server->err().toStdString();
 
   auto fetch = run({"fetch", address, "/big.bin", "deep/er/small.txt", "/empty", "--into", into});
   EXPECT_EQ(status, 0) << fetch->err().toStdString();
   for (const QString path : {"/big.bin", "/deep/er/small.txt", "/empty"}) {
-    const QString original = md5sum(share + path);
+    const QString original = md5Hex(readFile(share + path));
     ASSERT_EQ(original.size(), 32);
-    EXPECT_EQ(md5sum(into + path), original) << path.toStdString();
+    EXPECT_EQ(md5Hex(readFile(into + path)), original) << path.toStdString();
     EXPECT_TRUE(fetch->out().contains(QString("%1: ").arg(path))) << fetch->out().toStdString();
     EXPECT_TRUE(fetch->out().contains(QString("verified, md5 %1, saved as %2").arg(original, into + path)));
   }
@@ -296,7 +272,7 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
   EXPECT_EQ(p->out().toStdString(), "");
 
   // A port in use: said at once, no retrying unless asked.
-  std::unique_ptr<Plexa> server;
+  std::unique_ptr<Program> server;
   const QString address = serve(server, {"--share", work.path()});
   ASSERT_FALSE(address.isEmpty());
   p = run({"serve", "--listen", address});
@@ -330,10 +306,10 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
 
 TEST_F(CliEndToEnd, WithRetryServeWaitsForATakenPort)
 {
-  std::unique_ptr<Plexa> first;
+  std::unique_ptr<Program> first;
   const QString address = serve(first, {});
   ASSERT_FALSE(address.isEmpty());
-  Plexa second(home, {"serve", "--listen", address, "--retry"});
+  Program second(home, {"serve", "--listen", address, "--retry"});
   ASSERT_FALSE(
       second.waitForLine("Address already in use; trying again in 3 s", WaitMs, QProcess::StandardError).isEmpty());
   first->interrupt();
@@ -345,10 +321,10 @@ TEST_F(CliEndToEnd, WithRetryServeWaitsForATakenPort)
 
 TEST_F(CliEndToEnd, ConnectionsBeyondTheCapAreTurnedAway)
 {
-  std::unique_ptr<Plexa> server;
+  std::unique_ptr<Program> server;
   const QString address = serve(server, {"--max-connections", "1"});
   ASSERT_FALSE(address.isEmpty());
-  Plexa watcher(home, {"watch", address});
+  Program watcher(home, {"watch", address});
   ASSERT_FALSE(watcher.waitForLine("connected").isEmpty());
   auto dump = run({"dump", address, "--timeout", "1.5"});
   EXPECT_EQ(status, 1);
@@ -364,7 +340,7 @@ TEST_F(CliEndToEnd, ConnectionsBeyondTheCapAreTurnedAway)
 
 TEST_F(CliEndToEnd, ADeploymentKeyMustBeTheSameOnBothEnds)
 {
-  std::unique_ptr<Plexa> server;
+  std::unique_ptr<Program> server;
   const QString address = serve(server, {}, {{"PLEXA_SHARED_KEY", "deployment key"}});
   ASSERT_FALSE(address.isEmpty());
   auto dump = run({"dump", address, "--timeout", "1.5"});
@@ -379,13 +355,13 @@ TEST_F(CliEndToEnd, ADeploymentKeyMustBeTheSameOnBothEnds)
 
 TEST_F(CliEndToEnd, CtrlCEndsCommandsAndRemovesTemporaryFiles)
 {
-  std::unique_ptr<Plexa> server;
+  std::unique_ptr<Program> server;
   const QString address = serve(server, {"--share", work.path()});
   ASSERT_FALSE(address.isEmpty());
 
   // A fetch waiting for an answer that does not come: its staging folder is there until Ctrl-C.
   const QString into = work.filePath("into");
-  Plexa fetch(home, {"fetch", address, "/missing.bin", "--timeout", "60", "--into", into});
+  Program fetch(home, {"fetch", address, "/missing.bin", "--timeout", "60", "--into", into});
   QElapsedTimer clock;
   clock.start();
   // The folder appears once the fetch runs; polled with a deadline, as it prints nothing.
@@ -398,7 +374,7 @@ TEST_F(CliEndToEnd, CtrlCEndsCommandsAndRemovesTemporaryFiles)
   EXPECT_TRUE(QDir(into).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).isEmpty());
 
   // A client still trying to connect, once it shows its countdown.
-  Plexa dump(home, {"dump", QString("127.0.0.1:%1").arg(closedPort()), "--timeout", "60"});
+  Program dump(home, {"dump", QString("127.0.0.1:%1").arg(closedPort()), "--timeout", "60"});
   ASSERT_FALSE(dump.waitForLine("^cannot reach", WaitMs, QProcess::StandardError).isEmpty());
   dump.interrupt();
   EXPECT_EQ(dump.finish(5000), 130);
@@ -411,7 +387,7 @@ TEST_F(CliEndToEnd, CtrlCEndsTheDemoAndRemovesItsFolder)
 {
   const QString temporary = work.filePath("tmp");
   ASSERT_TRUE(QDir().mkpath(temporary));
-  Plexa demo(home, {"demo", "--seconds", "30"}, {{"TMPDIR", temporary}});
+  Program demo(home, {"demo", "--seconds", "30"}, {{"TMPDIR", temporary}});
   ASSERT_FALSE(demo.waitForLine("animates the scene").isEmpty()) << demo.err().toStdString();
   EXPECT_EQ(QDir(temporary).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).size(), 1);
   demo.interrupt();
@@ -443,8 +419,8 @@ TEST_F(CliEndToEnd, FetchGivesUpOnAServerThatIsSilentOrStopsSendingParts)
   EXPECT_LT(clock.elapsed(), 10000);
 
   const QString share = work.filePath("share");
-  ASSERT_TRUE(writeFile(share + "/big.bin", randomBytes(3000000)));
-  std::unique_ptr<Plexa> server;
+  ASSERT_TRUE(writeFile(share + "/big.bin", randomBytes(3000000, 17)));
+  std::unique_ptr<Program> server;
   const QString address = serve(server, {"--share", share});
   ASSERT_FALSE(address.isEmpty()) << server->err().toStdString();
   StallingProxy proxy(address.section(':', 1).toInt());
@@ -459,7 +435,7 @@ TEST_F(CliEndToEnd, FetchGivesUpOnAServerThatIsSilentOrStopsSendingParts)
 
 TEST_F(CliEndToEnd, SetWaitsUntilALateServerHasAcknowledgedTheValues)
 {
-  std::unique_ptr<Plexa> server;
+  std::unique_ptr<Program> server;
   const QString address = serve(server, {});
   ASSERT_FALSE(address.isEmpty()) << server->err().toStdString();
   StallingProxy proxy(address.section(':', 1).toInt(), StallingProxy::HoldSyncRequest);
