@@ -6,8 +6,8 @@
 #include "bastion/Log.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/bundle/BundleStream.hpp"
-#include "plexa/controller/Core.hpp"
 #include "plexa/bundle/BundleTestSupport.hpp"
+#include "plexa/controller/Core.hpp"
 #include "plexa/session/BundleReceiver.hpp"
 #include "plexa/session/SessionFormat.hpp"
 

@@ -22,9 +22,9 @@
 #include "carafe/AttributeContainer.hpp"
 #include "carafe/AttributeT.hpp"
 #include "plexa/bundle/Bundle.hpp"
+#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/bundle/Connection.hpp"
 #include "plexa/controller/BundleController.hpp"
-#include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 
 #include <algorithm>
