@@ -57,6 +57,9 @@ namespace Plexa
     void Inspector::update()
     {
       applyEdits();
+      // Removals first: a node removed and an attribute added below its path again in the same
+      // update ends up present.
+      std::vector<InspectorHub::Attribute> present;
       for (const auto& entry : m_dirty) {
         QByteArray path;
         if (!m_tree.symbolRegistry().lookup(entry.first, path))
@@ -67,9 +70,11 @@ namespace Plexa
         if (type == NodeWatcher::AttributeRemoved || type == NodeWatcher::NodeRemoved || !attribute)
           m_hub.remove(text);
         else if (type != NodeWatcher::NodeAdded)
-          m_hub.setAttribute(text, AttributeJson::typeName(*attribute), AttributeJson::value(*attribute));
+          present.push_back({text, AttributeJson::typeName(*attribute), AttributeJson::value(*attribute)});
       }
       m_dirty.clear();
+      if (!present.empty())
+        m_hub.setAttributes(present);
       if (m_statusClock.elapsed() >= StatusIntervalMs)
         postStatus();
     }

@@ -60,15 +60,25 @@ namespace Plexa
 
     void InspectorHub::setAttribute(const QString& path, const QString& type, const QJsonValue& value)
     {
-      const QByteArray item = compact(QJsonArray{path, type, value});
+      setAttributes({{path, type, value}});
+    }
+
+    void InspectorHub::setAttributes(const std::vector<Attribute>& attributes)
+    {
+      std::vector<QByteArray> items;
+      items.reserve(attributes.size());
+      for (const Attribute& a : attributes)
+        items.push_back(compact(QJsonArray{a.path, a.type, a.value}));
       std::lock_guard<std::mutex> lock(m_mutex);
-      m_tree[path] = item;
-      for (const auto& browser : m_browsers) {
-        if (browser->shows(path)) {
-          browser->changes[path] = item;
-          browser->wake.notify_one();
+      for (size_t i = 0; i < attributes.size(); ++i) {
+        const QString& path = attributes[i].path;
+        m_tree[path] = items[i];
+        for (const auto& browser : m_browsers) {
+          if (browser->shows(path))
+            browser->changes[path] = items[i];
         }
       }
+      wakeAll();
     }
 
     void InspectorHub::remove(const QString& path)

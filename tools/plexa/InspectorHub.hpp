@@ -60,8 +60,18 @@ namespace Plexa
 
       // ---- application thread ----
 
+      /// An attribute's path, type name and value.
+      struct Attribute
+      {
+        QString path;
+        QString type;
+        QJsonValue value;
+      };
+
       /// The attribute at `path` now has `type` and `value` (added or changed).
       void setAttribute(const QString& path, const QString& type, const QJsonValue& value);
+      /// The same for many at once (one lock for all).
+      void setAttributes(const std::vector<Attribute>& attributes);
       /// The attribute at `path`, and anything below it, went away.
       void remove(const QString& path);
       /// An event from the peer: its name, payload size, decoded items (`complete`: all of them),

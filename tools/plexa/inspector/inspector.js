@@ -134,10 +134,14 @@
     }
     const shapeChanged = entry.type !== type || (numericComponents(entry.value) || []).length !==
                          (numericComponents(value) || []).length;
-    entry.type = type;
     entry.value = value;
-    entry.typeEl.textContent = type;
-    entry.valueEl.textContent = text(value);
+    const shown = text(value);
+    if (entry.text !== shown) {
+      entry.text = shown;
+      entry.valueEl.textContent = shown;
+    }
+    if (entry.type !== type) entry.typeEl.textContent = type;
+    entry.type = type;
     if (shapeChanged) plotToggles(entry);
   }
 
