@@ -4,7 +4,8 @@
 Default: starts `plexa serve --http 127.0.0.1:0` with a tree of every attribute type and checks
 that the page shows every value as `plexa dump` does, that a change made with `plexa set` shows
 within a second, that a value typed on the page reaches a `plexa watch`, that a wrong value shows
-the error `plexa set` gives, that removals made on the page disappear and reach the watch, that the plot draws points, and that garbage
+the error `plexa set` gives, that removals made on the page disappear and reach the watch,
+that `plexa inspect`'s page shows the mirrored tree and sends its edits to the peer, that the plot draws points, and that garbage
 sent to the page's socket gets an error without harm. Saves a screenshot.
 
 --load PROGRAM: runs the load program (a tree of --attributes values, all changing --rate times a
@@ -222,6 +223,7 @@ def functional_test(args, env, folder):
         print(f'plot: {points} points, {coloured} pixels of the first series', flush=True)
         shot = args.screenshot
         os.makedirs(os.path.dirname(shot), exist_ok=True)
+        driver.execute_script("document.getElementById('tree').scrollTop = 0;")
         driver.save_screenshot(shot)
         print(f'screenshot: {shot}', flush=True)
 
@@ -265,6 +267,24 @@ def functional_test(args, env, folder):
         check(not driver.find_elements('css selector', ".node[data-path='types']"), 'the empty node stays')
 
         check(serve.process.poll() is None, 'plexa serve ended')
+
+        # plexa inspect: a mirror's page shows the same tree, and its edits reach the peer.
+        inspect = Program([plexa, 'inspect', peer, '--http', '127.0.0.1:0'], env)
+        try:
+            driver.get(inspect.wait_line(r'^inspector page at (http://\S+)$'))
+            wait_for('the mirror on its page', lambda: sorted(page_rows(driver)) == sorted(
+                [['count', 'int', '3'], ['light/intensity', 'float', row_value(driver, 'light/intensity')]]), 10)
+            wait_for('the state', lambda: driver.find_element('id', 'state').text == 'connected', 5)
+            driver.find_element('css selector', ".attr[data-path='count'] .value").click()
+            field = driver.find_element('css selector', ".attr[data-path='count'] input.edit")
+            field.clear()
+            field.send_keys('42\n')
+            watch.wait_line(r'"path":"count".*"value":42\b', 5)
+            check(not driver.find_element('css selector', ".attr[data-path='count'] .remove").is_displayed(),
+                  'a mirror offers to remove the peer\'s attributes')
+        finally:
+            inspect.stop()
+        check(inspect.process.returncode == 0, f'plexa inspect ended with {inspect.process.returncode}')
     finally:
         if driver:
             driver.quit()
