@@ -1,5 +1,11 @@
 #include "InspectorHub.hpp"
 
+#include "AttributeJson.hpp"
+#include "Inspector.hpp"
+#include "MirrorNode.hpp"
+
+#include "plexa/app/Peer.hpp"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -9,8 +15,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <map>
 #include <mutex>
 
+using Plexa::Cli::AttributeJson;
 using Plexa::Cli::InspectorBrowser;
 using Plexa::Cli::InspectorHub;
 
@@ -185,4 +193,41 @@ TEST(InspectorHub, GarbageFromAPageGetsAnErrorAndNothingElse)
   // An oversized message closes the page's connection.
   EXPECT_FALSE(hub.receive(*page.browser, QByteArray(InspectorHub::MaxBrowserMessageBytes + 1, '{')));
   EXPECT_TRUE(hub.receive(*page.browser, R"({"op":"filter","pattern":"[(*"})"));
+}
+
+TEST(Inspector, PostsTheTreeAndItsChangesAndAppliesThePagesEdits)
+{
+  Plexa::Cli::MirrorNode tree("tree");
+  ASSERT_TRUE(tree.addDeepAttribute("light/intensity", AttributeJson::create("float", 0.5, nullptr)));
+  ASSERT_TRUE(tree.addDeepAttribute("count", AttributeJson::create("int", 3, nullptr)));
+  Plexa::Peer peer(tree);
+  InspectorHub hub(false);
+  Plexa::Cli::Inspector inspector(tree, peer, hub, Plexa::Cli::Inspector::Server, "127.0.0.1:1");
+  Page page(hub);
+  const QJsonObject snapshot = page.next();
+  EXPECT_EQ(set(snapshot.value("set").toArray()), (QJsonObject{{"light/intensity", 0.5}, {"count", 3}}));
+  EXPECT_EQ(snapshot.value("status").toObject().value("state"), "waiting for peers");
+
+  // Edits: a good value, the error plexa set gives for a bad one, a path gone, a removal.
+  page.send(R"({"op":"set","id":1,"path":"count","text":"4"})");
+  page.send(R"({"op":"set","id":2,"path":"count","text":"abc"})");
+  page.send(R"({"op":"set","id":3,"path":"gone","text":"1"})");
+  page.send(R"({"op":"remove","id":4,"path":"light"})");
+  peer.update();
+  inspector.update();
+  std::map<int, QJsonValue> errors;
+  for (int i = 0; i < 4; ++i) {
+    const QJsonObject result = page.next();
+    errors[result.value("id").toInt()] = result.value("error");
+  }
+  EXPECT_EQ(errors, (std::map<int, QJsonValue>{{1, QJsonValue()},
+                                               {2, "count: 'abc' is not a int value (illegal number)"},
+                                               {3, "gone: no such attribute (removed meanwhile?)"},
+                                               {4, QJsonValue()}}));
+  peer.update();
+  inspector.update();
+  page.send(R"({"op":"ack"})");
+  const QJsonObject batch = page.next();
+  EXPECT_EQ(set(batch.value("set").toArray()), (QJsonObject{{"count", 4}}));
+  EXPECT_EQ(batch.value("del").toArray(), (QJsonArray{"light/intensity"}));
 }
