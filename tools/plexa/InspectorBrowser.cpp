@@ -34,6 +34,25 @@ namespace Plexa
         m_thread.join();
     }
 
+    void InspectorBrowser::setFilter(const QRegularExpression& pattern, bool filtered)
+    {
+      m_filter = pattern;
+      m_filtered = filtered;
+      m_shown.clear();
+    }
+
+    bool InspectorBrowser::shows(const QString& path)
+    {
+      if (!m_filtered)
+        return true;
+      const auto known = m_shown.find(path);
+      if (known != m_shown.end())
+        return known->second;
+      const bool match = m_filter.match(path).hasMatch();
+      m_shown.emplace(path, match);
+      return match;
+    }
+
     void InspectorBrowser::run()
     {
       std::unique_lock<std::mutex> lock(m_mutex);

@@ -11,6 +11,7 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 
 namespace Plexa
 {
@@ -59,16 +60,18 @@ namespace Plexa
       std::deque<QByteArray> replies;
       /// The connection's state as a JSON object, empty when unchanged since last sent.
       QByteArray status;
-      /// The page's search pattern, when `filtered`.
-      QRegularExpression filter;
-      bool filtered = false;
+      /// Sets the page's search pattern (empty: everything shows).
+      void setFilter(const QRegularExpression& pattern, bool filtered);
       /// Set when a batch went out that the page has not acknowledged yet.
       bool waitingForAck = false;
       /// Wakes the sender thread; notify after changing anything above.
       std::condition_variable wake;
 
-      /// True when `path` passes the page's search pattern.
-      bool shows(const QString& path) const { return !filtered || filter.match(path).hasMatch(); }
+      /// True when `path` passes the page's search pattern. Each path is matched once per pattern:
+      /// a pattern that is slow to match costs once per path, not once per change.
+      bool shows(const QString& path);
+      /// `path` left the tree.
+      void forget(const QString& path) { m_shown.erase(path); }
 
     private:
       void run();
@@ -86,6 +89,10 @@ namespace Plexa
       };
       Message takeMessage();
 
+      QRegularExpression m_filter;
+      bool m_filtered = false;
+      /// Path -> whether it passes `m_filter`; at most one entry per path of the tree.
+      std::unordered_map<QString, bool> m_shown;
       std::mutex& m_mutex;
       Writer m_writer;
       bool m_stopping = false;

@@ -97,6 +97,7 @@ namespace Plexa
         for (const auto& browser : m_browsers) {
           if (browser->shows(p))
             browser->changes[p] = removal(p);
+          browser->forget(p);
         }
       }
       wakeAll();
@@ -212,9 +213,14 @@ namespace Plexa
         browser.wake.notify_one();
       } else if (op == "filter") {
         const QString pattern = request.value("pattern").toString().trimmed();
-        browser.filtered = !pattern.isEmpty();
-        browser.filter = RemoteNode::makeRegExp(pattern);
-        resend(browser);
+        if (pattern.size() > MaxSearchPatternChars || pattern.count('*') > MaxSearchPatternStars) {
+          refuse(QString("search pattern refused: at most %1 characters and %2 '*'")
+                     .arg(MaxSearchPatternChars)
+                     .arg(MaxSearchPatternStars));
+        } else {
+          browser.setFilter(RemoteNode::makeRegExp(pattern), !pattern.isEmpty());
+          resend(browser);
+        }
       } else if (op == "set" || op == "remove") {
         Edit edit{browser.id, request.value("id"), request.value("path").toString(), request.value("text").toString(),
                   op == "remove"};

@@ -39,6 +39,10 @@ namespace Plexa
       static constexpr int MaxPendingEdits = 64;
       /// Bytes of one message from a page at most (an edit or a search pattern is far smaller).
       static constexpr int MaxBrowserMessageBytes = 64 * 1024;
+      /// A search pattern's length and wildcards at most: each '*' multiplies the work of matching
+      /// a path that almost matches, and the matching runs on the application thread.
+      static constexpr int MaxSearchPatternChars = 256;
+      static constexpr int MaxSearchPatternStars = 8;
 
       /// A value typed on a page (or a removal asked for), for the application thread to check
       /// and carry out.

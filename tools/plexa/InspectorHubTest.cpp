@@ -192,7 +192,10 @@ TEST(InspectorHub, GarbageFromAPageGetsAnErrorAndNothingElse)
   EXPECT_TRUE(hub.takeEdits().empty());
   // An oversized message closes the page's connection.
   EXPECT_FALSE(hub.receive(*page.browser, QByteArray(InspectorHub::MaxBrowserMessageBytes + 1, '{')));
+  EXPECT_EQ(page.next().value("message"), "message of 65537 bytes refused (at most 65536)");
   EXPECT_TRUE(hub.receive(*page.browser, R"({"op":"filter","pattern":"[(*"})"));
+  EXPECT_EQ(error(R"({"op":"filter","pattern":"*********"})"),
+            "search pattern refused: at most 256 characters and 8 '*'");
 }
 
 TEST(Inspector, PostsTheTreeAndItsChangesAndAppliesThePagesEdits)
