@@ -279,8 +279,12 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
       << p->err().toStdString();
   p = run({"frobnicate"});
   EXPECT_EQ(status, 2);
-  EXPECT_EQ(p->err().toStdString(), "plexa: unknown command 'frobnicate' (commands: demo, serve, watch, set, dump, "
-                                    "fetch, record, replay; see plexa --help)\n");
+  EXPECT_EQ(p->err().toStdString(), "plexa: unknown command 'frobnicate' (commands: demo, serve, watch, inspect, set, "
+                                    "dump, fetch, record, replay; see plexa --help)\n");
+  p = run({"inspect", "127.0.0.1:1", "--http", "nowhere"});
+  EXPECT_EQ(status, 2);
+  EXPECT_EQ(p->err().toStdString(), "plexa inspect: --http: malformed address 'nowhere': missing ':PORT' (expected "
+                                    "HOST:PORT, e.g. 127.0.0.1:5000)\n");
   p = run({"set", "127.0.0.1:1", "x:flaot=1"});
   EXPECT_EQ(status, 2);
   EXPECT_TRUE(p->err().startsWith("plexa set: unknown type 'flaot' in 'x:flaot=1'")) << p->err().toStdString();

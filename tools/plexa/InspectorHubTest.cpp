@@ -4,6 +4,7 @@
 #include "Inspector.hpp"
 #include "MirrorNode.hpp"
 
+#include "bastion/BinaryData.hpp"
 #include "plexa/app/Peer.hpp"
 
 #include <QJsonArray>
@@ -227,10 +228,23 @@ TEST(Inspector, PostsTheTreeAndItsChangesAndAppliesThePagesEdits)
                                                {2, "count: 'abc' is not a int value (illegal number)"},
                                                {3, "gone: no such attribute (removed meanwhile?)"},
                                                {4, QJsonValue()}}));
+  // The peer's events, decoded; plexa set's own requests are left out.
+  Bastion::BinaryData payload;
+  payload.writeInt32(7);
+  payload.writeString("x");
+  tree.handleRemoteEvent("ping", payload, 1);
+  Bastion::BinaryData request;
+  tree.handleRemoteEvent("plexa.sync", request, 1);
   peer.update();
   inspector.update();
   page.send(R"({"op":"ack"})");
   const QJsonObject batch = page.next();
   EXPECT_EQ(set(batch.value("set").toArray()), (QJsonObject{{"count", 4}}));
   EXPECT_EQ(batch.value("del").toArray(), (QJsonArray{"light/intensity"}));
+  const QJsonArray events = batch.value("events").toArray();
+  ASSERT_EQ(events.size(), 1);
+  EXPECT_EQ(events.at(0).toObject().value("name"), "ping");
+  EXPECT_EQ(events.at(0).toObject().value("bytes"), payload.size());
+  EXPECT_EQ(events.at(0).toObject().value("items"), (QJsonArray{7, "x"}));
+  EXPECT_EQ(events.at(0).toObject().value("sliced"), false);
 }
