@@ -167,7 +167,9 @@ namespace Plexa
       return;
     Bastion::BinaryData payload;
     payload.linkTo(bytes.constData(), bytes.size());
+    m_handlingSlices = true;
     dispatchRemoteEvent(name, payload);
+    m_handlingSlices = false;
   }
 
   void RemoteNode::dispatchRemoteEvent(const QByteArray& name, Bastion::BinaryData& data)

@@ -93,6 +93,8 @@ namespace Plexa
     void handleRemoteEvent(const QByteArray& name, Bastion::BinaryData& data, long senderId);
     /// True if this pair (compared by address) is the peer's event being dispatched.
     bool handlingRemoteEvent(const QByteArray& name, const Bastion::BinaryData& data) const;
+    /// True while the peer's event being dispatched is one put together from slices.
+    bool handlingSlicedEvent() const { return m_handlingSlices; }
 
     /// Listeners of the events going to the peer; called in id order on the sending thread.
     long addEventListener(const EventListener& listener);
@@ -176,6 +178,7 @@ namespace Plexa
     static bool matches(const SyncFlagSetting& setting, const QByteArray& path, const QString& text);
 
     SliceAssembler m_slices;
+    bool m_handlingSlices = false;
 
     // The peer's event being dispatched (addresses only, never dereferenced), null when none.
     std::atomic<const QByteArray*> m_remoteName{nullptr};

@@ -138,7 +138,11 @@ TEST(RemoteNodeTest, LargeEventsTravelInSlicesAndAreReassembledInAnyOrder)
   RemoteNode receiver(nullptr, "b");
   Outbox echo(receiver);
   std::vector<QByteArray> delivered;
-  receiver.eventAddListener("big", [&](BinaryData& d) { delivered.push_back(d.toByteArray()); });
+  std::vector<bool> sliced;
+  receiver.eventAddListener("big", [&](BinaryData& d) {
+    delivered.push_back(d.toByteArray());
+    sliced.push_back(receiver.handlingSlicedEvent());
+  });
   const auto deliver = [&](size_t k) {
     BinaryData d(out.sent[k].bytes);
     receiver.handleRemoteEvent(out.sent[k].name, d, 1);
@@ -150,6 +154,12 @@ TEST(RemoteNodeTest, LargeEventsTravelInSlicesAndAreReassembledInAnyOrder)
   EXPECT_GT(receiver.slicedEventBytes(), 10);
   deliver(2);
   EXPECT_EQ(delivered, std::vector<QByteArray>{"0123456789"});
+  // Listeners can tell an event put together from slices from a plain one.
+  BinaryData plain(QByteArray("x"));
+  receiver.handleRemoteEvent("big", plain, 1);
+  EXPECT_EQ(sliced, (std::vector<bool>{true, false}));
+  EXPECT_FALSE(receiver.handlingSlicedEvent());
+  delivered.pop_back();
   EXPECT_EQ(receiver.pendingSlicedEvents(), 0);
   EXPECT_TRUE(echo.sent.empty()); // handled here, not sent back
 

@@ -4,6 +4,7 @@
 
 #include <QJsonArray>
 
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -98,7 +99,7 @@ namespace Plexa
             return QJsonValue("nan");
           if (std::isinf(v))
             return QJsonValue(v > 0 ? "inf" : "-inf");
-          return QJsonValue(double(v));
+          return QJsonValue(std::is_same<F, float>::value ? AttributeJson::floatValue(float(v)) : double(v));
         }
 
         static bool read(const QJsonValue& json, F& out, QString& error)
@@ -601,6 +602,18 @@ namespace Plexa
     bool AttributeJson::isStringType(const QString& type)
     {
       return type == "string" || type == "asset";
+    }
+
+    double AttributeJson::floatValue(float value)
+    {
+      // The shortest digits that read back as the same float, then the double nearest to them.
+      // Both conversions ignore the locale.
+      char text[32];
+      const std::to_chars_result written = std::to_chars(text, text + sizeof(text), value);
+      double result = double(value);
+      if (written.ec == std::errc())
+        std::from_chars(text, written.ptr, result);
+      return result;
     }
   }
 }

@@ -59,6 +59,11 @@ namespace Plexa
       static bool isStringListType(const QString& type);
       /// True for the types whose JSON value is a string.
       static bool isStringType(const QString& type);
+
+      /// The double whose shortest text is the shortest text that reads back as `value` (0.9f
+      /// gives 0.9, not 0.8999999761581421): how every float is shown, in dump, watch and the
+      /// inspector page alike, and still the same float when read back. `value` must be finite.
+      static double floatValue(float value);
     };
   }
 }

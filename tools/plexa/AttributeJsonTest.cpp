@@ -31,8 +31,8 @@ namespace
   {
     static const std::map<QString, const char*> s = {
         {"bool", "true"},
-        {"color", "[1,0.5,0.25,0.75]"},
-        {"float", "0.5"},
+        {"color", "[1,0.3,0.25,0.7]"},
+        {"float", "0.9"},
         {"double", "-2.125"},
         {"int", "-7"},
         {"uint", "4000000000"},
@@ -44,7 +44,7 @@ namespace
         {"vec2i", "[1,-2]"},
         {"vec2f", "[0.5,-1]"},
         {"vec3i", "[1,2,3]"},
-        {"vec3f", "[0.5,1.5,-2]"},
+        {"vec3f", "[0.1,1.5,-2]"},
         {"vec4i", "[1,2,3,-4]"},
         {"vec4f", "[1,2,3,0.5]"},
         {"mat2", "[[1,2],[3,4]]"},
@@ -53,7 +53,7 @@ namespace
         {"timestamp", "12.5"},
         {"string", "\"hello\""},
         {"stringlist", "[\"a\",\"bc\"]"},
-        {"float[]", "[0.5,1]"},
+        {"float[]", "[0.7,1e-07]"},
         {"vec2f[]", "[[1,2],[3,4]]"},
         {"int[]", "[-1,2]"},
         {"uint[]", "[1,4294967295]"},
@@ -107,6 +107,19 @@ TEST(AttributeJson, ValuesOfEveryTypeReadBackAsWritten)
     auto fresh = make(name, AttributeJson::value(*attribute));
     ASSERT_TRUE(fresh);
     EXPECT_EQ(AttributeJson::value(*fresh), json(text));
+  }
+}
+
+TEST(AttributeJson, FloatsShowTheirShortestTextAndReadBackUnchanged)
+{
+  // The samples above hold floats such as 0.9 that only read back as themselves when written
+  // with their own shortest digits; here the text itself and the extremes.
+  EXPECT_EQ(QJsonDocument(QJsonArray{AttributeJson::value(*make("float", json("0.9")))}).toJson(QJsonDocument::Compact),
+            "[0.9]");
+  for (const float f : {0.9f, 1e-45f, 3.4028235e38f, -1.17549435e-38f, 16777217.0f, 0.0f}) {
+    const double shown = AttributeJson::floatValue(f);
+    EXPECT_EQ(float(shown), f) << shown;
+    EXPECT_EQ(AttributeJson::value(*make("float", QJsonValue(shown))).toDouble(), shown);
   }
 }
 

@@ -165,22 +165,23 @@ TEST_F(CliEndToEnd, ServeSetAndDumpAgreeAndWatchSeesTheChanges)
   Program watcher(home, {"watch", address, "--json"});
   ASSERT_FALSE(watcher.waitForLine("\"path\":\"light/name\"").isEmpty());
 
-  auto set = run({"set", address, "light/intensity=0.5", "light/colour:color=1,0.5,0", "note=hello world"});
+  // A float shows as typed (0.9), not as the double nearest to it.
+  auto set = run({"set", address, "light/intensity=0.9", "light/colour:color=1,0.5,0", "note=hello world"});
   EXPECT_EQ(status, 0) << set->err().toStdString();
   EXPECT_EQ(set->out().toStdString(),
-            "light/intensity (float) = 0.5\nlight/colour (color) = [1,0.5,0,1]\nnote (string) = \"hello world\"\n");
+            "light/intensity (float) = 0.9\nlight/colour (color) = [1,0.5,0,1]\nnote (string) = \"hello world\"\n");
   EXPECT_EQ(set->err().toStdString(), "");
 
   auto dump = run({"dump", address, "--json"});
   EXPECT_EQ(status, 0) << dump->err().toStdString();
   EXPECT_EQ(QJsonDocument::fromJson(dump->out().toUtf8()).object(),
-            QJsonDocument::fromJson(R"({"light": {"intensity": {"$type": "float", "value": 0.5}, "name": "key",
+            QJsonDocument::fromJson(R"({"light": {"intensity": {"$type": "float", "value": 0.9}, "name": "key",
                                         "colour": {"$type": "color", "value": [1, 0.5, 0, 1]}},
                                         "count": 3, "note": "hello world"})")
                 .object());
   dump = run({"dump", address});
   EXPECT_EQ(status, 0);
-  EXPECT_TRUE(dump->out().contains("light/intensity (float) = 0.5\n")) << dump->out().toStdString();
+  EXPECT_TRUE(dump->out().contains("light/intensity (float) = 0.9\n")) << dump->out().toStdString();
 
   // The watcher saw the change and the additions arrive, one JSON object per line.
   const QString changed = watcher.waitForLine("\"path\":\"note\"");
@@ -189,6 +190,7 @@ TEST_F(CliEndToEnd, ServeSetAndDumpAgreeAndWatchSeesTheChanges)
   EXPECT_EQ(note.value("kind"), "added");
   EXPECT_EQ(note.value("value"), "hello world");
   EXPECT_TRUE(watcher.out().contains(R"("kind":"changed","path":"light/intensity")")) << watcher.out().toStdString();
+  EXPECT_TRUE(watcher.out().contains(R"("type":"float","value":0.9})")) << watcher.out().toStdString();
 
   // A value the existing attribute cannot take changes nothing.
   auto wrong = run({"set", address, "light/intensity=bright"});
@@ -253,8 +255,12 @@ TEST_F(CliEndToEnd, MistakesGetOneClearLineAndAnExitStatus)
       << p->err().toStdString();
   p = run({"frobnicate"});
   EXPECT_EQ(status, 2);
-  EXPECT_EQ(p->err().toStdString(), "plexa: unknown command 'frobnicate' (commands: demo, serve, watch, set, dump, "
-                                    "fetch, record, replay; see plexa --help)\n");
+  EXPECT_EQ(p->err().toStdString(), "plexa: unknown command 'frobnicate' (commands: demo, serve, watch, inspect, set, "
+                                    "dump, fetch, record, replay; see plexa --help)\n");
+  p = run({"inspect", "127.0.0.1:1", "--http", "nowhere"});
+  EXPECT_EQ(status, 2);
+  EXPECT_EQ(p->err().toStdString(), "plexa inspect: --http: malformed address 'nowhere': missing ':PORT' (expected "
+                                    "HOST:PORT, e.g. 127.0.0.1:5000)\n");
   p = run({"set", "127.0.0.1:1", "x:flaot=1"});
   EXPECT_EQ(status, 2);
   EXPECT_TRUE(p->err().startsWith("plexa set: unknown type 'flaot' in 'x:flaot=1'")) << p->err().toStdString();

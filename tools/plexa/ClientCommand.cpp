@@ -21,12 +21,17 @@ namespace Plexa
       return ExitOk;
     }
 
-    void ClientCommand::beforeConnecting(MirrorNode&, Peer&) {}
+    int ClientCommand::beforeConnecting(MirrorNode&, Peer&)
+    {
+      return ExitOk;
+    }
 
     int ClientCommand::interruptedWhileConnecting()
     {
       return ExitInterrupted;
     }
+
+    void ClientCommand::beforeStopping() {}
 
     void ClientCommand::done(MirrorNode&) {}
 
@@ -61,20 +66,23 @@ namespace Plexa
         // The file list of this side's (empty or staging) root: quick, and needed before fetching.
         if (!options.fileRoot.isEmpty())
           peer.waitForFileList(timeoutMs());
-        beforeConnecting(mirror, peer);
+        status = beforeConnecting(mirror, peer);
         ClientConnection connection(peer, m_address, console);
-        switch (connection.connectAndMirror(timeoutSeconds(), &error)) {
-        case ClientConnection::Mirrored:
-          status = connected(mirror, peer);
-          connection.finish();
-          break;
-        case ClientConnection::TimedOut:
-          status = fail(ExitFailure, error);
-          break;
-        case ClientConnection::Interrupted:
-          status = interruptedWhileConnecting();
-          break;
+        if (status == ExitOk) {
+          switch (connection.connectAndMirror(timeoutSeconds(), &error)) {
+          case ClientConnection::Mirrored:
+            status = connected(mirror, peer);
+            connection.finish();
+            break;
+          case ClientConnection::TimedOut:
+            status = fail(ExitFailure, error);
+            break;
+          case ClientConnection::Interrupted:
+            status = interruptedWhileConnecting();
+            break;
+          }
         }
+        beforeStopping();
         // The peer closes its connection as it goes.
         LogSilence quiet;
         peer.stop();

@@ -32,12 +32,15 @@ namespace Plexa
       virtual int prepare(const QCommandLineParser& parser, const QStringList& arguments);
       /// Sets the peer's options up; Ctrl-C is caught from here on. ExitOk, or the status to end with.
       virtual int setUp(PeerOptions& options);
-      /// Before the connection is made (listeners that must see the first contents).
-      virtual void beforeConnecting(MirrorNode& mirror, Peer& peer);
+      /// Before the connection is made (listeners that must see the first contents). ExitOk, or
+      /// the status to end with (having said why).
+      virtual int beforeConnecting(MirrorNode& mirror, Peer& peer);
       /// The work, once the peer's tree is mirrored; the exit status.
       virtual int connected(MirrorNode& mirror, Peer& peer) = 0;
       /// The status when Ctrl-C came before the tree was mirrored.
       virtual int interruptedWhileConnecting();
+      /// Whatever happened, before the peer stops: what uses the peer from other threads ends here.
+      virtual void beforeStopping();
       /// Last, before the mirror goes (whatever happened): listeners that must not hear the
       /// mirror's contents go are taken off here.
       virtual void done(MirrorNode& mirror);

@@ -2,6 +2,7 @@
 
 #include "AddressArgument.hpp"
 #include "Console.hpp"
+#include "InspectorPage.hpp"
 
 #include "plexa/app/Peer.hpp"
 
@@ -47,6 +48,32 @@ namespace Plexa
                         .arg(connected ? "connected" : "disconnected", peerAddress)
                         .arg(peer.sessionCount()));
       });
+    }
+
+    QList<QCommandLineOption> Command::pageOptions(const QString& fallback)
+    {
+      const QString http = "Serve the inspector page at this address, for a browser" +
+                           (fallback.isEmpty() ? QString(" (port 0 picks a free one).")
+                                               : QString(" (default %1; port 0 picks a free one).").arg(fallback));
+      return {{"http", http, "HOST:PORT", fallback},
+              {"read-only", "The inspector page shows the tree but refuses edits."}};
+    }
+
+    int Command::startPage(InspectorPage& page, const QCommandLineParser& parser, MirrorNode& tree, Peer& peer,
+                           int role, const QString& treeAddress)
+    {
+      AddressArgument address;
+      QString error;
+      if (!AddressArgument::parse(parser.value("http"), true, address, &error))
+        return fail(ExitUsage, "--http: " + error);
+      if (!page.start(address, tree, peer, Inspector::Role(role), treeAddress, &error))
+        return fail(ExitFailure, error);
+      if (!address.isLoopback())
+        warn(QString("the inspector page at %1 can be reached by other machines; anyone who reaches it can read%2 "
+                     "the tree")
+                 .arg(page.url(), parser.isSet("read-only") ? "" : " and change"));
+      console.out(QString("inspector page at %1").arg(page.url()));
+      return ExitOk;
     }
   }
 }

@@ -11,6 +11,8 @@ namespace Plexa
   {
     class AddressArgument;
     class Console;
+    class InspectorPage;
+    class MirrorNode;
 
     /// Exit statuses of every command.
     enum ExitStatus
@@ -60,6 +62,14 @@ namespace Plexa
       /// Once `peer` listens at `address`: prints the address it got (with the port picked for port
       /// 0), warns when other machines can reach it, and prints connections as they come and go.
       void reportListening(const AddressArgument& address, Peer& peer);
+
+      /// The --http option (`fallback`: its default, empty for none) and --read-only of the
+      /// commands that serve the inspector page.
+      static QList<QCommandLineOption> pageOptions(const QString& fallback);
+      /// Starts `page` at --http's address showing `tree`, prints its address and warns when other
+      /// machines can reach it. ExitOk, or the status to end with (having said why).
+      int startPage(InspectorPage& page, const QCommandLineParser& parser, MirrorNode& tree, Peer& peer, int role,
+                    const QString& treeAddress);
 
       double timeoutSeconds() const { return m_timeoutSeconds; }
       int timeoutMs() const { return int(m_timeoutSeconds * 1000.0); }

@@ -4,6 +4,7 @@
 #include "DemoCommand.hpp"
 #include "DumpCommand.hpp"
 #include "FetchCommand.hpp"
+#include "InspectCommand.hpp"
 #include "RecordCommand.hpp"
 #include "ReplayCommand.hpp"
 #include "ServeCommand.hpp"
@@ -29,6 +30,7 @@ namespace Plexa
       m_commands.emplace_back(new DemoCommand(console));
       m_commands.emplace_back(new ServeCommand(console));
       m_commands.emplace_back(new WatchCommand(console));
+      m_commands.emplace_back(new InspectCommand(console));
       m_commands.emplace_back(new SetCommand(console));
       m_commands.emplace_back(new DumpCommand(console));
       m_commands.emplace_back(new FetchCommand(console));

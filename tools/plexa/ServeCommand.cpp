@@ -2,6 +2,7 @@
 
 #include "AddressArgument.hpp"
 #include "Console.hpp"
+#include "InspectorPage.hpp"
 #include "Interrupt.hpp"
 #include "LogSilence.hpp"
 #include "MirrorNode.hpp"
@@ -13,6 +14,8 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
+
+#include <memory>
 
 namespace Plexa
 {
@@ -38,6 +41,8 @@ namespace Plexa
              "that peers can fetch files from. Prints connections as they come and go; Ctrl-C stops.\n"
              "The protocol has no encryption: keep to 127.0.0.1 unless the network is trusted.\n"
              "\n"
+             "With --http, also serves the inspector page (see plexa inspect) for the tree it publishes.\n"
+             "\n"
              "Example: plexa serve --tree scene.json --share ./assets --listen 127.0.0.1:5000";
     }
 
@@ -52,6 +57,7 @@ namespace Plexa
           {"retry", QString("When the address is taken, try again every %1 s (until --timeout if given).")
                         .arg(ListenRetrySeconds)},
       });
+      parser.addOptions(pageOptions(QString()));
     }
 
     int ServeCommand::run(const QCommandLineParser& parser)
@@ -109,14 +115,26 @@ namespace Plexa
         }
       }
       reportListening(address, peer);
+      std::unique_ptr<InspectorPage> page;
+      if (parser.isSet("http")) {
+        page = std::make_unique<InspectorPage>(parser.isSet("read-only"));
+        const int status =
+            startPage(*page, parser, tree, peer, Inspector::Server, address.withPort(peer.listeningPort()).toString());
+        if (status != ExitOk)
+          return status;
+      }
 
       // `plexa set` asks to hear once its values are applied.
       tree.eventAddListener(SyncEvents::Request, [&tree](Bastion::BinaryData& data) {
         Bastion::BinaryData reply(data.toByteArray());
         tree.eventProcess(SyncEvents::Reply, reply);
       });
-      while (!Interrupt::requested())
+      while (!Interrupt::requested()) {
         peer.waitAndUpdate(PollMs);
+        if (page)
+          page->update();
+      }
+      page.reset();
       console.out("stopping");
       LogSilence quiet;
       peer.stop();

@@ -1,5 +1,6 @@
 #include "SetCommand.hpp"
 
+#include "AttributeEdit.hpp"
 #include "AttributeJson.hpp"
 #include "Console.hpp"
 #include "Interrupt.hpp"
@@ -13,8 +14,6 @@
 
 #include <QElapsedTimer>
 
-#include <memory>
-
 namespace Plexa
 {
   namespace Cli
@@ -22,15 +21,6 @@ namespace Plexa
     namespace
     {
       constexpr int PollMs = 50;
-
-      /// One assignment ready to apply: an existing attribute and its new value, or a new one.
-      struct Change
-      {
-        QByteArray path;
-        QString type;
-        QJsonValue value;
-        Carafe::Attribute* existing = nullptr;
-      };
     }
 
     QString SetCommand::summary() const
@@ -85,56 +75,24 @@ namespace Plexa
     {
       // Every value is checked against the mirrored tree before any is set: all or nothing.
       QString error;
-      std::vector<Change> changes;
-      for (const Assignment& a : m_assignments) {
-        Change change;
-        change.path = a.path;
-        const QString path = QString::fromUtf8(a.path);
-        bool blocked = false;
-        change.existing = TreePath::find(mirror, a.path, &blocked);
-        if (blocked)
-          return fail(ExitFailure, QString("%1: a value stands where a node would be needed").arg(path));
-        if (change.existing) {
-          if (dynamic_cast<Carafe::Node*>(change.existing))
-            return fail(ExitFailure, QString("%1 is a node, not a value").arg(path));
-          change.type = AttributeJson::typeName(*change.existing);
-          if (change.type.isEmpty())
-            return fail(ExitFailure, QString("%1 holds a kind of value that plexa cannot set").arg(path));
-          if (!a.type.isEmpty() && a.type != change.type)
-            return fail(ExitFailure, QString("%1 is a %2 on the peer, not a %3").arg(path, change.type, a.type));
-        } else {
-          change.type = a.type;
-        }
-        if (!ValueText::parseValue(a.text, change.type, change.value, &error))
-          return fail(ExitFailure, QString("%1: %2").arg(path, error));
-        if (change.type.isEmpty()) {
-          change.type = AttributeJson::inferType(change.value);
-          if (change.type.isEmpty())
-            return fail(ExitFailure, QString("%1 does not exist on the peer and the type of '%2' is not clear; give it "
-                                             "as %1:TYPE=VALUE")
-                                         .arg(path, a.text));
-        }
-        std::unique_ptr<Carafe::Attribute> probe(AttributeJson::create(change.type, change.value, &error));
-        if (!probe)
-          return fail(ExitFailure, QString("%1: not a %2 value: %3").arg(path, change.type, error));
-        changes.push_back(change);
+      std::vector<AttributeEdit> changes(m_assignments.size());
+      for (size_t i = 0; i < m_assignments.size(); ++i) {
+        if (!changes[i].check(mirror, m_assignments[i], &error))
+          return fail(ExitFailure, error);
       }
-      for (const Change& change : changes) {
-        if (change.existing) {
-          AttributeJson::assign(*change.existing, change.value, nullptr);
-        } else if (!mirror.addDeepAttribute(change.path, AttributeJson::create(change.type, change.value, nullptr))) {
-          return fail(ExitFailure, QString("%1 could not be added to the tree").arg(QString::fromUtf8(change.path)));
-        }
+      for (const AttributeEdit& change : changes) {
+        if (!change.apply(mirror, &error))
+          return fail(ExitFailure, error);
       }
 
       const bool confirmed = waitUntilApplied(mirror, peer, error);
       if (!error.isEmpty())
         return fail(Interrupt::requested() ? ExitInterrupted : ExitFailure, error);
-      for (const Change& change : changes) {
-        const Carafe::Attribute* applied = TreePath::find(mirror, change.path);
-        const QJsonValue value = applied ? AttributeJson::value(*applied) : change.value;
+      for (const AttributeEdit& change : changes) {
+        const Carafe::Attribute* applied = TreePath::find(mirror, change.path());
+        const QJsonValue value = applied ? AttributeJson::value(*applied) : change.value();
         console.out(
-            QString("%1 (%2) = %3").arg(QString::fromUtf8(change.path), change.type, WatchFormat::compact(value)));
+            QString("%1 (%2) = %3").arg(QString::fromUtf8(change.path()), change.type(), WatchFormat::compact(value)));
       }
       if (!confirmed)
         warn(QString("%1 did not confirm the values within %2 s (not a plexa serve?); they were sent")

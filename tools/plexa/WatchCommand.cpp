@@ -105,7 +105,7 @@ namespace Plexa
           [this](const QByteArray& name, const Bastion::BinaryData& data) { printRemoteEvent(name, data); });
     }
 
-    void WatchCommand::beforeConnecting(MirrorNode& mirror, Peer& peer)
+    int WatchCommand::beforeConnecting(MirrorNode& mirror, Peer& peer)
     {
       listen(mirror);
       peer.setConnectionCallback([this](const QString&, bool connected) {
@@ -114,6 +114,7 @@ namespace Plexa
         event.name = address().toString();
         print(event);
       });
+      return ExitOk;
     }
 
     int WatchCommand::connected(MirrorNode&, Peer& peer)

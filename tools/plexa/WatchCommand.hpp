@@ -23,7 +23,7 @@ namespace Plexa
 
     protected:
       int prepare(const QCommandLineParser& parser, const QStringList& arguments) override;
-      void beforeConnecting(MirrorNode& mirror, Peer& peer) override;
+      int beforeConnecting(MirrorNode& mirror, Peer& peer) override;
       int interruptedWhileConnecting() override;
       void done(MirrorNode& mirror) override;
       int connected(MirrorNode& mirror, Peer& peer) override;

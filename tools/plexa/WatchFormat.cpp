@@ -172,7 +172,7 @@ namespace Plexa
         case Bastion::BinaryData::FloatItem: {
           float v = 0;
           ok = data.readFloat(v);
-          item = std::isfinite(v) ? QJsonValue(double(v)) : QJsonValue(QString::number(double(v)));
+          item = std::isfinite(v) ? QJsonValue(AttributeJson::floatValue(v)) : QJsonValue(QString::number(double(v)));
           break;
         }
         case Bastion::BinaryData::DoubleItem: {

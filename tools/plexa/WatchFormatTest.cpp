@@ -62,7 +62,7 @@ TEST(WatchFormat, EventPayloadsAreDecodedItemByItem)
   payload.writeInt32(-3);
   payload.writeInt64(int64_t(1) << 60);
   payload.writeInt64(42);
-  payload.writeFloat(0.5f);
+  payload.writeFloat(0.9f);
   payload.writeDouble(-1.25);
   payload.writeString("text");
   payload.writeBlob(QByteArray("\x01\x02\x03", 3));
@@ -73,9 +73,9 @@ TEST(WatchFormat, EventPayloadsAreDecodedItemByItem)
   EXPECT_TRUE(event.payloadComplete);
   EXPECT_EQ(event.payloadBytes, payload.size());
   EXPECT_EQ(event.items,
-            (QJsonArray{-3, "1152921504606846976", 42, 0.5, -1.25, "text", QJsonObject{{"blob", "AQID"}}}));
+            (QJsonArray{-3, "1152921504606846976", 42, 0.9, -1.25, "text", QJsonObject{{"blob", "AQID"}}}));
   EXPECT_EQ(WatchFormat::readable(event, When),
-            QString("07:08:09.012 event   snapshot (%1 bytes) -3, \"1152921504606846976\", 42, 0.5, -1.25, \"text\", "
+            QString("07:08:09.012 event   snapshot (%1 bytes) -3, \"1152921504606846976\", 42, 0.9, -1.25, \"text\", "
                     "<3-byte blob>")
                 .arg(payload.size()));
   const QJsonObject json = parsedLine(WatchFormat::jsonLine(event, When));
