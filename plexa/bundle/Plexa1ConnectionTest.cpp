@@ -1,14 +1,14 @@
 #include "plexa/bundle/Plexa1Connection.hpp"
 #include "plexa/bundle/BundleStream.hpp"
 
+#include "bastion/Condition.hpp"
+#include "bastion/Guard.hpp"
 #include "bastion/LogCapture.hpp"
 #include "plexa/bundle/BundleTestSupport.hpp"
 #include "plexa/net/ConnectionTestSupport.hpp"
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
 
 using namespace Plexa;
 using namespace PlexaTest;
@@ -21,24 +21,24 @@ namespace
   public:
     void scheduleProcess(const std::vector<Bundle>& bundles) override
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_lists.push_back(bundles);
-      m_changed.notify_all();
+      m_changed.wakeAll();
     }
     bool waitForLists(size_t count)
     {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      return m_changed.wait_for(lock, std::chrono::milliseconds(WaitMs), [&] { return m_lists.size() >= count; });
+      Bastion::Guard lock(m_mutex);
+      return m_changed.waitFor(m_mutex, WaitMs, [&] { return m_lists.size() >= count; });
     }
     std::vector<std::vector<Bundle>> lists() const
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_lists;
     }
 
   private:
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
+    mutable Bastion::Mutex m_mutex;
+    Bastion::Condition m_changed;
     std::vector<std::vector<Bundle>> m_lists;
   };
 

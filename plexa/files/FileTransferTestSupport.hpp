@@ -11,6 +11,8 @@
 #include "plexa/net/ConnectionTestSupport.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 
+#include "bastion/Guard.hpp"
+#include "bastion/Mutex.hpp"
 #include "bastion/TCPSocket.hpp"
 
 #include <QMap>
@@ -18,7 +20,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -52,18 +53,18 @@ namespace Plexa
       void transferFailed(const QString&) override {}
       void transferProgress(qint64 bytes, const QString& path) override
       {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         m_progress[path] += bytes;
         ++m_reports;
       }
       qint64 progressOf(const QString& path)
       {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         return m_progress.value(path);
       }
       int reports()
       {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         return m_reports;
       }
 
@@ -71,7 +72,7 @@ namespace Plexa
 
     private:
       const QString m_root;
-      std::mutex m_mutex;
+      Bastion::Mutex m_mutex;
       QMap<QString, qint64> m_progress;
       int m_reports = 0;
     };
@@ -138,7 +139,7 @@ namespace Plexa
       bool waitLines(int count, int timeoutMs = 10000) { return m_lines.wait(count, timeoutMs); }
       std::vector<Received> received()
       {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         return m_received;
       }
       QStringList lines()
@@ -163,7 +164,7 @@ namespace Plexa
         if (command.kind == FileTransferCommand::FilePart)
           r.bytes = readData(command.first.toInt());
         {
-          std::lock_guard<std::mutex> lock(m_mutex);
+          Bastion::Guard lock(m_mutex);
           m_received.push_back(r);
         }
         m_lines.raise();
@@ -171,7 +172,7 @@ namespace Plexa
       }
 
     private:
-      std::mutex m_mutex;
+      Bastion::Mutex m_mutex;
       std::vector<Received> m_received;
       Signal m_lines;
       std::atomic<bool> m_hold{false};

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "bastion/SharedMutex.hpp"
+
 #include <cstdint>
-#include <mutex>
-#include <shared_mutex>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -34,10 +34,9 @@ namespace Plexa
     void setIsNode(uint32_t symbol, bool isNode);
 
   private:
-    mutable std::shared_mutex m_lock;
-    // Guarded by m_lock.
-    std::unordered_set<uint32_t> m_nodeSymbols;
-    std::unordered_map<uint32_t, Carafe::Attribute*> m_bySymbol;
-    std::unordered_map<Carafe::Attribute*, uint32_t> m_byAttribute;
+    mutable Bastion::SharedMutex m_lock;
+    std::unordered_set<uint32_t> m_nodeSymbols BASTION_GUARDED_BY(m_lock);
+    std::unordered_map<uint32_t, Carafe::Attribute*> m_bySymbol BASTION_GUARDED_BY(m_lock);
+    std::unordered_map<Carafe::Attribute*, uint32_t> m_byAttribute BASTION_GUARDED_BY(m_lock);
   };
 }
