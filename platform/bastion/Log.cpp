@@ -14,9 +14,9 @@ namespace Bastion
   {
     LogLevel initialLevel()
     {
-      const char* env = std::getenv("BASTION_LOG_LEVEL");
-      if (!env)
-        return LogLevel::Info;
+      // qgetenv, unlike getenv, is ordered with Qt's own changes of the environment.
+      const QByteArray level = qgetenv("BASTION_LOG_LEVEL");
+      const char* env = level.constData();
       if (!strcasecmp(env, "error"))
         return LogLevel::Error;
       if (!strcasecmp(env, "warning"))

@@ -1,9 +1,10 @@
 #include "bastion/Mutex.hpp"
 
+#include "bastion/StringUtils.hpp"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace Bastion
 {
@@ -11,7 +12,7 @@ namespace Bastion
   // destruction while locked); carrying on would corrupt whatever the mutex protects.
   void Mutex::fail(int rc, const char* what)
   {
-    std::fprintf(stderr, "Bastion::Mutex # %s failed: %s\n", what, std::strerror(rc));
+    std::fprintf(stderr, "Bastion::Mutex # %s failed: %s\n", what, StringUtils::errorText(rc).constData());
     std::abort();
   }
 

@@ -1,8 +1,9 @@
 #include "bastion/SharedMutex.hpp"
 
+#include "bastion/StringUtils.hpp"
+
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace Bastion
 {
@@ -10,7 +11,7 @@ namespace Bastion
   // lock protects.
   void SharedMutex::fail(int rc, const char* what)
   {
-    std::fprintf(stderr, "Bastion::SharedMutex # %s failed: %s\n", what, std::strerror(rc));
+    std::fprintf(stderr, "Bastion::SharedMutex # %s failed: %s\n", what, StringUtils::errorText(rc).constData());
     std::abort();
   }
 

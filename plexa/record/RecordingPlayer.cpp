@@ -144,7 +144,8 @@ namespace Plexa
       if (!present) {
         auto node = std::make_unique<Carafe::Node>(nullptr, path.mid(path.lastIndexOf('/') + 1));
         if (m_node.addNode(path, node.get())) {
-          node.release();
+          // The tree owns it now.
+          static_cast<void>(node.release());
           ++m_created;
         }
         m_node.processPendingAdditions();
@@ -187,7 +188,8 @@ namespace Plexa
     reader.position = start + length;
     Carafe::Attribute* raw = created.get();
     if (m_node.addDeepAttribute(path, raw)) {
-      created.release();
+      // The tree owns it now.
+      static_cast<void>(created.release());
       ++m_created;
       known.attribute = raw;
       known.deserializer = std::move(deserializer);

@@ -213,10 +213,11 @@ namespace Plexa
 
   void Core::addSender(std::shared_ptr<BundleSender> sender)
   {
-    m_senders.push_back(sender);
-    if (!sender->moduleName().isEmpty())
-      sender->setMessageType(messageTypeFor(sender->moduleName()));
-    sender->initialize(*this);
+    BundleSender& added = *sender;
+    m_senders.push_back(std::move(sender));
+    if (!added.moduleName().isEmpty())
+      added.setMessageType(messageTypeFor(added.moduleName()));
+    added.initialize(*this);
   }
 
   std::vector<Bundle> Core::collect()

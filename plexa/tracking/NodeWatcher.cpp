@@ -374,7 +374,8 @@ namespace Plexa
     auto it = m_installed.find({object, symbol});
     if (it == m_installed.end())
       return;
-    const InstalledList installed = std::move(it->second);
+    // A copy (Qt 5's QVarLengthArray cannot be moved from), of three inline entries at most.
+    const InstalledList installed = it->second;
     m_installed.erase(it);
     for (const Installed& entry : installed) {
       if (entry.nodeEvent)
