@@ -129,7 +129,7 @@ namespace Plexa
         // The tasks behind the failed one (received bundle lists among them) still run, at the
         // next call and ahead of anything queued since, or the two trees drift apart for good.
         Bastion::Guard guard(m_taskMutex);
-        m_tasks.insert(m_tasks.begin(), std::make_move_iterator(tasks.begin() + i + 1),
+        m_tasks.insert(m_tasks.begin(), std::make_move_iterator(tasks.begin() + std::ptrdiff_t(i + 1)),
                        std::make_move_iterator(tasks.end()));
         throw;
       }
