@@ -5,6 +5,8 @@
 //
 // Options: --mib <n> (default 256) --runs <n> (default 3; the best run of each side counts).
 
+#include "bastion/Condition.hpp"
+#include "bastion/Guard.hpp"
 #include "bastion/TCPServerSocket.hpp"
 #include "bastion/TCPSocket.hpp"
 #include "plexa/net/ConnectionThread.hpp"
@@ -19,12 +21,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -57,14 +57,14 @@ namespace
 
     bool waitConnected()
     {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      return m_changed.wait_for(lock, std::chrono::seconds(10), [&] { return m_connected; });
+      Bastion::Guard lock(m_mutex);
+      return m_changed.waitFor(m_mutex, 10 * 1000, [&] { return m_connected; });
     }
     /// Waits for the end of the stream; the time it ended, or nothing after a timeout.
     bool waitDone(Clock::time_point& end, uint64_t& bytes)
     {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      if (!m_changed.wait_for(lock, std::chrono::seconds(120), [&] { return m_done; }))
+      Bastion::Guard lock(m_mutex);
+      if (!m_changed.waitFor(m_mutex, 120 * 1000, [&] { return m_done; }))
         return false;
       end = m_end;
       bytes = m_bytes;
@@ -75,9 +75,9 @@ namespace
   protected:
     void connected() override
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_connected = true;
-      m_changed.notify_all();
+      m_changed.wakeAll();
     }
     bool parse(QString line) override
     {
@@ -88,17 +88,17 @@ namespace
       uint64_t bytes = 0;
       for (int i = 0; i < entries && readData(buffer.data(), EntryBytes); ++i)
         bytes += EntryBytes;
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_end = Clock::now();
       m_bytes = bytes;
       m_done = true;
-      m_changed.notify_all();
+      m_changed.wakeAll();
       return true;
     }
 
   private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
+    Bastion::Mutex m_mutex;
+    Bastion::Condition m_changed;
     bool m_connected = false;
     bool m_done = false;
     Clock::time_point m_end;

@@ -1,9 +1,7 @@
 #include "bastion/FileWriter.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
-#include "bastion/Mutex.hpp"
-
-#include <mutex>
 
 namespace Bastion
 {
@@ -16,9 +14,18 @@ namespace Bastion
       return mutex;
     }
 
-    /// Guards the chain of live guards, which current() reads from any thread.
-    std::mutex s_chainMutex;
-    FileWriter* s_innermost = nullptr;
+    /// The chain of live guards, which current() reads from any thread.
+    struct Chain
+    {
+      Mutex mutex;
+      FileWriter* innermost BASTION_GUARDED_BY(mutex) = nullptr;
+    };
+
+    Chain& chain()
+    {
+      static Chain c;
+      return c;
+    }
   }
 
   FileWriter::FileWriter(const char* name)
@@ -27,9 +34,10 @@ namespace Bastion
   {
     writeMutex().lock();
     {
-      std::lock_guard<std::mutex> g(s_chainMutex);
-      m_outer = s_innermost;
-      s_innermost = this;
+      Chain& c = chain();
+      Guard g(c.mutex);
+      m_outer = c.innermost;
+      c.innermost = this;
     }
     debug("FileWriter # begin %s", m_name.constData());
   }
@@ -38,15 +46,17 @@ namespace Bastion
   {
     debug("FileWriter # end %s", m_name.constData());
     {
-      std::lock_guard<std::mutex> g(s_chainMutex);
-      s_innermost = m_outer;
+      Chain& c = chain();
+      Guard g(c.mutex);
+      c.innermost = m_outer;
     }
     writeMutex().unlock();
   }
 
   QByteArray FileWriter::current()
   {
-    std::lock_guard<std::mutex> g(s_chainMutex);
-    return s_innermost ? s_innermost->m_name : QByteArray();
+    Chain& c = chain();
+    Guard g(c.mutex);
+    return c.innermost ? c.innermost->m_name : QByteArray();
   }
 }

@@ -1,11 +1,12 @@
 #include "bastion/Log.hpp"
 
+#include "bastion/Guard.hpp"
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 namespace Bastion
 {
@@ -13,9 +14,9 @@ namespace Bastion
   {
     LogLevel initialLevel()
     {
-      const char* env = std::getenv("BASTION_LOG_LEVEL");
-      if (!env)
-        return LogLevel::Info;
+      // qgetenv, unlike getenv, is ordered with Qt's own changes of the environment.
+      const QByteArray level = qgetenv("BASTION_LOG_LEVEL");
+      const char* env = level.constData();
       if (!strcasecmp(env, "error"))
         return LogLevel::Error;
       if (!strcasecmp(env, "warning"))
@@ -48,8 +49,8 @@ namespace Bastion
 
     struct LogState
     {
-      std::mutex mutex;
-      LogHandler handler = defaultHandler;
+      Mutex mutex;
+      LogHandler handler BASTION_GUARDED_BY(mutex) = defaultHandler;
       std::atomic<int> level{int(initialLevel())};
     };
 
@@ -79,7 +80,7 @@ namespace Bastion
         text.resize(n);
         std::vsnprintf(text.data(), size_t(n) + 1, fmt, args);
       }
-      std::lock_guard<std::mutex> lock(s.mutex);
+      Guard lock(s.mutex);
       s.handler(level, text);
     }
   }
@@ -87,7 +88,7 @@ namespace Bastion
   LogHandler setLogHandler(LogHandler handler)
   {
     LogState& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    Guard lock(s.mutex);
     LogHandler previous = std::move(s.handler);
     s.handler = handler ? std::move(handler) : LogHandler(defaultHandler);
     return previous;

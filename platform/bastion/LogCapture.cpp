@@ -1,5 +1,7 @@
 #include "bastion/LogCapture.hpp"
 
+#include "bastion/Guard.hpp"
+
 namespace Bastion
 {
   LogCapture::LogCapture(LogLevel level)
@@ -7,7 +9,7 @@ namespace Bastion
   {
     setLogLevel(level);
     m_previous = setLogHandler([this](LogLevel l, const QByteArray& text) {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Guard lock(m_mutex);
       m_lines.emplace_back(l, text);
     });
   }
@@ -20,13 +22,13 @@ namespace Bastion
 
   std::vector<std::pair<LogLevel, QByteArray>> LogCapture::lines() const
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Guard lock(m_mutex);
     return m_lines;
   }
 
   std::vector<QByteArray> LogCapture::texts() const
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Guard lock(m_mutex);
     std::vector<QByteArray> out;
     out.reserve(m_lines.size());
     for (auto& l : m_lines)
@@ -36,7 +38,7 @@ namespace Bastion
 
   bool LogCapture::contains(const QByteArray& text) const
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Guard lock(m_mutex);
     for (auto& l : m_lines)
       if (l.second == text)
         return true;
@@ -45,7 +47,7 @@ namespace Bastion
 
   bool LogCapture::contains(LogLevel level, const QByteArray& text) const
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Guard lock(m_mutex);
     for (auto& l : m_lines)
       if (l.first == level && l.second == text)
         return true;
@@ -54,7 +56,7 @@ namespace Bastion
 
   int LogCapture::countContaining(const QByteArray& part) const
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Guard lock(m_mutex);
     int n = 0;
     for (auto& l : m_lines)
       if (l.second.contains(part))
@@ -64,7 +66,7 @@ namespace Bastion
 
   void LogCapture::clear()
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Guard lock(m_mutex);
     m_lines.clear();
   }
 }

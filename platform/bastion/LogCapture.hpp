@@ -1,10 +1,10 @@
 #pragma once
 
 #include "bastion/Log.hpp"
+#include "bastion/Mutex.hpp"
 
 #include <QByteArray>
 
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -32,8 +32,8 @@ namespace Bastion
     void clear();
 
   private:
-    mutable std::mutex m_mutex;
-    std::vector<std::pair<LogLevel, QByteArray>> m_lines;
+    mutable Mutex m_mutex;
+    std::vector<std::pair<LogLevel, QByteArray>> m_lines BASTION_GUARDED_BY(m_mutex);
     LogHandler m_previous;
     LogLevel m_previousLevel;
   };

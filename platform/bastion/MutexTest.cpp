@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
@@ -46,6 +47,14 @@ TEST(Mutex, TryLockSeesHoldersAndRecursiveNeedsAsManyUnlocks)
     Guard g(recursive);
     EXPECT_FALSE(tryLockElsewhere(recursive));
   }
+  {
+    Guard g(plain);
+    g.unlock();
+    EXPECT_TRUE(tryLockElsewhere(plain));
+    g.relock();
+    EXPECT_FALSE(tryLockElsewhere(plain));
+  }
+  EXPECT_TRUE(tryLockElsewhere(plain));
   recursive.unlock();
   EXPECT_FALSE(tryLockElsewhere(recursive));
   recursive.unlock();
@@ -87,13 +96,7 @@ TEST(Condition, WaitTimesOutOrWakesAndRetakesTheMutex)
     int stage = 0;
     auto waiter = [&](int until) {
       Guard g(m);
-      const auto deadline = Clock::now() + std::chrono::seconds(5);
-      while (stage < until) {
-        if (Clock::now() >= deadline)
-          return false;
-        c.wait(m, 100);
-      }
-      return true;
+      return c.waitFor(m, 5000, [&] { return stage >= until; });
     };
     auto a = std::async(std::launch::async, waiter, 1);
     auto b = std::async(std::launch::async, waiter, 1);
@@ -119,5 +122,31 @@ TEST(Condition, WaitTimesOutOrWakesAndRetakesTheMutex)
       c.wakeOne();
     }
     EXPECT_TRUE(one.get());
+
+    // A predicate that never holds: false once the whole time has passed, mutex held again.
+    Guard g(m);
+    const auto waitStart = Clock::now();
+    EXPECT_FALSE(c.waitFor(m, 30, [] { return false; }));
+    EXPECT_GE(Clock::now() - waitStart, std::chrono::milliseconds(29));
+    EXPECT_FALSE(tryLockElsewhere(m));
   }
+}
+
+TEST(SharedMutex, ReadersShareItAndAWriterWaitsForThem)
+{
+  SharedMutex s;
+  s.lockShared();
+  auto reader = std::async(std::launch::async, [&] { ReadGuard r(s); });
+  EXPECT_EQ(reader.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  std::atomic<bool> written{false};
+  auto writer = std::async(std::launch::async, [&] {
+    WriteGuard w(s);
+    written = true;
+  });
+  // Bounded check that the writer stays out while a reader holds the lock.
+  EXPECT_EQ(writer.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  EXPECT_FALSE(written.load());
+  s.unlockShared();
+  EXPECT_EQ(writer.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_TRUE(written.load());
 }

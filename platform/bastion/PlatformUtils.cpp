@@ -1,17 +1,25 @@
 #include "bastion/PlatformUtils.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 
 #include <QDir>
-
-#include <mutex>
 
 namespace Bastion
 {
   namespace
   {
-    std::mutex s_hookMutex;
-    PlatformUtils::FirewallHook s_hook;
+    struct HookState
+    {
+      Mutex mutex;
+      PlatformUtils::FirewallHook hook BASTION_GUARDED_BY(mutex);
+    };
+
+    HookState& hookState()
+    {
+      static HookState s;
+      return s;
+    }
 
     QString envPath(const char* name)
     {
@@ -62,8 +70,9 @@ namespace Bastion
   {
     FirewallHook hook;
     {
-      std::lock_guard<std::mutex> g(s_hookMutex);
-      hook = s_hook;
+      HookState& s = hookState();
+      Guard g(s.mutex);
+      hook = s.hook;
     }
     if (hook)
       return hook(port, ruleName);
@@ -74,8 +83,9 @@ namespace Bastion
 
   PlatformUtils::FirewallHook PlatformUtils::setFirewallHook(FirewallHook hook)
   {
-    std::lock_guard<std::mutex> g(s_hookMutex);
-    std::swap(hook, s_hook);
+    HookState& s = hookState();
+    Guard g(s.mutex);
+    std::swap(hook, s.hook);
     return hook;
   }
 }

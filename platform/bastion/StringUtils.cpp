@@ -3,9 +3,18 @@
 #include <cxxabi.h>
 
 #include <cstdlib>
+#include <cstring>
 
 namespace Bastion
 {
+  QByteArray StringUtils::errorText(int error)
+  {
+    char buffer[256];
+    // The GNU strerror_r (g++ and clang++ define _GNU_SOURCE) returns the text, which is either
+    // a constant string or written into `buffer`.
+    return QByteArray(strerror_r(error, buffer, sizeof(buffer)));
+  }
+
   QString StringUtils::demangle(const char* raw)
   {
     if (!raw)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 
 namespace Bastion
@@ -12,5 +13,8 @@ namespace Bastion
     /// One leading '*' (which some ABIs put before the names of local types) is skipped. Names
     /// that do not demangle are returned as they are; a null pointer gives an empty string.
     static QString demangle(const char* raw);
+    /// The system's text for the error number `error` (an errno value). Any thread: unlike
+    /// strerror, it never hands out a buffer another thread may be writing.
+    static QByteArray errorText(int error);
   };
 }

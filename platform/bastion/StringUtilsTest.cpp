@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <typeinfo>
 #include <vector>
 
@@ -28,4 +29,11 @@ TEST(StringUtils, DemangleGivesReadableNamesOrTheRawOne)
   EXPECT_EQ(StringUtils::demangle("_Z"), QString("_Z"));
   EXPECT_EQ(StringUtils::demangle(""), QString(""));
   EXPECT_TRUE(StringUtils::demangle(nullptr).isEmpty());
+}
+
+TEST(StringUtils, ErrorTextNamesKnownAndUnknownErrors)
+{
+  EXPECT_EQ(StringUtils::errorText(ENOENT), QByteArray("No such file or directory"));
+  // An unknown number is written into the caller's buffer, which must make it into the result.
+  EXPECT_TRUE(StringUtils::errorText(98765).contains("98765"));
 }

@@ -1,70 +1,12 @@
 #include "bastion/SymbolRegistry.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 
 #include <limits>
-#include <mutex>
-
-#if defined(__SANITIZE_THREAD__)
-#define BASTION_SYMBOLS_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define BASTION_SYMBOLS_TSAN 1
-#endif
-#endif
-
-#ifdef BASTION_SYMBOLS_TSAN
-#include <sanitizer/tsan_interface.h>
-#endif
 
 namespace Bastion
 {
-  namespace
-  {
-    // QReadWriteLock lives in the uninstrumented Qt library and synchronises through atomics that
-    // ThreadSanitizer cannot see. The write guard tells it about the ordering the lock provides
-    // (taking it acquires, releasing it releases), so callers that hold `lock()` for reading are
-    // seen as ordered with the changes. Without ThreadSanitizer it is a plain QWriteLocker.
-    void annotateAcquire(const QReadWriteLock* lock)
-    {
-#ifdef BASTION_SYMBOLS_TSAN
-      __tsan_acquire(const_cast<QReadWriteLock*>(lock));
-#else
-      (void)lock;
-#endif
-    }
-
-    void annotateRelease(const QReadWriteLock* lock)
-    {
-#ifdef BASTION_SYMBOLS_TSAN
-      __tsan_release(const_cast<QReadWriteLock*>(lock));
-#else
-      (void)lock;
-#endif
-    }
-
-    class WriteGuard
-    {
-    public:
-      explicit WriteGuard(QReadWriteLock& lock)
-          : m_lock(lock)
-      {
-        m_lock.lockForWrite();
-        annotateAcquire(&m_lock);
-      }
-      ~WriteGuard()
-      {
-        annotateRelease(&m_lock);
-        m_lock.unlock();
-      }
-      WriteGuard(const WriteGuard&) = delete;
-      WriteGuard& operator=(const WriteGuard&) = delete;
-
-    private:
-      QReadWriteLock& m_lock;
-    };
-  }
-
   SymbolRegistry::SymbolRegistry() = default;
 
   SymbolRegistry::~SymbolRegistry() = default;
@@ -72,13 +14,13 @@ namespace Bastion
   uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name)
   {
     {
-      std::shared_lock<std::shared_mutex> read(m_tables);
+      ReadGuard read(m_tables);
       auto it = m_byName.constFind(name);
       if (it != m_byName.constEnd())
         return it.value();
     }
     WriteGuard write(m_lock);
-    std::unique_lock<std::shared_mutex> tables(m_tables);
+    WriteGuard tables(m_tables);
     // Another thread may have defined the name between the two locks.
     auto it = m_byName.constFind(name);
     if (it != m_byName.constEnd())
@@ -110,13 +52,13 @@ namespace Bastion
 
   uint32_t SymbolRegistry::lookup(const QByteArray& name) const
   {
-    std::shared_lock<std::shared_mutex> read(m_tables);
+    ReadGuard read(m_tables);
     return m_byName.value(name, 0);
   }
 
   bool SymbolRegistry::lookup(uint32_t symbol, QByteArray& name) const
   {
-    std::shared_lock<std::shared_mutex> read(m_tables);
+    ReadGuard read(m_tables);
     auto it = m_bySymbol.constFind(symbol);
     if (it == m_bySymbol.constEnd())
       return false;
@@ -131,7 +73,7 @@ namespace Bastion
       return;
     }
     WriteGuard write(m_lock);
-    std::unique_lock<std::shared_mutex> tables(m_tables);
+    WriteGuard tables(m_tables);
     auto oldSymbol = m_byName.constFind(name);
     if (oldSymbol != m_byName.constEnd() && oldSymbol.value() != symbol)
       m_bySymbol.remove(oldSymbol.value());
@@ -146,7 +88,7 @@ namespace Bastion
 
   int SymbolRegistry::count() const
   {
-    std::shared_lock<std::shared_mutex> read(m_tables);
+    ReadGuard read(m_tables);
     return m_byName.size();
   }
 }

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "bastion/SharedMutex.hpp"
+
 #include <QByteArray>
 #include <QHash>
-#include <QReadWriteLock>
 
 #include <cstdint>
-#include <shared_mutex>
 
 namespace Bastion
 {
@@ -18,9 +18,8 @@ namespace Bastion
   /// Thread-safe. `lookupOrDefine` (when it defines) and `define` take `lock()` for writing, so a
   /// caller holding it for reading sees no binding change across several lookups; while holding
   /// it, call only the lookups (`lookupOrDefine` and `define` would wait for a write lock that
-  /// cannot come). The lookups themselves only take a light internal reader lock: they run for
-  /// every attribute of every bundle, and the recursive lock's per-thread bookkeeping would cost
-  /// more than the lookup.
+  /// cannot come). The lookups themselves only take an internal reader lock of their own, so that
+  /// they never wait for `lock()`: they run for every attribute of every bundle.
   class SymbolRegistry
   {
   public:
@@ -43,18 +42,18 @@ namespace Bastion
     /// Number of bound names.
     int count() const;
 
-    /// The registry's recursive lock; see the class comment.
-    QReadWriteLock& lock() const { return m_lock; }
+    /// The registry's change lock; see the class comment.
+    SharedMutex& lock() const BASTION_RETURN_CAPABILITY(m_lock) { return m_lock; }
 
   private:
-    uint32_t nextFreeSymbol() const;
+    uint32_t nextFreeSymbol() const BASTION_REQUIRES_SHARED(m_tables);
 
-    /// Held for writing, after m_lock, by every change.
-    mutable QReadWriteLock m_lock{QReadWriteLock::Recursive};
-    mutable std::shared_mutex m_tables;
-    // Guarded by m_tables (read: m_tables shared; write: m_lock and m_tables exclusive).
-    QHash<QByteArray, uint32_t> m_byName;
-    QHash<uint32_t, QByteArray> m_bySymbol;
-    uint32_t m_highest = 0;
+    /// Held for writing, before m_tables, by every change.
+    mutable SharedMutex m_lock BASTION_ACQUIRED_BEFORE(m_tables);
+    mutable SharedMutex m_tables;
+    // Changes also hold m_lock for writing.
+    QHash<QByteArray, uint32_t> m_byName BASTION_GUARDED_BY(m_tables);
+    QHash<uint32_t, QByteArray> m_bySymbol BASTION_GUARDED_BY(m_tables);
+    uint32_t m_highest BASTION_GUARDED_BY(m_tables) = 0;
   };
 }

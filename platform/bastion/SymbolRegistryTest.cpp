@@ -1,5 +1,6 @@
 #include "bastion/SymbolRegistry.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/LogCapture.hpp"
 #include "bastion/TestGate.hpp"
 
@@ -107,7 +108,7 @@ TEST(SymbolRegistry, ReadLockHeldAcrossLookupsDoesNotBlockBehindAWaitingWriter)
   const uint32_t s = r.lookupOrDefine("held");
   std::atomic<bool> writerStarting{false};
   std::atomic<bool> writerDone{false};
-  r.lock().lockForRead();
+  r.lock().lockShared();
   std::thread writer([&] {
     writerStarting = true;
     r.define("other", 50);
@@ -121,7 +122,7 @@ TEST(SymbolRegistry, ReadLockHeldAcrossLookupsDoesNotBlockBehindAWaitingWriter)
     std::this_thread::yield();
   }
   EXPECT_FALSE(writerDone.load());
-  r.lock().unlock();
+  r.lock().unlockShared();
   writer.join();
   EXPECT_EQ(r.lookup(QByteArray("other")), 50u);
 }
@@ -164,7 +165,7 @@ TEST(SymbolRegistry, ConcurrentDefinesAndLookupsStayConsistent)
   // A reader that holds the lock across a pair of lookups sees one consistent state.
   threads.emplace_back([&] {
     for (int i = 0; i < Names; ++i) {
-      QReadLocker hold(&r.lock());
+      Bastion::ReadGuard hold(r.lock());
       const QByteArray name = "local/" + QByteArray::number(i);
       const uint32_t s = r.lookup(name);
       if (s != 0 && nameOf(r, s) != name)

@@ -265,16 +265,14 @@ namespace Bastion
       if (n > 0) {
         done += int(n);
         m_rxBytes.fetch_add(uint64_t(n), std::memory_order_relaxed);
-      } else if (n == 0) {
-        break;
-      } else if (errno == EINTR) {
         continue;
-      } else if ((errno == EAGAIN || errno == EWOULDBLOCK) && timeoutMs > 0) {
-        if (Clock::now() >= deadline || !waitFor(*fd, POLLIN, deadline))
-          break;
-      } else {
-        break;
       }
+      if (n < 0 && errno == EINTR)
+        continue;
+      const bool mayWait = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && timeoutMs > 0;
+      // The peer closed (0), a hard error, or nothing arrived before the deadline.
+      if (!mayWait || Clock::now() >= deadline || !waitFor(*fd, POLLIN, deadline))
+        break;
     }
     return done;
   }

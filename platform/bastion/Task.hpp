@@ -56,8 +56,8 @@ namespace Bastion
     std::atomic<int64_t> m_due;
     /// Bumped by every scheduleFromNowSecs; tells the background thread whether a step rescheduled.
     std::atomic<uint64_t> m_scheduleCount{0};
-    /// The thread that holds this task, guarded by m_hostMutex (wake-ups go there).
     Mutex m_hostMutex;
-    BGThread* m_host = nullptr;
+    /// The thread that holds this task (wake-ups go there).
+    BGThread* m_host BASTION_GUARDED_BY(m_hostMutex) = nullptr;
   };
 }

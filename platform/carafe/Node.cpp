@@ -1,14 +1,14 @@
 #include "carafe/Node.hpp"
 
 #include "bastion/BinaryData.hpp"
+#include "bastion/Condition.hpp"
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 
 #include <QHash>
 
 #include <algorithm>
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <thread>
 #include <typeinfo>
 
@@ -35,8 +35,8 @@ namespace Carafe
 
     struct AfterUpdateQueue
     {
-      std::mutex mutex;
-      std::deque<std::function<void()>> functions;
+      Bastion::Mutex mutex;
+      std::deque<std::function<void()>> functions BASTION_GUARDED_BY(mutex);
     };
 
     AfterUpdateQueue& afterUpdateQueue()
@@ -50,10 +50,10 @@ namespace Carafe
   /// delivering into it (its deletion waits for them).
   struct detail::EventLife
   {
-    std::mutex mutex;
-    std::condition_variable idle;
-    Node* node;                           // guarded by mutex; null once the node is being deleted
-    std::vector<std::thread::id> callers; // guarded by mutex
+    Bastion::Mutex mutex;
+    Bastion::Condition idle;
+    Node* node BASTION_GUARDED_BY(mutex); // null once the node is being deleted
+    std::vector<std::thread::id> callers BASTION_GUARDED_BY(mutex);
 
     explicit EventLife(Node* n)
         : node(n)
@@ -71,7 +71,7 @@ namespace Carafe
       Node::EventCallback callback;              // empty for a link
       std::shared_ptr<detail::EventLife> target; // set for a link
       QByteArray inName;
-      // guarded by EventHub::mutex
+      // Guarded by the mutex of the hub that holds the entry.
       bool removed = false;
       std::vector<std::thread::id> callers;
     };
@@ -80,19 +80,19 @@ namespace Carafe
     /// under the mutex and call them without it.
     struct EventHub
     {
-      std::mutex mutex;
-      std::condition_variable idle;
-      // guarded by mutex
-      std::vector<std::shared_ptr<EventEntry>> entries;
-      std::vector<QByteArray> outs;
-      std::vector<QByteArray> ins;
+      Bastion::Mutex mutex;
+      Bastion::Condition idle;
+      std::vector<std::shared_ptr<EventEntry>> entries BASTION_GUARDED_BY(mutex);
+      std::vector<QByteArray> outs BASTION_GUARDED_BY(mutex);
+      std::vector<QByteArray> ins BASTION_GUARDED_BY(mutex);
 
-      /// Marks `entry` removed (locked by the caller) and waits until no other thread runs it.
-      void retire(std::unique_lock<std::mutex>& lock, const std::shared_ptr<EventEntry>& entry)
+      /// Marks `entry` removed and waits until no other thread runs it.
+      void retire(const std::shared_ptr<EventEntry>& entry) BASTION_REQUIRES(mutex)
       {
         entry->removed = true;
         const std::thread::id self = std::this_thread::get_id();
-        idle.wait(lock, [&] { return !othersIn(entry->callers, self); });
+        while (othersIn(entry->callers, self))
+          idle.wait(mutex);
       }
     };
   }
@@ -121,11 +121,11 @@ namespace Carafe
     beginDestruction();
     deleteDescendants();
     std::shared_ptr<EventHub> hub = m_d->hub;
-    std::unique_lock<std::mutex> lock(hub->mutex);
+    Bastion::Guard lock(hub->mutex);
     std::vector<std::shared_ptr<EventEntry>> entries;
     entries.swap(hub->entries);
     for (const auto& e : entries)
-      hub->retire(lock, e);
+      hub->retire(e);
   }
 
   namespace
@@ -279,7 +279,7 @@ namespace Carafe
 
   void Node::eventAddOut(const QByteArray& name)
   {
-    std::lock_guard<std::mutex> lock(m_d->hub->mutex);
+    Bastion::Guard lock(m_d->hub->mutex);
     auto& outs = m_d->hub->outs;
     if (std::find(outs.begin(), outs.end(), name) == outs.end())
       outs.push_back(name);
@@ -287,7 +287,7 @@ namespace Carafe
 
   void Node::eventAddIn(const QByteArray& name)
   {
-    std::lock_guard<std::mutex> lock(m_d->hub->mutex);
+    Bastion::Guard lock(m_d->hub->mutex);
     auto& ins = m_d->hub->ins;
     if (std::find(ins.begin(), ins.end(), name) == ins.end())
       ins.push_back(name);
@@ -295,13 +295,13 @@ namespace Carafe
 
   std::vector<QByteArray> Node::eventsOut() const
   {
-    std::lock_guard<std::mutex> lock(m_d->hub->mutex);
+    Bastion::Guard lock(m_d->hub->mutex);
     return m_d->hub->outs;
   }
 
   std::vector<QByteArray> Node::eventsIn() const
   {
-    std::lock_guard<std::mutex> lock(m_d->hub->mutex);
+    Bastion::Guard lock(m_d->hub->mutex);
     return m_d->hub->ins;
   }
 
@@ -316,7 +316,7 @@ namespace Carafe
     entry->name = name;
     entry->type = type;
     entry->callback = std::move(callback);
-    std::lock_guard<std::mutex> lock(m_d->hub->mutex);
+    Bastion::Guard lock(m_d->hub->mutex);
     m_d->hub->entries.push_back(entry);
     return entry->id;
   }
@@ -333,7 +333,7 @@ namespace Carafe
     entry->type = After;
     entry->target = target->m_d->life;
     entry->inName = inName;
-    std::lock_guard<std::mutex> lock(m_d->hub->mutex);
+    Bastion::Guard lock(m_d->hub->mutex);
     auto& entries = m_d->hub->entries;
     // Links whose target is gone are dropped here rather than by the dying target, which would
     // have to reach into every source node.
@@ -341,7 +341,7 @@ namespace Carafe
                                  [](const std::shared_ptr<EventEntry>& e) {
                                    if (!e->target)
                                      return false;
-                                   std::lock_guard<std::mutex> l(e->target->mutex);
+                                   Bastion::Guard l(e->target->mutex);
                                    return e->target->node == nullptr && e->callers.empty();
                                  }),
                   entries.end());
@@ -352,14 +352,14 @@ namespace Carafe
   bool Node::eventRemoveListener(long id)
   {
     EventHub& hub = *m_d->hub;
-    std::unique_lock<std::mutex> lock(hub.mutex);
+    Bastion::Guard lock(hub.mutex);
     auto it = std::find_if(hub.entries.begin(), hub.entries.end(),
                            [id](const std::shared_ptr<EventEntry>& e) { return e->id == id; });
     if (it == hub.entries.end())
       return false;
     std::shared_ptr<EventEntry> entry = *it;
     hub.entries.erase(it);
-    hub.retire(lock, entry);
+    hub.retire(entry);
     return true;
   }
 
@@ -385,7 +385,7 @@ namespace Carafe
     std::shared_ptr<EventHub> hub = m_d->hub;
     std::vector<std::shared_ptr<EventEntry>> selected;
     {
-      std::lock_guard<std::mutex> lock(hub->mutex);
+      Bastion::Guard lock(hub->mutex);
       for (int type : {int(Before), int(After)})
         for (const auto& e : hub->entries)
           if (e->type == type && e->name == name)
@@ -394,7 +394,7 @@ namespace Carafe
     const std::thread::id self = std::this_thread::get_id();
     for (const auto& e : selected) {
       {
-        std::lock_guard<std::mutex> lock(hub->mutex);
+        Bastion::Guard lock(hub->mutex);
         if (e->removed)
           continue;
         e->callers.push_back(self);
@@ -406,10 +406,10 @@ namespace Carafe
         std::thread::id self;
         ~Leave()
         {
-          std::lock_guard<std::mutex> lock(hub.mutex);
+          Bastion::Guard lock(hub.mutex);
           dropCaller(entry.callers, self);
           if (entry.removed)
-            hub.idle.notify_all();
+            hub.idle.wakeAll();
         }
       } leave{*hub, *e, self};
       data.rewind();
@@ -420,7 +420,7 @@ namespace Carafe
       detail::EventLife& life = *e->target;
       Node* target;
       {
-        std::lock_guard<std::mutex> lock(life.mutex);
+        Bastion::Guard lock(life.mutex);
         target = life.node;
         if (!target)
           continue;
@@ -432,10 +432,10 @@ namespace Carafe
         std::thread::id self;
         ~LeaveTarget()
         {
-          std::lock_guard<std::mutex> lock(life.mutex);
+          Bastion::Guard lock(life.mutex);
           dropCaller(life.callers, self);
           if (!life.node)
-            life.idle.notify_all();
+            life.idle.wakeAll();
         }
       } leaveTarget{life, self};
       target->eventProcess(e->inName, data);
@@ -445,12 +445,13 @@ namespace Carafe
   void Node::closeIncomingLinks()
   {
     detail::EventLife& life = *m_d->life;
-    std::unique_lock<std::mutex> lock(life.mutex);
+    Bastion::Guard lock(life.mutex);
     life.node = nullptr;
     // A delivery running on this thread (the node deleted from inside its own event handling)
     // cannot be waited for; every other one must leave before the node goes.
     const std::thread::id self = std::this_thread::get_id();
-    life.idle.wait(lock, [&] { return !othersIn(life.callers, self); });
+    while (othersIn(life.callers, self))
+      life.idle.wait(life.mutex);
   }
 
   // ---- after-update servicing ----
@@ -460,7 +461,7 @@ namespace Carafe
     if (!fn)
       return;
     AfterUpdateQueue& q = afterUpdateQueue();
-    std::lock_guard<std::mutex> lock(q.mutex);
+    Bastion::Guard lock(q.mutex);
     q.functions.push_back(std::move(fn));
   }
 
@@ -469,7 +470,7 @@ namespace Carafe
     AfterUpdateQueue& q = afterUpdateQueue();
     std::deque<std::function<void()>> batch;
     {
-      std::lock_guard<std::mutex> lock(q.mutex);
+      Bastion::Guard lock(q.mutex);
       batch.swap(q.functions);
     }
     while (!batch.empty()) {
@@ -479,7 +480,7 @@ namespace Carafe
         fn();
       } catch (...) {
         // The rest of this cycle's batch still runs, at the next servicing and before newer ones.
-        std::lock_guard<std::mutex> lock(q.mutex);
+        Bastion::Guard lock(q.mutex);
         q.functions.insert(q.functions.begin(), std::make_move_iterator(batch.begin()),
                            std::make_move_iterator(batch.end()));
         throw;

@@ -1,14 +1,14 @@
 #include "carafe/Node.hpp"
 
 #include "bastion/BinaryData.hpp"
+#include "bastion/Condition.hpp"
+#include "bastion/Guard.hpp"
 #include "bastion/TestGate.hpp"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 using namespace Carafe;
@@ -147,28 +147,28 @@ TEST(NodeEvents, LinksForwardToTheTargetUntilEitherNodeGoes)
 TEST(NodeEvents, RemovingAListenerWaitsForItsCallOnAnotherThread)
 {
   Node node;
-  std::mutex m;
-  std::condition_variable cv;
+  Bastion::Mutex m;
+  Bastion::Condition cv;
   bool inside = false;
   bool removeReturned = false;
   bool removedWhileRunning = false;
   const long id = node.eventAddListener("e", [&](Bastion::BinaryData&) {
-    std::unique_lock<std::mutex> lock(m);
+    Bastion::Guard lock(m);
     inside = true;
-    cv.notify_all();
+    cv.wakeAll();
     // The remover must stay blocked while this call runs: give it a bounded chance to return early.
-    removedWhileRunning = cv.wait_for(lock, std::chrono::milliseconds(200), [&] { return removeReturned; });
+    removedWhileRunning = cv.waitFor(m, 200, [&] { return removeReturned; });
   });
   std::thread sender([&] { node.eventSend("e"); });
   {
-    std::unique_lock<std::mutex> lock(m);
-    ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(20), [&] { return inside; }));
+    Bastion::Guard lock(m);
+    ASSERT_TRUE(cv.waitFor(m, 20 * 1000, [&] { return inside; }));
   }
   EXPECT_TRUE(node.eventRemoveListener(id));
   {
-    std::lock_guard<std::mutex> lock(m);
+    Bastion::Guard lock(m);
     removeReturned = true;
-    cv.notify_all();
+    cv.wakeAll();
   }
   sender.join();
   EXPECT_FALSE(removedWhileRunning);

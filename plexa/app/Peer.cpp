@@ -4,6 +4,7 @@
 #include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "bastion/Mutex.hpp"
+#include "bastion/StringUtils.hpp"
 #include "bastion/ThreadSafety.hpp"
 #include "carafe/Node.hpp"
 #include "plexa/app/FileSessionConnection.hpp"
@@ -25,7 +26,6 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <cstring>
 #include <vector>
 
 #include <sys/eventfd.h>
@@ -82,7 +82,8 @@ namespace Plexa
         , wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
     {
       if (wakeFd < 0)
-        Bastion::error("Peer::Peer # No wake-up descriptor for an event loop: %s", std::strerror(errno));
+        Bastion::error("Peer::Peer # No wake-up descriptor for an event loop: %s",
+                       Bastion::StringUtils::errorText(errno).constData());
       // Tree changes happen on the application thread between two waits; additions are only
       // reported by the watcher's update, which `waitAndUpdate` runs before it waits.
       changeListener = node.addAttributeChangeListener([this](const NodeWatcher::Event&) { wake(); });
@@ -492,7 +493,7 @@ namespace Plexa
           *error = QStringLiteral("cannot listen on %1:%2: %3")
                        .arg(host)
                        .arg(port)
-                       .arg(QString::fromLocal8Bit(std::strerror(result)));
+                       .arg(QString::fromLocal8Bit(Bastion::StringUtils::errorText(result)));
         return false;
       }
       return true;

@@ -7,7 +7,8 @@
 
 namespace Plexa
 {
-  PeerSession::PeerSession(std::weak_ptr<ConnectionThread> connection, const QString& peerAddress, SessionHost& host)
+  PeerSession::PeerSession(const std::weak_ptr<ConnectionThread>& connection, const QString& peerAddress,
+                           SessionHost& host)
       : m_connection(connection)
       , m_peerAddress(peerAddress)
       , m_host(host)

@@ -40,7 +40,7 @@ namespace Plexa
   class PeerSession : public BundleListScheduler, public Connection, public std::enable_shared_from_this<PeerSession>
   {
   public:
-    PeerSession(std::weak_ptr<ConnectionThread> connection, const QString& peerAddress, SessionHost& host);
+    PeerSession(const std::weak_ptr<ConnectionThread>& connection, const QString& peerAddress, SessionHost& host);
     ~PeerSession() override;
     PeerSession(const PeerSession&) = delete;
     PeerSession& operator=(const PeerSession&) = delete;

@@ -9,6 +9,7 @@
 #include "plexa/app/SessionLink.hpp"
 #include "plexa/app/TrafficMeter.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/LogCapture.hpp"
 #include "plexa/controller/BundleController.hpp"
 #include "plexa/controller/Core.hpp"
@@ -19,7 +20,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 #include <vector>
 
 using namespace Plexa;
@@ -32,21 +32,21 @@ namespace
   public:
     void sessionStarted(const std::shared_ptr<PeerSession>& session) override
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      Bastion::Guard lock(mutex);
       started.push_back(session);
     }
     void retrying(double secondsLeft) override { retries.push_back(secondsLeft); }
     void fileEvent(const FileEvent& event) override
     {
       {
-        std::lock_guard<std::mutex> lock(mutex);
+        Bastion::Guard lock(mutex);
         fileEvents.push_back(QString::number(event.kind) + ' ' + event.path);
       }
       fileSignal.raise();
     }
     void wake() override { ++wakes; }
 
-    std::mutex mutex;
+    Bastion::Mutex mutex;
     std::vector<std::shared_ptr<PeerSession>> started;
     std::vector<double> retries;
     std::atomic<int> wakes{0};
@@ -252,7 +252,7 @@ TEST(PeerSessionTest, AFileConnectionReportsOnlyTheDownloadsItBooked)
   peers[1]->send(info);
   ASSERT_TRUE(host.fileSignal.wait(2));
   {
-    std::lock_guard<std::mutex> lock(host.mutex);
+    Bastion::Guard lock(host.mutex);
     EXPECT_EQ(host.fileEvents, QStringList({QString("%1 /x").arg(SessionHost::FileEvent::Booked),
                                             QString("%1 /x").arg(SessionHost::FileEvent::Refused)}));
   }

@@ -93,7 +93,8 @@ namespace Plexa
     return BundleBlockResult::Complete;
   }
 
-  bool processPlexa2(std::shared_ptr<BundleListScheduler> scheduler, ConnectionThread& connection, const QString& line)
+  bool processPlexa2(const std::shared_ptr<BundleListScheduler>& scheduler, ConnectionThread& connection,
+                     const QString& line)
   {
     ConnectionSource source(connection);
     std::vector<Bundle> bundles;

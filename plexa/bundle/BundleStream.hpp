@@ -66,5 +66,6 @@ namespace Plexa
   /// block; true when it was, also when the block was cut short (nothing is scheduled then, and the
   /// connection has stopped). A negative count leaves it as std::length_error, which the
   /// connection thread catches. Runs on the connection thread.
-  bool processPlexa2(std::shared_ptr<BundleListScheduler> scheduler, ConnectionThread& connection, const QString& line);
+  bool processPlexa2(const std::shared_ptr<BundleListScheduler>& scheduler, ConnectionThread& connection,
+                     const QString& line);
 }

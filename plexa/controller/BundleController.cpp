@@ -16,9 +16,9 @@ namespace Plexa
     struct ControllerList
     {
       Bastion::Mutex mutex;
-      std::vector<std::weak_ptr<BundleController>> controllers;
+      std::vector<std::weak_ptr<BundleController>> controllers BASTION_GUARDED_BY(mutex);
       /// A servicing is queued on the tree's after-update queue and has not run yet.
-      bool servicingQueued = false;
+      bool servicingQueued BASTION_GUARDED_BY(mutex) = false;
     };
 
     ControllerList& controllerList()

@@ -129,7 +129,7 @@ namespace Plexa
         // The tasks behind the failed one (received bundle lists among them) still run, at the
         // next call and ahead of anything queued since, or the two trees drift apart for good.
         Bastion::Guard guard(m_taskMutex);
-        m_tasks.insert(m_tasks.begin(), std::make_move_iterator(tasks.begin() + i + 1),
+        m_tasks.insert(m_tasks.begin(), std::make_move_iterator(tasks.begin() + std::ptrdiff_t(i + 1)),
                        std::make_move_iterator(tasks.end()));
         throw;
       }
@@ -213,10 +213,11 @@ namespace Plexa
 
   void Core::addSender(std::shared_ptr<BundleSender> sender)
   {
-    m_senders.push_back(sender);
-    if (!sender->moduleName().isEmpty())
-      sender->setMessageType(messageTypeFor(sender->moduleName()));
-    sender->initialize(*this);
+    BundleSender& added = *sender;
+    m_senders.push_back(std::move(sender));
+    if (!added.moduleName().isEmpty())
+      added.setMessageType(messageTypeFor(added.moduleName()));
+    added.initialize(*this);
   }
 
   std::vector<Bundle> Core::collect()

@@ -211,8 +211,7 @@ namespace Plexa
 
     // ---- Queue and flags; any thread ----
     Bastion::Mutex m_taskMutex;
-    /// Guarded by m_taskMutex.
-    std::vector<Task> m_tasks;
+    std::vector<Task> m_tasks BASTION_GUARDED_BY(m_taskMutex);
     std::atomic<bool> m_enabled{false};
     std::atomic<bool> m_nodeDestroyed{false};
     std::atomic<int> m_peerInitialized{0};

@@ -260,7 +260,8 @@ namespace Plexa
       return;
     }
     QList<QByteArray> names;
-    while (const dirent* entry = readdir(dir.get())) {
+    // Each scan reads its own directory stream, which is all readdir needs to be safe across threads.
+    while (const dirent* entry = readdir(dir.get())) { // NOLINT(concurrency-mt-unsafe)
       const QByteArray name(entry->d_name);
       if (name != "." && name != "..")
         names.append(name);
@@ -633,7 +634,7 @@ namespace Plexa
     }
   }
 
-  void AssetBase::addFileToRemoveQueue(const QString& path, std::shared_ptr<ConnectionThread> connection)
+  void AssetBase::addFileToRemoveQueue(const QString& path, const std::shared_ptr<ConnectionThread>& connection)
   {
     Bastion::Guard guard(d->removeQueueMutex);
     d->removeQueue[deepCopy(path)].append(connection);

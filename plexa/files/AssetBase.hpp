@@ -119,7 +119,7 @@ namespace Plexa
 
     /// Queues `path` for removal on behalf of `connection` (held weakly). Queued files are left out
     /// of the file list from the next rebuild on. The application drains the queue.
-    void addFileToRemoveQueue(const QString& path, std::shared_ptr<ConnectionThread> connection);
+    void addFileToRemoveQueue(const QString& path, const std::shared_ptr<ConnectionThread>& connection);
     /// A copy of the remove queue.
     RemoveQueue removeQueue() const;
     /// Takes `path` off the remove queue; false if it was not queued.

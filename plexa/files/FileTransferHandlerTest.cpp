@@ -5,12 +5,12 @@
 #include "plexa/net/NetFormat.hpp"
 
 #include "bastion/BGThread.hpp"
+#include "bastion/Guard.hpp"
 #include "bastion/LogCapture.hpp"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 #include <sys/syscall.h>
 #include <thread>
 
@@ -19,7 +19,7 @@ using namespace PlexaTest;
 
 namespace
 {
-  std::mutex g_syncMutex;
+  Bastion::Mutex g_syncMutex;
   /// "fdatasync <file>" and "fsync <file>" for every such call of the process, in order.
   QStringList g_syncs;
   /// Makes fdatasync fail with EIO, as a failing disk would.
@@ -28,13 +28,13 @@ namespace
   void recordSync(const char* call, int fd)
   {
     const QString file = QFile::symLinkTarget(QStringLiteral("/proc/self/fd/%1").arg(fd));
-    std::lock_guard<std::mutex> lock(g_syncMutex);
+    Bastion::Guard lock(g_syncMutex);
     g_syncs.append(QString::fromLatin1(call) + ' ' + file);
   }
 
   QStringList syncs()
   {
-    std::lock_guard<std::mutex> lock(g_syncMutex);
+    Bastion::Guard lock(g_syncMutex);
     return g_syncs;
   }
 }

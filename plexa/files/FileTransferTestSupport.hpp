@@ -11,6 +11,8 @@
 #include "plexa/net/ConnectionTestSupport.hpp"
 #include "plexa/net/ConnectionThread.hpp"
 
+#include "bastion/Guard.hpp"
+#include "bastion/Mutex.hpp"
 #include "bastion/TCPSocket.hpp"
 
 #include <QMap>
@@ -18,7 +20,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -50,18 +51,18 @@ namespace PlexaTest
     void transferFailed(const QString&) override {}
     void transferProgress(qint64 bytes, const QString& path) override
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_progress[path] += bytes;
       ++m_reports;
     }
     qint64 progressOf(const QString& path)
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_progress.value(path);
     }
     int reports()
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_reports;
     }
 
@@ -69,7 +70,7 @@ namespace PlexaTest
 
   private:
     const QString m_root;
-    std::mutex m_mutex;
+    Bastion::Mutex m_mutex;
     QMap<QString, qint64> m_progress;
     int m_reports = 0;
   };
@@ -136,7 +137,7 @@ namespace PlexaTest
     bool waitLines(int count, int timeoutMs = 10000) { return m_lines.wait(count, timeoutMs); }
     std::vector<Received> received()
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_received;
     }
     QStringList lines()
@@ -161,7 +162,7 @@ namespace PlexaTest
       if (command.kind == Plexa::FileTransferCommand::FilePart)
         r.bytes = readData(command.first.toInt());
       {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         m_received.push_back(r);
       }
       m_lines.raise();
@@ -169,7 +170,7 @@ namespace PlexaTest
     }
 
   private:
-    std::mutex m_mutex;
+    Bastion::Mutex m_mutex;
     std::vector<Received> m_received;
     Signal m_lines;
     std::atomic<bool> m_hold{false};

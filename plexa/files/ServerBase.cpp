@@ -6,6 +6,7 @@
 #include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "bastion/PlatformUtils.hpp"
+#include "bastion/StringUtils.hpp"
 #include "bastion/TCPSocket.hpp"
 #include "bastion/TimeStamp.hpp"
 #include "plexa/net/ConnectionThread.hpp"
@@ -13,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <exception>
 
 namespace Plexa
@@ -132,7 +132,7 @@ namespace Plexa
       task->runNow();
   }
 
-  void ServerBase::removeInstance(std::shared_ptr<ConnectionThread> connection)
+  void ServerBase::removeInstance(const std::shared_ptr<ConnectionThread>& connection)
   {
     if (!connection)
       return;
@@ -176,9 +176,10 @@ namespace Plexa
     connection->eventRemoveListener(listeners.disconnected);
   }
 
-  void ServerBase::removedInstance(std::shared_ptr<ConnectionThread>) {}
-  void ServerBase::connected(std::shared_ptr<ConnectionThread>) {}
-  void ServerBase::disconnected(std::shared_ptr<ConnectionThread>) {}
+  // The hooks take the pointer by value so that an override may keep it; these defaults do not.
+  void ServerBase::removedInstance(std::shared_ptr<ConnectionThread>) {} // NOLINT(performance-unnecessary-value-param)
+  void ServerBase::connected(std::shared_ptr<ConnectionThread>) {}       // NOLINT(performance-unnecessary-value-param)
+  void ServerBase::disconnected(std::shared_ptr<ConnectionThread>) {}    // NOLINT(performance-unnecessary-value-param)
 
   int ServerBase::bind()
   {
@@ -287,8 +288,8 @@ namespace Plexa
     // Out of descriptors, the connection stays pending and the next poll returns at once: without
     // a pause the loop would spin until a descriptor frees up. One line per run of failures.
     if (failures == 1)
-      Bastion::error("ServerBase # Cannot accept a connection (%s), retrying at most every %d ms", std::strerror(error),
-                     NetFormat::AcceptRetryMaxMs);
+      Bastion::error("ServerBase # Cannot accept a connection (%s), retrying at most every %d ms",
+                     Bastion::StringUtils::errorText(error).constData(), NetFormat::AcceptRetryMaxMs);
     int pauseMs = NetFormat::AcceptRetryMinMs;
     for (int i = 1; i < failures && pauseMs < NetFormat::AcceptRetryMaxMs; ++i)
       pauseMs *= 2;

@@ -67,7 +67,7 @@ namespace Plexa
     void closeConnections();
     /// Schedules the retirement of `connection` on the background thread (see class comment).
     /// Null and connections already being retired are ignored.
-    void removeInstance(std::shared_ptr<ConnectionThread> connection);
+    void removeInstance(const std::shared_ptr<ConnectionThread>& connection);
     /// True between `run` and `stop`.
     bool isServing() const { return m_running.load(); }
 

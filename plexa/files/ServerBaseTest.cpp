@@ -1,4 +1,6 @@
 #include "plexa/files/ServerBase.hpp"
+#include "bastion/Condition.hpp"
+#include "bastion/Guard.hpp"
 #include "bastion/LogCapture.hpp"
 #include "bastion/PlatformUtils.hpp"
 #include "plexa/net/ConnectionTestSupport.hpp"
@@ -15,8 +17,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 using namespace PlexaTest;
@@ -42,27 +42,27 @@ namespace
 
     bool waitFor(const std::function<bool()>& predicate, int timeoutMs = WaitMs)
     {
-      std::unique_lock<std::recursive_mutex> lock(m_mutex);
-      return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), predicate);
+      Bastion::Guard lock(m_mutex);
+      return m_changed.waitFor(m_mutex, timeoutMs, predicate);
     }
     std::vector<Removal> removals()
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_removals;
     }
     int connectedCount()
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_connected;
     }
     int disconnectedCount()
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_disconnected;
     }
     int created()
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_created;
     }
     /// Runs in the factory, on the server's thread, before the connection is handed back.
@@ -75,9 +75,9 @@ namespace
       connection->setHandshakeTimeout(2000);
       if (onCreate)
         onCreate();
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       ++m_created;
-      m_changed.notify_all();
+      m_changed.wakeAll();
       return connection;
     }
     void removedInstance(std::shared_ptr<Plexa::ConnectionThread> connection) override
@@ -87,26 +87,26 @@ namespace
       removal.threadEnded = !connection->isRunning();
       const auto listed = instances();
       removal.listed = std::find(listed.begin(), listed.end(), connection) != listed.end();
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_removals.push_back(removal);
-      m_changed.notify_all();
+      m_changed.wakeAll();
     }
     void connected(std::shared_ptr<Plexa::ConnectionThread>) override
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       ++m_connected;
-      m_changed.notify_all();
+      m_changed.wakeAll();
     }
     void disconnected(std::shared_ptr<Plexa::ConnectionThread>) override
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       ++m_disconnected;
-      m_changed.notify_all();
+      m_changed.wakeAll();
     }
 
   private:
-    std::recursive_mutex m_mutex;
-    std::condition_variable_any m_changed;
+    Bastion::Mutex m_mutex{true};
+    Bastion::Condition m_changed;
     std::vector<Removal> m_removals;
     int m_connected = 0;
     int m_disconnected = 0;

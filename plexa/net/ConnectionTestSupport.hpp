@@ -5,6 +5,9 @@
 // that every test above this folder accepts its connections on. Header-only, used by tests
 // only. Every wait has a deadline.
 
+#include "bastion/Condition.hpp"
+#include "bastion/Guard.hpp"
+#include "bastion/Mutex.hpp"
 #include "bastion/TCPServerSocket.hpp"
 #include "bastion/TCPSocket.hpp"
 #include "plexa/net/ConnectionThread.hpp"
@@ -18,10 +21,8 @@
 #include <QStringList>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <vector>
 
@@ -46,7 +47,7 @@ namespace PlexaTest
     /// is parse's. Without a handler, parse accepts everything except the line "unknown".
     void setHandler(Handler handler)
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_handler = std::move(handler);
     }
 
@@ -54,15 +55,15 @@ namespace PlexaTest
     /// after it has recorded its call.
     void setThrowingHook(const QByteArray& hook)
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_throwingHook = hook;
     }
 
     /// Waits until `predicate` holds (checked under the recorder's lock after every hook call).
     bool waitFor(const std::function<bool()>& predicate, int timeoutMs = WaitMs)
     {
-      std::unique_lock<std::recursive_mutex> lock(m_mutex);
-      return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), predicate);
+      Bastion::Guard lock(m_mutex);
+      return m_changed.waitFor(m_mutex, timeoutMs, predicate);
     }
     bool waitForLines(size_t count, int timeoutMs = WaitMs)
     {
@@ -79,52 +80,52 @@ namespace PlexaTest
 
     std::vector<QString> lines() const
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_lines;
     }
     std::vector<QByteArray> pongs() const
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_pongs;
     }
     std::vector<double> retries() const
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_retries;
     }
     int connectedCount() const
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_connectedCount;
     }
     int disconnectedCount() const
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_disconnectedCount;
     }
     int failedCount() const
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_failedCount;
     }
     /// Maps read by a handler through `recordMap`.
     std::vector<QMap<QString, QString>> maps() const
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return m_maps;
     }
     void recordMap(const QMap<QString, QString>& map)
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_maps.push_back(map);
-      m_changed.notify_all();
+      m_changed.wakeAll();
     }
 
     /// The mutex and condition that guard the records, for handlers with state of their own.
     void notify()
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
-      m_changed.notify_all();
+      Bastion::Guard lock(m_mutex);
+      m_changed.wakeAll();
     }
 
   protected:
@@ -132,13 +133,13 @@ namespace PlexaTest
     {
       Handler handler;
       {
-        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         handler = m_handler;
       }
       const bool result = handler ? handler(*this, line) : line != QLatin1String("unknown");
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_lines.push_back(line);
-      m_changed.notify_all();
+      m_changed.wakeAll();
       return result;
     }
     void connected() override
@@ -154,35 +155,35 @@ namespace PlexaTest
     void connectionFailed() override { bump(m_failedCount); }
     void retryProgress(double secondsLeft) override
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_retries.push_back(secondsLeft);
-      m_changed.notify_all();
+      m_changed.wakeAll();
     }
     void pong(const QByteArray& payload) override
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_pongs.push_back(payload);
-      m_changed.notify_all();
+      m_changed.wakeAll();
       throwIf("pong");
     }
 
   private:
     void throwIf(const char* hook)
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       if (m_throwingHook == hook)
         throw std::runtime_error(hook);
     }
     void bump(int& counter)
     {
-      std::lock_guard<std::recursive_mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       ++counter;
-      m_changed.notify_all();
+      m_changed.wakeAll();
     }
 
     // Recursive: predicates given to waitFor may use the accessors.
-    mutable std::recursive_mutex m_mutex;
-    std::condition_variable_any m_changed;
+    mutable Bastion::Mutex m_mutex{true};
+    Bastion::Condition m_changed;
     Handler m_handler;
     QByteArray m_throwingHook;
     std::vector<QString> m_lines;

@@ -178,7 +178,7 @@ namespace Plexa
     /// One connection: handshake, then the line loop until the connection ends.
     virtual void handleConnection();
     /// The handshake in the role given by `accepted`; runs with the write mutex held.
-    virtual bool handshake();
+    virtual bool handshake() BASTION_REQUIRES(m_writeMutex);
     /// A line that is no keep-alive line; false when it was not understood. An exception that
     /// escapes is logged and ends the connection.
     virtual bool parse(QString line) = 0;

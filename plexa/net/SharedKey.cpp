@@ -1,12 +1,12 @@
 #include "plexa/net/SharedKey.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/TimeStamp.hpp"
 #include "plexa/net/NetFormat.hpp"
 
 #include <QCryptographicHash>
 
 #include <cstdint>
-#include <mutex>
 #include <random>
 
 namespace Plexa
@@ -30,36 +30,38 @@ namespace Plexa
       return key;
     }
 
-    std::mutex& keyMutex()
+    /// The key set with `set`; empty while the built-in key is in use.
+    struct CustomKey
     {
-      static std::mutex mutex;
-      return mutex;
-    }
+      Bastion::Mutex mutex;
+      QByteArray key BASTION_GUARDED_BY(mutex);
+    };
 
-    // Guarded by keyMutex(); empty while the built-in key is in use.
-    QByteArray& customKey()
+    CustomKey& customKey()
     {
-      static QByteArray key;
-      return key;
+      static CustomKey custom;
+      return custom;
     }
   }
 
   QByteArray SharedKey::current()
   {
     {
-      std::lock_guard<std::mutex> lock(keyMutex());
-      if (!customKey().isEmpty())
-        return customKey();
+      CustomKey& custom = customKey();
+      Bastion::Guard lock(custom.mutex);
+      if (!custom.key.isEmpty())
+        return custom.key;
     }
     return builtInKey();
   }
 
   void SharedKey::set(const QByteArray& key)
   {
-    std::lock_guard<std::mutex> lock(keyMutex());
-    customKey() = key;
+    CustomKey& custom = customKey();
+    Bastion::Guard lock(custom.mutex);
+    custom.key = key;
     // Detach from the caller's buffer so a later change of theirs cannot reach ours.
-    customKey().detach();
+    custom.key.detach();
   }
 
   QByteArray SharedKey::answer(const QByteArray& challenge, const QByteArray& key)

@@ -1,5 +1,6 @@
 #include "plexa/net/WriterThread.hpp"
 #include "bastion/BinaryData.hpp"
+#include "bastion/Condition.hpp"
 #include "bastion/Guard.hpp"
 #include "bastion/LogCapture.hpp"
 #include "bastion/TestGate.hpp"
@@ -8,9 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <thread>
 
 using namespace PlexaTest;
@@ -22,8 +21,8 @@ namespace
   /// Records the "data-written" events of a writer.
   struct Progress
   {
-    std::mutex mutex;
-    std::condition_variable changed;
+    Bastion::Mutex mutex;
+    Bastion::Condition changed;
     std::vector<std::pair<QByteArray, int>> chunks;
 
     void attach(Plexa::WriterThread* writer)
@@ -32,19 +31,19 @@ namespace
         QByteArray name;
         int32_t bytes = 0;
         EXPECT_TRUE(data.readString(name) && data.readInt32(bytes));
-        std::lock_guard<std::mutex> lock(mutex);
+        Bastion::Guard lock(mutex);
         chunks.emplace_back(name, bytes);
-        changed.notify_all();
+        changed.wakeAll();
       });
     }
     bool waitFor(size_t count)
     {
-      std::unique_lock<std::mutex> lock(mutex);
-      return changed.wait_for(lock, std::chrono::milliseconds(WaitMs), [&] { return chunks.size() >= count; });
+      Bastion::Guard lock(mutex);
+      return changed.waitFor(mutex, WaitMs, [&] { return chunks.size() >= count; });
     }
     std::vector<std::pair<QByteArray, int>> snapshot()
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      Bastion::Guard lock(mutex);
       return chunks;
     }
   };
@@ -102,11 +101,11 @@ TEST(WriterThread, BufferAccountingAndRemovalAcrossRestart)
 TEST(WriterThread, NamedTasksReplaceEachOtherAndRunInNameOrder)
 {
   Connected c(false);
-  std::mutex mutex;
+  Bastion::Mutex mutex;
   std::vector<QString> ran;
   auto record = [&](const QString& what) {
     return [&, what] {
-      std::lock_guard<std::mutex> lock(mutex);
+      Bastion::Guard lock(mutex);
       ran.push_back(what);
     };
   };
@@ -120,7 +119,7 @@ TEST(WriterThread, NamedTasksReplaceEachOtherAndRunInNameOrder)
   // A task queued after the others runs after them; its side effect is visible to the peer.
   writer->update("z", [&] { c.connection->puts("tasks done"); });
   EXPECT_EQ(c.client().readLine(), "tasks done");
-  std::lock_guard<std::mutex> lock(mutex);
+  Bastion::Guard lock(mutex);
   EXPECT_EQ(ran, (std::vector<QString>{"a", "b2"}));
   EXPECT_TRUE(log.contains(Bastion::LogLevel::Error, "WriterThread::childLoop # Task 'c' failed: task failure"));
 }

@@ -1,5 +1,6 @@
 #include "plexa/receive/AttributeStorage.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "bastion/StringUtils.hpp"
 #include "carafe/Attribute.hpp"
@@ -7,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <mutex>
 #include <typeinfo>
 #include <vector>
 
@@ -27,34 +27,34 @@ namespace Plexa
 
   PlexaSessionAttribute* AttributeStorage::findByReadSymbol(uint32_t readSymbol) const
   {
-    std::shared_lock<std::shared_mutex> lock(m_lock);
+    Bastion::ReadGuard lock(m_lock);
     PlexaSessionAttribute* const* record = m_byReadSymbol.find(readSymbol);
     return record ? *record : nullptr;
   }
 
   PlexaSessionAttribute* AttributeStorage::findBySymbol(uint32_t symbol) const
   {
-    std::shared_lock<std::shared_mutex> lock(m_lock);
+    Bastion::ReadGuard lock(m_lock);
     PlexaSessionAttribute* const* record = m_bySymbol.find(symbol);
     return record ? *record : nullptr;
   }
 
   PlexaSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const
   {
-    std::shared_lock<std::shared_mutex> lock(m_lock);
+    Bastion::ReadGuard lock(m_lock);
     const auto it = m_byPath.find(path);
     return it == m_byPath.end() ? nullptr : it->second.get();
   }
 
   PlexaSessionAttribute* AttributeStorage::createForPath(const QByteArray& path)
   {
-    std::unique_lock<std::shared_mutex> lock(m_lock);
+    Bastion::WriteGuard lock(m_lock);
     return createLocked(path);
   }
 
   PlexaSessionAttribute* AttributeStorage::bindForPeer(uint32_t readSymbol, const QByteArray& path)
   {
-    std::unique_lock<std::shared_mutex> lock(m_lock);
+    Bastion::WriteGuard lock(m_lock);
     if (PlexaSessionAttribute* const* bound = m_byReadSymbol.find(readSymbol))
       return *bound;
     PlexaSessionAttribute* record = nullptr;
@@ -88,7 +88,7 @@ namespace Plexa
 
   void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, PlexaSessionAttribute* attribute)
   {
-    std::unique_lock<std::shared_mutex> lock(m_lock);
+    Bastion::WriteGuard lock(m_lock);
     const auto inserted = m_byReadSymbol.insert(readSymbol, attribute);
     if (!inserted.second && *inserted.first != attribute)
       Bastion::error("AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute");
@@ -96,25 +96,25 @@ namespace Plexa
 
   void AttributeStorage::setMaxRecords(int maxRecords)
   {
-    std::unique_lock<std::shared_mutex> lock(m_lock);
+    Bastion::WriteGuard lock(m_lock);
     m_maxRecords = maxRecords;
   }
 
   bool AttributeStorage::limitExceeded() const
   {
-    std::shared_lock<std::shared_mutex> lock(m_lock);
+    Bastion::ReadGuard lock(m_lock);
     return m_limitExceeded;
   }
 
   int AttributeStorage::recordCount() const
   {
-    std::shared_lock<std::shared_mutex> lock(m_lock);
+    Bastion::ReadGuard lock(m_lock);
     return int(m_byPath.size());
   }
 
   void AttributeStorage::debugDump() const
   {
-    std::shared_lock<std::shared_mutex> lock(m_lock);
+    Bastion::ReadGuard lock(m_lock);
     AttributeCache& cache = m_node.attributeCache();
     std::vector<std::pair<QByteArray, const PlexaSessionAttribute*>> sorted;
     sorted.reserve(m_byPath.size());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "bastion/SharedMutex.hpp"
 #include "plexa/receive/PlexaSessionAttribute.hpp"
 
 #include "bastion/FlatHash.hpp"
@@ -9,7 +10,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <shared_mutex>
 #include <unordered_map>
 
 namespace Plexa
@@ -64,23 +64,23 @@ namespace Plexa
     void debugDump() const;
 
   private:
-    PlexaSessionAttribute* createLocked(const QByteArray& path);
+    PlexaSessionAttribute* createLocked(const QByteArray& path) BASTION_REQUIRES(m_lock);
 
     RemoteNode& m_node;
-    mutable std::shared_mutex m_lock;
-    // Guarded by m_lock.
+    mutable Bastion::SharedMutex m_lock;
     // Flat tables: a session has a record for every attribute of the tree. The peer chooses the
     // read symbols.
-    Bastion::FlatHash<uint32_t, PlexaSessionAttribute*, true> m_byReadSymbol;
-    Bastion::FlatHash<uint32_t, PlexaSessionAttribute*> m_bySymbol;
+    Bastion::FlatHash<uint32_t, PlexaSessionAttribute*, true> m_byReadSymbol BASTION_GUARDED_BY(m_lock);
+    Bastion::FlatHash<uint32_t, PlexaSessionAttribute*> m_bySymbol BASTION_GUARDED_BY(m_lock);
     struct PathHash
     {
       size_t operator()(const QByteArray& path) const { return qHash(path); }
     };
     /// Owns the records. Unordered: the dump, the one reader that needs the byte-wise order,
     /// sorts the paths itself.
-    std::unordered_map<QByteArray, std::unique_ptr<PlexaSessionAttribute>, PathHash> m_byPath;
-    int m_maxRecords = 0;
-    bool m_limitExceeded = false;
+    std::unordered_map<QByteArray, std::unique_ptr<PlexaSessionAttribute>, PathHash>
+        m_byPath BASTION_GUARDED_BY(m_lock);
+    int m_maxRecords BASTION_GUARDED_BY(m_lock) = 0;
+    bool m_limitExceeded BASTION_GUARDED_BY(m_lock) = false;
   };
 }

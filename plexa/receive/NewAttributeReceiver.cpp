@@ -132,7 +132,8 @@ namespace Plexa
           }
           Carafe::Attribute* raw = created.get();
           if (node->addAttribute(name, raw)) {
-            created.release();
+            // The node owns it now.
+            static_cast<void>(created.release());
             ++m_created;
             m_node.countCreatedForPeer(raw);
             session->createdMark = m_node.markCreatedByPeer(raw);

@@ -1,5 +1,6 @@
 #include "plexa/receive/NodeChangeSender.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "plexa/bundle/BundleOutput.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
@@ -78,7 +79,7 @@ namespace Plexa
       // Whatever the filters below decide, the record must stop writing into the attribute that
       // is going away: a path the peer announced but this side does not publish would otherwise
       // keep a deserializer bound to a deleted attribute.
-      std::lock_guard<std::mutex> lock(m_changeMutex);
+      Bastion::Guard lock(m_changeMutex);
       if (PlexaSessionAttribute* session = m_storage.findBySymbol(e.symbol)) {
         session->deserializer = PlexaSessionAttribute::createDummyDeserializer(session->peerSize);
         session->dropSerializer();
@@ -95,7 +96,7 @@ namespace Plexa
       return;
     }
 
-    std::lock_guard<std::mutex> lock(m_changeMutex);
+    Bastion::Guard lock(m_changeMutex);
     PlexaSessionAttribute* session = m_storage.findBySymbol(e.symbol);
     if (!session && e.type == NodeWatcher::AttributeAdded) {
       const QByteArray path = pathOf(e.symbol);
@@ -113,7 +114,7 @@ namespace Plexa
 
   void NodeChangeSender::onEvent(const RemoteNode::Event& event)
   {
-    std::lock_guard<std::mutex> lock(m_eventMutex);
+    Bastion::Guard lock(m_eventMutex);
     m_events.push_back(event);
   }
 
@@ -136,7 +137,7 @@ namespace Plexa
 
   void NodeChangeSender::ignoreOne(const NodeWatcher::Event& event)
   {
-    std::lock_guard<std::mutex> lock(m_changeMutex);
+    Bastion::Guard lock(m_changeMutex);
     if (std::find(m_ignored.begin(), m_ignored.end(), event) != m_ignored.end())
       Bastion::warning("NodeChangeSender::ignoreOne # Called for an already ignored symbol");
     else
@@ -150,7 +151,7 @@ namespace Plexa
     // a request that concerns this event.
     if (m_ignoredCount.load(std::memory_order_acquire) == 0)
       return false;
-    std::lock_guard<std::mutex> lock(m_changeMutex);
+    Bastion::Guard lock(m_changeMutex);
     const auto it = std::find(m_ignored.begin(), m_ignored.end(), event);
     if (it == m_ignored.end())
       return false;
@@ -165,7 +166,7 @@ namespace Plexa
     std::vector<RemoteNode::Event> events;
     bool first = false;
     {
-      std::lock_guard<std::mutex> lock(m_eventMutex);
+      Bastion::Guard lock(m_eventMutex);
       events.swap(m_events);
       first = !m_initialized;
       m_initialized = true;
@@ -179,7 +180,7 @@ namespace Plexa
   {
     m_batch.clear();
     {
-      std::lock_guard<std::mutex> lock(m_changeMutex);
+      Bastion::Guard lock(m_changeMutex);
       m_batch.swap(m_queue);
     }
     m_compressor.compress(m_batch, m_changes);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "bastion/Mutex.hpp"
 #include "plexa/bundle/BundleWriter.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 #include "plexa/session/BundleSender.hpp"
@@ -8,7 +9,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <unordered_set>
 #include <vector>
 
@@ -109,20 +109,20 @@ namespace Plexa
     uint32_t m_eventType = 0;
 
     // ---- Guarded by m_changeMutex ----
-    std::mutex m_changeMutex;
-    std::vector<NodeWatcher::Event> m_queue;
+    Bastion::Mutex m_changeMutex;
+    std::vector<NodeWatcher::Event> m_queue BASTION_GUARDED_BY(m_changeMutex);
     /// Events the receivers are applying from the peer, not to be sent back.
     /// At most a handful at a time (each applied value brackets one), so a plain vector: no
     /// allocation per applied value.
-    std::vector<NodeWatcher::Event> m_ignored;
+    std::vector<NodeWatcher::Event> m_ignored BASTION_GUARDED_BY(m_changeMutex);
     /// Size of m_ignored, written under the mutex: every local change asks whether it is ignored,
     /// and while nothing is, the answer needs no lock.
     std::atomic<size_t> m_ignoredCount{0};
 
     // ---- Guarded by m_eventMutex ----
-    std::mutex m_eventMutex;
-    std::vector<RemoteNode::Event> m_events;
-    bool m_initialized = false;
+    Bastion::Mutex m_eventMutex;
+    std::vector<RemoteNode::Event> m_events BASTION_GUARDED_BY(m_eventMutex);
+    bool m_initialized BASTION_GUARDED_BY(m_eventMutex) = false;
 
     // ---- Send pass only ----
     AttributeChangeCompressor m_compressor;

@@ -18,12 +18,12 @@ namespace Plexa
   {
     /// Bytes collected in memory before they are written to the file: the recorder never holds
     /// more than this plus one record (a snapshot is one record as big as the tree's values).
-    int64_t bufferBytes = 1024 * 1024;
+    int64_t bufferBytes = int64_t{1024} * 1024;
     /// A full snapshot of the tree after this many seconds since the last one (0: never by time),
     /// so that a reader looking for time T starts near T instead of at the start of the file.
     double snapshotSeconds = 60.0;
     /// ...or after this many bytes since the last one (0: never by size).
-    int64_t snapshotBytes = 64 * 1024 * 1024;
+    int64_t snapshotBytes = int64_t{64} * 1024 * 1024;
     /// Where the tree comes from (the peer's address), kept in the header for people.
     QString source;
   };

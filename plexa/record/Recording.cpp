@@ -15,7 +15,7 @@ namespace Plexa
   namespace
   {
     /// Bytes read from the file at a time.
-    constexpr int64_t ChunkBytes = 1024 * 1024;
+    constexpr int64_t ChunkBytes = int64_t{1024} * 1024;
 
     uint32_t wordAt(const char* bytes)
     {

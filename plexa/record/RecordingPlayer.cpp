@@ -206,7 +206,8 @@ namespace Plexa
       if (!present) {
         auto fresh = std::make_unique<Carafe::Node>(nullptr, path.mid(path.lastIndexOf('/') + 1));
         if (node.addNode(path, fresh.get())) {
-          fresh.release();
+          // The tree owns it now.
+          static_cast<void>(fresh.release());
           ++created;
         }
         node.processPendingAdditions();
@@ -249,7 +250,8 @@ namespace Plexa
     reader.position = start + length;
     Carafe::Attribute* raw = made.get();
     if (node.addDeepAttribute(path, raw)) {
-      made.release();
+      // The tree owns it now.
+      static_cast<void>(made.release());
       ++created;
       known.attribute = raw;
       known.deserializer = std::move(deserializer);

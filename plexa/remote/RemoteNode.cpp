@@ -3,6 +3,7 @@
 #include "plexa/remote/AttributeWalk.hpp"
 #include "plexa/tracking/AliasChain.hpp"
 
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 
 #include <algorithm>
@@ -78,7 +79,7 @@ namespace Plexa
     m_watcher->update();
     std::vector<uint32_t> symbols;
     {
-      std::lock_guard<std::mutex> lock(m_updateMutex);
+      Bastion::Guard lock(m_updateMutex);
       symbols.swap(m_notifyList);
       m_notifySet.clear();
     }
@@ -112,7 +113,7 @@ namespace Plexa
     const Event event{m_registry.lookupOrDefine(name), data};
     std::map<long, EventListener> listeners;
     {
-      std::shared_lock<std::shared_mutex> lock(m_eventListenerLock);
+      Bastion::ReadGuard lock(m_eventListenerLock);
       listeners = m_eventListeners;
     }
     for (const auto& entry : listeners)
@@ -185,7 +186,7 @@ namespace Plexa
 
   long RemoteNode::addEventListener(const EventListener& listener)
   {
-    std::unique_lock<std::shared_mutex> lock(m_eventListenerLock);
+    Bastion::WriteGuard lock(m_eventListenerLock);
     const long id = m_nextEventListenerId++;
     m_eventListeners.emplace(id, listener);
     return id;
@@ -193,7 +194,7 @@ namespace Plexa
 
   void RemoteNode::removeEventLIstener(long id)
   {
-    std::unique_lock<std::shared_mutex> lock(m_eventListenerLock);
+    Bastion::WriteGuard lock(m_eventListenerLock);
     m_eventListeners.erase(id);
   }
 
@@ -253,7 +254,7 @@ namespace Plexa
           m_countedForPeer.erase(attribute);
         }
       }
-      std::lock_guard<std::mutex> lock(m_updateMutex);
+      Bastion::Guard lock(m_updateMutex);
       if (m_notifySet.erase(event.symbol) != 0)
         m_notifyList.erase(std::find(m_notifyList.begin(), m_notifyList.end(), event.symbol));
       break;
@@ -269,7 +270,7 @@ namespace Plexa
     // ordinary value changes cheap. Both tables belong to the application thread.
     if (m_attributeListeners.count(symbol) == 0)
       return;
-    std::lock_guard<std::mutex> lock(m_updateMutex);
+    Bastion::Guard lock(m_updateMutex);
     if (m_notifySet.insert(symbol).second)
       m_notifyList.push_back(symbol);
   }

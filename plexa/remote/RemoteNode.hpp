@@ -7,6 +7,8 @@
 
 #include "bastion/BinaryData.hpp"
 #include "bastion/FlatHash.hpp"
+#include "bastion/Mutex.hpp"
+#include "bastion/SharedMutex.hpp"
 #include "bastion/SymbolRegistry.hpp"
 #include "carafe/Node.hpp"
 
@@ -16,8 +18,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -202,15 +202,14 @@ namespace Plexa
     Bastion::FlatHash<Carafe::Attribute*, bool> m_countedForPeer;
     unsigned long m_nextAttributeListenerKey = 0;
 
-    std::shared_mutex m_eventListenerLock;
-    // Guarded by m_eventListenerLock.
-    std::map<long, EventListener> m_eventListeners;
-    long m_nextEventListenerId = 0;
+    Bastion::SharedMutex m_eventListenerLock;
+    std::map<long, EventListener> m_eventListeners BASTION_GUARDED_BY(m_eventListenerLock);
+    long m_nextEventListenerId BASTION_GUARDED_BY(m_eventListenerLock) = 0;
 
-    std::mutex m_updateMutex;
-    // Guarded by m_updateMutex: symbols whose path listeners run at the next update, in order of
+    Bastion::Mutex m_updateMutex;
+    // Symbols whose path listeners run at the next update, in order of
     // their first change, and the same symbols as a set.
-    std::vector<uint32_t> m_notifyList;
-    std::unordered_set<uint32_t> m_notifySet;
+    std::vector<uint32_t> m_notifyList BASTION_GUARDED_BY(m_updateMutex);
+    std::unordered_set<uint32_t> m_notifySet BASTION_GUARDED_BY(m_updateMutex);
   };
 }

@@ -1,6 +1,7 @@
 #include "plexa/remote/SliceAssembler.hpp"
 
 #include "bastion/BinaryData.hpp"
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 
 #include <algorithm>
@@ -9,25 +10,25 @@ namespace Plexa
 {
   void SliceAssembler::setMaxBytes(int64_t bytes)
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Bastion::Guard lock(m_mutex);
     m_maxBytes = std::max<int64_t>(1, bytes);
   }
 
   int64_t SliceAssembler::maxBytes() const
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Bastion::Guard lock(m_mutex);
     return m_maxBytes;
   }
 
   int64_t SliceAssembler::heldBytes() const
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Bastion::Guard lock(m_mutex);
     return m_heldBytes;
   }
 
   int SliceAssembler::pendingCount() const
   {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Bastion::Guard lock(m_mutex);
     return int(m_events.size());
   }
 
@@ -78,7 +79,7 @@ namespace Plexa
       return;
     }
 
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Bastion::Guard lock(m_mutex);
     const Key key(senderId, sliceId);
     if (m_events.count(key) != 0)
       return;
@@ -106,7 +107,7 @@ namespace Plexa
     if (!data.readInt32(sliceId) || !data.readInt32(index))
       return false;
 
-    std::lock_guard<std::mutex> lock(m_mutex);
+    Bastion::Guard lock(m_mutex);
     const Key key(senderId, sliceId);
     auto it = m_events.find(key);
     if (it == m_events.end()) {

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "bastion/Mutex.hpp"
+
 #include <QByteArray>
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -73,17 +74,16 @@ namespace Plexa
   private:
     using Key = std::pair<long, int>;
 
-    void erase(std::map<Key, SlicedEvent>::iterator it);
+    void erase(std::map<Key, SlicedEvent>::iterator it) BASTION_REQUIRES(m_mutex);
     /// Drops the oldest unfinished events other than `keep` until `extra` more bytes fit.
     /// False when they cannot fit even with every other event dropped.
-    bool makeRoom(int64_t extra, const Key& keep);
+    bool makeRoom(int64_t extra, const Key& keep) BASTION_REQUIRES(m_mutex);
 
-    mutable std::mutex m_mutex;
-    // Guarded by m_mutex.
-    std::map<Key, SlicedEvent> m_events;
-    std::map<uint64_t, Key> m_byAge;
-    uint64_t m_nextAge = 0;
-    int64_t m_heldBytes = 0;
-    int64_t m_maxBytes = DefaultMaxBytes;
+    mutable Bastion::Mutex m_mutex;
+    std::map<Key, SlicedEvent> m_events BASTION_GUARDED_BY(m_mutex);
+    std::map<uint64_t, Key> m_byAge BASTION_GUARDED_BY(m_mutex);
+    uint64_t m_nextAge BASTION_GUARDED_BY(m_mutex) = 0;
+    int64_t m_heldBytes BASTION_GUARDED_BY(m_mutex) = 0;
+    int64_t m_maxBytes BASTION_GUARDED_BY(m_mutex) = DefaultMaxBytes;
   };
 }

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "bastion/SharedMutex.hpp"
+
 #include <cstdint>
-#include <mutex>
-#include <shared_mutex>
 #include <unordered_map>
 
 namespace Plexa
@@ -25,8 +25,7 @@ namespace Plexa
     void clear();
 
   private:
-    mutable std::shared_mutex m_lock;
-    // Guarded by m_lock.
-    std::unordered_map<uint32_t, Flag> m_flags;
+    mutable Bastion::SharedMutex m_lock;
+    std::unordered_map<uint32_t, Flag> m_flags BASTION_GUARDED_BY(m_lock);
   };
 }

@@ -1,10 +1,9 @@
 #pragma once
 
 #include "bastion/FlatHash.hpp"
+#include "bastion/SharedMutex.hpp"
 
 #include <cstdint>
-#include <mutex>
-#include <shared_mutex>
 
 namespace Carafe
 {
@@ -34,9 +33,9 @@ namespace Plexa
     void setIsNode(uint32_t symbol, bool isNode);
 
   private:
-    mutable std::shared_mutex m_lock;
-    // Guarded by m_lock. Flat tables: every attribute of the tree has an entry.
-    Bastion::FlatHash<uint32_t, bool> m_nodeSymbols;
-    Bastion::FlatHash<uint32_t, Carafe::Attribute*> m_bySymbol;
+    mutable Bastion::SharedMutex m_lock;
+    // Flat tables: every attribute of the tree has an entry.
+    Bastion::FlatHash<uint32_t, bool> m_nodeSymbols BASTION_GUARDED_BY(m_lock);
+    Bastion::FlatHash<uint32_t, Carafe::Attribute*> m_bySymbol BASTION_GUARDED_BY(m_lock);
   };
 }

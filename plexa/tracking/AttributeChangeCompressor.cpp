@@ -18,7 +18,7 @@ namespace Plexa
 
     size_t cellFor(uint32_t symbol, size_t mask)
     {
-      return (symbol * 0x9E3779B1u) & mask;
+      return size_t(symbol * 0x9E3779B1u) & mask;
     }
   }
 

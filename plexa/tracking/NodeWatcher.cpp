@@ -4,6 +4,7 @@
 #include "plexa/tracking/AttributeCache.hpp"
 
 #include "bastion/BinaryData.hpp"
+#include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "bastion/SymbolRegistry.hpp"
 #include "carafe/AttributeAlias.hpp"
@@ -15,9 +16,7 @@
 #include <algorithm>
 #include <atomic>
 #include <deque>
-#include <mutex>
 #include <set>
-#include <shared_mutex>
 #include <unordered_map>
 
 namespace Plexa
@@ -124,14 +123,15 @@ namespace Plexa
 
     void startWatching(Carafe::Node& root, bool send);
     void update();
-    long addListener(const Listener& listener);
-    void removeListener(long id);
-    void ignoreOne(const Event& event);
-    void stopIgnoring(const Event& event);
-    bool isPendingUpdate(uint32_t symbol) const;
+    long addListener(const Listener& listener) BASTION_EXCLUDES(m_listenerLock);
+    void removeListener(long id) BASTION_EXCLUDES(m_listenerLock);
+    void ignoreOne(const Event& event) BASTION_EXCLUDES(m_ignoreMutex);
+    void stopIgnoring(const Event& event) BASTION_EXCLUDES(m_ignoreMutex);
+    bool isPendingUpdate(uint32_t symbol) const BASTION_EXCLUDES(m_queueMutex);
 
   private:
-    void event(EventType type, uint32_t symbol);
+    /// Calls the listeners without any lock of the watcher held.
+    void event(EventType type, uint32_t symbol) BASTION_EXCLUDES(m_ignoreMutex, m_listenerLock);
 
     /// A child met by a walk, described once the walk comes to it.
     struct ChildToAdd
@@ -154,7 +154,7 @@ namespace Plexa
     void onChildRemoved(const QByteArray& nodePath, Bastion::BinaryData& data);
     void processPendingAdded(PendingAdded& record);
     void processPendingAddedChanged(uint32_t symbol);
-    std::shared_ptr<PendingAdded> takePending(uint32_t symbol);
+    std::shared_ptr<PendingAdded> takePending(uint32_t symbol) BASTION_EXCLUDES(m_queueMutex);
 
     void listen(Carafe::Attribute* object, uint32_t symbol, std::function<void()> callback, int role);
     void listenEvent(Carafe::Node* node, uint32_t symbol, const char* name,
@@ -219,26 +219,24 @@ namespace Plexa
     using InstalledList = QVarLengthArray<Installed, 3>;
     std::unordered_map<ObjectPath, InstalledList, ObjectPathHash> m_installed;
 
-    mutable std::mutex m_aliasMutex;
-    // Guarded by m_aliasMutex.
-    std::unordered_map<Carafe::AttributeAlias*, Carafe::Attribute*> m_aliases;
+    mutable Bastion::Mutex m_aliasMutex;
+    std::unordered_map<Carafe::AttributeAlias*, Carafe::Attribute*> m_aliases BASTION_GUARDED_BY(m_aliasMutex);
 
-    mutable std::mutex m_queueMutex;
-    // Guarded by m_queueMutex.
-    std::deque<std::shared_ptr<PendingAdded>> m_pending;
+    mutable Bastion::Mutex m_queueMutex;
+    std::deque<std::shared_ptr<PendingAdded>> m_pending BASTION_GUARDED_BY(m_queueMutex);
 
-    std::mutex m_ignoreMutex;
-    // Guarded by m_ignoreMutex.
-    std::set<Event> m_ignored;
+    Bastion::Mutex m_ignoreMutex;
+    std::set<Event> m_ignored BASTION_GUARDED_BY(m_ignoreMutex);
     // Size of m_ignored, so that dispatch skips the mutex while nothing is ignored.
     std::atomic<int> m_ignoredCount{0};
 
     const uint64_t m_id = nextWatcherId.fetch_add(1);
-    std::shared_mutex m_listenerLock;
-    // Guarded by m_listenerLock. Replaced, never edited: a dispatch takes the current table as
+    Bastion::SharedMutex m_listenerLock;
+    // Replaced, never edited: a dispatch takes the current table as
     // its snapshot and calls it after releasing the lock.
-    std::shared_ptr<const ListenerTable> m_listeners = std::make_shared<ListenerTable>();
-    long m_nextListenerId = 0;
+    std::shared_ptr<const ListenerTable>
+        m_listeners BASTION_GUARDED_BY(m_listenerLock) = std::make_shared<ListenerTable>();
+    long m_nextListenerId BASTION_GUARDED_BY(m_listenerLock) = 0;
     // Bumped (under the write lock) whenever m_listeners is replaced; read without the lock to
     // tell whether a thread's cached snapshot is still current.
     std::atomic<uint64_t> m_listenerVersion{0};
@@ -252,7 +250,7 @@ namespace Plexa
   void NodeWatcher::D::event(EventType type, uint32_t symbol)
   {
     if (m_ignoredCount.load(std::memory_order_acquire) != 0) {
-      std::lock_guard<std::mutex> lock(m_ignoreMutex);
+      Bastion::Guard lock(m_ignoreMutex);
       if (m_ignored.erase(Event{type, symbol}) != 0) {
         m_ignoredCount.store(int(m_ignored.size()), std::memory_order_release);
         return;
@@ -263,7 +261,7 @@ namespace Plexa
       std::shared_ptr<const ListenerTable> table;
       uint64_t version;
       {
-        std::shared_lock<std::shared_mutex> lock(m_listenerLock);
+        Bastion::ReadGuard lock(m_listenerLock);
         table = m_listeners;
         version = m_listenerVersion.load(std::memory_order_relaxed);
       }
@@ -294,7 +292,7 @@ namespace Plexa
 
   long NodeWatcher::D::addListener(const Listener& listener)
   {
-    std::unique_lock<std::shared_mutex> lock(m_listenerLock);
+    Bastion::WriteGuard lock(m_listenerLock);
     auto table = std::make_shared<ListenerTable>(*m_listeners);
     const long id = m_nextListenerId++;
     table->emplace_back(id, listener);
@@ -305,7 +303,7 @@ namespace Plexa
 
   void NodeWatcher::D::removeListener(long id)
   {
-    std::unique_lock<std::shared_mutex> lock(m_listenerLock);
+    Bastion::WriteGuard lock(m_listenerLock);
     auto it = std::find_if(m_listeners->begin(), m_listeners->end(), [id](const auto& e) { return e.first == id; });
     if (it == m_listeners->end())
       return;
@@ -319,7 +317,7 @@ namespace Plexa
   {
     bool inserted;
     {
-      std::lock_guard<std::mutex> lock(m_ignoreMutex);
+      Bastion::Guard lock(m_ignoreMutex);
       inserted = m_ignored.insert(event).second;
       m_ignoredCount.store(int(m_ignored.size()), std::memory_order_release);
     }
@@ -329,7 +327,7 @@ namespace Plexa
 
   void NodeWatcher::D::stopIgnoring(const Event& event)
   {
-    std::lock_guard<std::mutex> lock(m_ignoreMutex);
+    Bastion::Guard lock(m_ignoreMutex);
     m_ignored.erase(event);
     m_ignoredCount.store(int(m_ignored.size()), std::memory_order_release);
   }
@@ -376,7 +374,8 @@ namespace Plexa
     auto it = m_installed.find({object, symbol});
     if (it == m_installed.end())
       return;
-    const InstalledList installed = std::move(it->second);
+    // A copy (Qt 5's QVarLengthArray cannot be moved from), of three inline entries at most.
+    const InstalledList installed = it->second;
     m_installed.erase(it);
     for (const Installed& entry : installed) {
       if (entry.nodeEvent)
@@ -468,7 +467,7 @@ namespace Plexa
   {
     Carafe::Attribute* target = finalTarget(alias);
     {
-      std::lock_guard<std::mutex> lock(m_aliasMutex);
+      Bastion::Guard lock(m_aliasMutex);
       m_aliases[alias] = target;
     }
     listen(
@@ -492,7 +491,7 @@ namespace Plexa
 
     bool send = true;
     {
-      std::lock_guard<std::mutex> lock(m_ignoreMutex);
+      Bastion::Guard lock(m_ignoreMutex);
       if (m_ignored.erase(Event{AttributeAdded, symbol}) != 0 || m_ignored.erase(Event{NodeAdded, symbol}) != 0)
         send = false;
       m_ignoredCount.store(int(m_ignored.size()), std::memory_order_release);
@@ -503,7 +502,7 @@ namespace Plexa
     const long listenerId =
         child->addListener([this, symbol] { processPendingAddedChanged(symbol); }, Carafe::Attribute::RoleChanged);
     auto record = std::make_shared<PendingAdded>(symbol, child, send, listenerId);
-    std::lock_guard<std::mutex> lock(m_queueMutex);
+    Bastion::Guard lock(m_queueMutex);
     m_pending.push_back(std::move(record));
   }
 
@@ -512,7 +511,7 @@ namespace Plexa
     while (true) {
       std::shared_ptr<PendingAdded> record;
       {
-        std::lock_guard<std::mutex> lock(m_queueMutex);
+        Bastion::Guard lock(m_queueMutex);
         if (m_pending.empty())
           return;
         record = std::move(m_pending.front());
@@ -544,7 +543,7 @@ namespace Plexa
 
   std::shared_ptr<PendingAdded> NodeWatcher::D::takePending(uint32_t symbol)
   {
-    std::lock_guard<std::mutex> lock(m_queueMutex);
+    Bastion::Guard lock(m_queueMutex);
     for (auto it = m_pending.begin(); it != m_pending.end(); ++it) {
       if ((*it)->symbol == symbol) {
         std::shared_ptr<PendingAdded> record = std::move(*it);
@@ -572,7 +571,7 @@ namespace Plexa
 
   bool NodeWatcher::D::isPendingUpdate(uint32_t symbol) const
   {
-    std::lock_guard<std::mutex> lock(m_queueMutex);
+    Bastion::Guard lock(m_queueMutex);
     for (const auto& record : m_pending) {
       if (record->symbol == symbol)
         return true;
@@ -596,7 +595,7 @@ namespace Plexa
     bool send = true;
     if (auto* alias = dynamic_cast<Carafe::AttributeAlias*>(attribute)) {
       // An alias that pointed to nothing was never reported as added.
-      std::lock_guard<std::mutex> lock(m_aliasMutex);
+      Bastion::Guard lock(m_aliasMutex);
       auto it = m_aliases.find(alias);
       if (it != m_aliases.end() && it->second == nullptr)
         send = false;
@@ -671,7 +670,7 @@ namespace Plexa
       unlisten(target, symbol);
     m_cache.remove(symbol);
     if (auto* alias = dynamic_cast<Carafe::AttributeAlias*>(attribute)) {
-      std::lock_guard<std::mutex> lock(m_aliasMutex);
+      Bastion::Guard lock(m_aliasMutex);
       m_aliases.erase(alias);
     }
   }
@@ -687,7 +686,7 @@ namespace Plexa
     Carafe::Attribute* newTarget = finalTarget(alias);
     Carafe::Attribute* oldTarget = nullptr;
     {
-      std::lock_guard<std::mutex> lock(m_aliasMutex);
+      Bastion::Guard lock(m_aliasMutex);
       Carafe::Attribute*& entry = m_aliases[alias];
       oldTarget = entry;
       entry = newTarget;

@@ -5,6 +5,7 @@
 #include <QStringList>
 
 #include <algorithm>
+#include <cstddef>
 
 namespace Plexa
 {
@@ -14,9 +15,9 @@ namespace Plexa
     {
       if (values.empty())
         return 0;
-      const size_t middle = values.size() / 2;
+      const auto middle = std::ptrdiff_t(values.size() / 2);
       std::nth_element(values.begin(), values.begin() + middle, values.end());
-      const double upper = values[middle];
+      const double upper = values[size_t(middle)];
       if (values.size() % 2 == 1)
         return upper;
       const double lower = *std::max_element(values.begin(), values.begin() + middle);

@@ -60,7 +60,7 @@ namespace Plexa
         m_lastDrawn = now;
         const QString line = barLine(path, done, total, now - f.start, m_columns);
         // Pad over whatever longer line was drawn before.
-        const QString text = "\r" + line.leftJustified(m_drawnWidth);
+        QString text = "\r" + line.leftJustified(m_drawnWidth);
         m_drawnWidth = line.size();
         return text;
       }
@@ -81,7 +81,7 @@ namespace Plexa
           QString("%1: %2 in %3%4 - %5").arg(path, formatBytes(f.done), formatDuration(elapsed), rate, outcome);
       if (!m_terminal)
         return line + "\n";
-      const QString text = clear() + line + "\n";
+      QString text = clear() + line + "\n";
       // Another file's line is drawn again at its next report.
       m_lastDrawn = -1;
       return text;
@@ -91,7 +91,7 @@ namespace Plexa
     {
       if (!m_terminal || m_drawnWidth == 0)
         return QString();
-      const QString text = "\r" + QString(m_drawnWidth, ' ') + "\r";
+      QString text = "\r" + QString(m_drawnWidth, ' ') + "\r";
       m_drawnWidth = 0;
       return text;
     }

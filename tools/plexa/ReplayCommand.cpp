@@ -26,7 +26,7 @@ namespace Plexa
     {
       constexpr int PollMs = 100;
       /// Events bigger than this go to the peer in slices of this size, as a sender would slice them.
-      constexpr unsigned long EventSliceBytes = 64 * 1024;
+      constexpr unsigned long EventSliceBytes = 64UL * 1024;
 
       bool parseSeconds(const QString& text, int64_t& ns)
       {
@@ -75,7 +75,7 @@ namespace Plexa
       const QStringList positional = parser.positionalArguments();
       if (positional.size() != 1)
         return fail(ExitUsage, "takes FILE (see plexa replay --help)");
-      const QString fileName = positional.at(0);
+      const QString& fileName = positional.at(0);
       AddressArgument address;
       QString error;
       if (!AddressArgument::parse(parser.value("listen"), true, address, &error))

@@ -108,7 +108,7 @@ namespace Plexa
         console.status(QString("%1; trying again in %2 s").arg(error).arg(ListenRetrySeconds));
         QElapsedTimer wait;
         wait.start();
-        while (wait.elapsed() < ListenRetrySeconds * 1000) {
+        while (wait.elapsed() < qint64(ListenRetrySeconds) * 1000) {
           if (Interrupt::requested())
             return ExitOk;
           peer.waitAndUpdate(PollMs);

@@ -90,7 +90,8 @@ namespace Plexa
             error = QString("%1: the node refused this name").arg(path);
             return false;
           }
-          attribute.release();
+          // The node owns it now.
+          static_cast<void>(attribute.release());
         }
         return true;
       }
@@ -119,7 +120,7 @@ namespace Plexa
         const QString type = AttributeJson::typeName(*target);
         if (type.isEmpty())
           return QJsonObject{{TreeJson::TypeKey, "unsupported"}, {"text", target->asText()}};
-        const QJsonValue value = AttributeJson::value(*target);
+        QJsonValue value = AttributeJson::value(*target);
         if (AttributeJson::canOmitType(type, value))
           return value;
         return QJsonObject{{TreeJson::TypeKey, type}, {ValueKey, value}};
