@@ -1,12 +1,14 @@
 #include "InspectorBrowser.hpp"
 
+#include "bastion/Guard.hpp"
+
 #include <QElapsedTimer>
 
 namespace Plexa
 {
   namespace Cli
   {
-    InspectorBrowser::InspectorBrowser(uint64_t id, std::mutex& mutex, const Writer& writer)
+    InspectorBrowser::InspectorBrowser(uint64_t id, Bastion::Mutex& mutex, const Writer& writer)
         : id(id)
         , m_mutex(mutex)
         , m_writer(writer)
@@ -26,10 +28,10 @@ namespace Plexa
     void InspectorBrowser::stop()
     {
       {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         m_stopping = true;
       }
-      wake.notify_all();
+      wake.wakeAll();
       if (m_thread.joinable())
         m_thread.join();
     }
@@ -55,18 +57,17 @@ namespace Plexa
 
     void InspectorBrowser::run()
     {
-      std::unique_lock<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       for (;;) {
-        wake.wait(lock, [this] {
-          return m_stopping || !replies.empty() ||
-                 (!waitingForAck && (snapshot || !changes.empty() || !events.empty() || !status.isEmpty()));
-        });
+        while (!(m_stopping || !replies.empty() ||
+                 (!waitingForAck && (snapshot || !changes.empty() || !events.empty() || !status.isEmpty()))))
+          wake.wait(m_mutex);
         if (m_stopping)
           return;
         const Message message = takeMessage();
         lock.unlock();
         const bool written = m_writer(message.text());
-        lock.lock();
+        lock.relock();
         if (!written)
           return;
       }

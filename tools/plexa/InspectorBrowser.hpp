@@ -1,15 +1,16 @@
 #pragma once
 
+#include "bastion/Condition.hpp"
+#include "bastion/Mutex.hpp"
+#include "bastion/ThreadSafety.hpp"
 #include <QByteArray>
 #include <QRegularExpression>
 #include <QString>
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <unordered_map>
 
@@ -33,7 +34,7 @@ namespace Plexa
       /// thread only.
       using Writer = std::function<bool(const QByteArray& message)>;
 
-      InspectorBrowser(uint64_t id, std::mutex& mutex, const Writer& writer);
+      InspectorBrowser(uint64_t id, Bastion::Mutex& mutex, const Writer& writer);
       /// Stops the sender thread (see `stop`).
       ~InspectorBrowser();
       InspectorBrowser(const InspectorBrowser&) = delete;
@@ -65,7 +66,7 @@ namespace Plexa
       /// Set when a batch went out that the page has not acknowledged yet.
       bool waitingForAck = false;
       /// Wakes the sender thread; notify after changing anything above.
-      std::condition_variable wake;
+      Bastion::Condition wake;
 
       /// True when `path` passes the page's search pattern. Each path is matched once per pattern:
       /// a pattern that is slow to match costs once per path, not once per change.
@@ -93,7 +94,7 @@ namespace Plexa
       bool m_filtered = false;
       /// Path -> whether it passes `m_filter`; at most one entry per path of the tree.
       std::unordered_map<QString, bool> m_shown;
-      std::mutex& m_mutex;
+      Bastion::Mutex& m_mutex;
       Writer m_writer;
       bool m_stopping = false;
       std::thread m_thread;

@@ -1,5 +1,6 @@
 #include "InspectorHub.hpp"
 
+#include "bastion/Guard.hpp"
 #include "plexa/remote/RemoteNode.hpp"
 
 #include <QDateTime>
@@ -45,7 +46,7 @@ namespace Plexa
     {
       std::vector<std::shared_ptr<InspectorBrowser>> browsers;
       {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         browsers.swap(m_browsers);
       }
       for (const auto& browser : browsers)
@@ -54,7 +55,7 @@ namespace Plexa
 
     void InspectorHub::setEditCallback(const std::function<void()>& callback)
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_editCallback = callback;
     }
 
@@ -69,7 +70,7 @@ namespace Plexa
       items.reserve(attributes.size());
       for (const Attribute& a : attributes)
         items.push_back(compact(QJsonArray{a.path, a.type, a.value}));
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       for (size_t i = 0; i < attributes.size(); ++i) {
         const QString& path = attributes[i].path;
         m_tree[path] = items[i];
@@ -83,7 +84,7 @@ namespace Plexa
 
     void InspectorHub::remove(const QString& path)
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       // The attribute itself, then everything below it when it was a node.
       std::vector<QString> gone;
       const auto exact = m_tree.find(path);
@@ -116,7 +117,7 @@ namespace Plexa
       else
         event.insert("itemsOmitted", itemText.size());
       const QByteArray text = compact(event);
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_events.push_back(text);
       if (int(m_events.size()) > MaxLoggedEvents)
         m_events.pop_front();
@@ -135,7 +136,7 @@ namespace Plexa
       QJsonObject full = status;
       full.insert("readOnly", m_readOnly);
       const QByteArray text = compact(full);
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       m_status = text;
       for (const auto& browser : m_browsers)
         browser->status = text;
@@ -144,7 +145,7 @@ namespace Plexa
 
     std::vector<InspectorHub::Edit> InspectorHub::takeEdits()
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       std::vector<Edit> edits;
       edits.swap(m_edits);
       return edits;
@@ -152,7 +153,7 @@ namespace Plexa
 
     void InspectorHub::answer(const Edit& edit, const QString& error)
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       for (const auto& browser : m_browsers) {
         if (browser->id == edit.browser)
           queueReply(*browser, {{"op", "result"},
@@ -166,7 +167,7 @@ namespace Plexa
     {
       std::shared_ptr<InspectorBrowser> browser;
       {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         if (int(m_browsers.size()) >= MaxBrowsers)
           return nullptr;
         browser = std::make_shared<InspectorBrowser>(m_nextBrowserId++, m_mutex, writer);
@@ -181,7 +182,7 @@ namespace Plexa
     void InspectorHub::removeBrowser(const std::shared_ptr<InspectorBrowser>& browser)
     {
       {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         for (auto it = m_browsers.begin(); it != m_browsers.end(); ++it) {
           if (*it == browser) {
             m_browsers.erase(it);
@@ -194,7 +195,7 @@ namespace Plexa
 
     bool InspectorHub::receive(InspectorBrowser& browser, const QByteArray& message)
     {
-      std::unique_lock<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       const auto refuse = [&](const QString& text) { queueReply(browser, {{"op", "error"}, {"message", text}}); };
       if (message.size() > MaxBrowserMessageBytes) {
         refuse(QString("message of %1 bytes refused (at most %2)").arg(message.size()).arg(MaxBrowserMessageBytes));
@@ -210,7 +211,7 @@ namespace Plexa
                    : QString("expected a JSON object"));
       } else if (op == "ack") {
         browser.waitingForAck = false;
-        browser.wake.notify_one();
+        browser.wake.wakeOne();
       } else if (op == "filter") {
         const QString pattern = request.value("pattern").toString().trimmed();
         if (pattern.size() > MaxSearchPatternChars || pattern.count('*') > MaxSearchPatternStars) {
@@ -239,6 +240,7 @@ namespace Plexa
           lock.unlock();
           if (callback)
             callback();
+          lock.relock();
         }
       } else {
         refuse(QString("unknown request '%1'").arg(op));
@@ -248,13 +250,13 @@ namespace Plexa
 
     int InspectorHub::attributeCount() const
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return int(m_tree.size());
     }
 
     int InspectorHub::loggedEventCount() const
     {
-      std::lock_guard<std::mutex> lock(m_mutex);
+      Bastion::Guard lock(m_mutex);
       return int(m_events.size());
     }
 
@@ -264,7 +266,7 @@ namespace Plexa
       if (int(browser.replies.size()) >= MaxPendingEdits)
         browser.replies.pop_front();
       browser.replies.push_back(compact(reply));
-      browser.wake.notify_one();
+      browser.wake.wakeOne();
     }
 
     void InspectorHub::resend(InspectorBrowser& browser)
@@ -275,13 +277,13 @@ namespace Plexa
           browser.changes.insert(browser.changes.end(), entry);
       }
       browser.snapshot = true;
-      browser.wake.notify_one();
+      browser.wake.wakeOne();
     }
 
     void InspectorHub::wakeAll()
     {
       for (const auto& browser : m_browsers)
-        browser->wake.notify_one();
+        browser->wake.wakeOne();
     }
   }
 }

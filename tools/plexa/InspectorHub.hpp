@@ -9,7 +9,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace Plexa
@@ -112,7 +111,7 @@ namespace Plexa
       void wakeAll();
 
       const bool m_readOnly;
-      mutable std::mutex m_mutex;
+      mutable Bastion::Mutex m_mutex;
       std::function<void()> m_editCallback;
       /// Path -> ["path","type",value] as compact JSON: the whole tree, for new pages.
       std::map<QString, QByteArray> m_tree;

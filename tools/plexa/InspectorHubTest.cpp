@@ -5,6 +5,9 @@
 #include "MirrorNode.hpp"
 
 #include "bastion/BinaryData.hpp"
+#include "bastion/Condition.hpp"
+#include "bastion/Guard.hpp"
+#include "bastion/Mutex.hpp"
 #include "plexa/app/Peer.hpp"
 
 #include <QJsonArray>
@@ -14,10 +17,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <map>
-#include <mutex>
 
 using Plexa::Cli::AttributeJson;
 using Plexa::Cli::InspectorBrowser;
@@ -33,9 +34,9 @@ namespace
         : hub(hub)
     {
       browser = hub.addBrowser([this](const QByteArray& message) {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Bastion::Guard lock(m_mutex);
         m_messages.push_back(QJsonDocument::fromJson(message).object());
-        m_arrived.notify_all();
+        m_arrived.wakeAll();
         return true;
       });
       if (browser)
@@ -51,8 +52,8 @@ namespace
     /// The next message, or an empty object after two seconds.
     QJsonObject next()
     {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      if (!m_arrived.wait_for(lock, std::chrono::seconds(2), [this] { return !m_messages.empty(); }))
+      Bastion::Guard lock(m_mutex);
+      if (!m_arrived.waitFor(m_mutex, 2000, [this] { return !m_messages.empty(); }))
         return QJsonObject();
       const QJsonObject message = m_messages.front();
       m_messages.pop_front();
@@ -62,8 +63,8 @@ namespace
     /// True when nothing more arrives within 100 ms.
     bool quiet()
     {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      return !m_arrived.wait_for(lock, std::chrono::milliseconds(100), [this] { return !m_messages.empty(); });
+      Bastion::Guard lock(m_mutex);
+      return !m_arrived.waitFor(m_mutex, 100, [this] { return !m_messages.empty(); });
     }
 
     void send(const QByteArray& message) { hub.receive(*browser, message); }
@@ -72,8 +73,8 @@ namespace
     std::shared_ptr<InspectorBrowser> browser;
 
   private:
-    std::mutex m_mutex;
-    std::condition_variable m_arrived;
+    Bastion::Mutex m_mutex;
+    Bastion::Condition m_arrived;
     std::deque<QJsonObject> m_messages;
   };
 

@@ -214,11 +214,17 @@ def functional_test(args, env, folder):
             run([plexa, 'set', peer, f'light/intensity={value}'], env)
         points = wait_for('points on the plot', lambda: driver.execute_script(
             'return window.inspector.plotPoints() >= 4 ? window.inspector.plotPoints() : 0;'), 5)
-        coloured = driver.execute_script(
-            "const c = document.getElementById('plot'); const d = c.getContext('2d')"
-            ".getImageData(0, 0, c.width, c.height).data; let n = 0;"
-            "for (let i = 0; i < d.length; i += 4) if (d[i] === 0x1f && d[i+1] === 0x6f && d[i+2] === 0xd1) n++;"
-            "return n;")
+        # The canvas is drawn on the next animation frames: poll it rather than read it once.
+        def coloured_pixels():
+            return driver.execute_script(
+                "const c = document.getElementById('plot'); const d = c.getContext('2d')"
+                ".getImageData(0, 0, c.width, c.height).data; let n = 0;"
+                "for (let i = 0; i < d.length; i += 4) if (d[i] === 0x1f && d[i+1] === 0x6f && d[i+2] === 0xd1) n++;"
+                "return n;")
+        try:
+            coloured = wait_for('the plot drawn', lambda: coloured_pixels() > 20 and coloured_pixels(), 5)
+        except Failure:
+            coloured = coloured_pixels()
         check(coloured > 20, f'the plot has {coloured} pixels of the first series colour')
         print(f'plot: {points} points, {coloured} pixels of the first series', flush=True)
         shot = args.screenshot
