@@ -330,5 +330,24 @@ TEST(SessionDataPathTest, AnAttributeRemovedBeforeACutAndAddedAgainKeepsItsNewVa
     EXPECT_EQ(again->value(), 2);
     ASSERT_NE(at<Int>(s.b, "s/n/x"), nullptr);
     EXPECT_EQ(at<Int>(s.b, "s/n/x")->value(), 2);
+
+    // The same crossing while a's new node is not reported yet: b's old value reaches the new x
+    // first, and a changes it again before its next update.
+    at<Carafe::Node>(s.a, "s")->removeAttribute("n");
+    s.a.update();
+    s.ca->collect();
+    s.start(params(true), params(true));
+    s.a.update();
+    s.cb->process(s.ca->collect());
+    s.b.update();
+    const std::vector<Bundle> fromB = s.cb->collect();
+    auto* third = new Int();
+    third->setValue(3);
+    ASSERT_TRUE(s.a.addDeepAttribute("s/n/x", third));
+    s.ca->process(fromB);
+    third->setValue(4);
+    ASSERT_TRUE(s.settle());
+    EXPECT_EQ(third->value(), 4);
+    EXPECT_EQ(at<Int>(s.b, "s/n/x")->value(), 4);
   }
 }

@@ -152,7 +152,11 @@ namespace Plexa
         session->deserializer = createDeserializer(*session, attribute);
         if (apply) {
           NodeChangeSender::IgnoreScope ignore(m_sender, {NodeWatcher::AttributeChanged, session->symbol});
-          session->receivedSequence = header.sequence;
+          // An attribute the watcher has not described yet (inside a node added since its last
+          // update) reports no changes until it is: its announcement must then carry its value,
+          // which this side may have changed after taking the peer's.
+          if (m_node.attributeCache().find(session->symbol) == attribute)
+            session->receivedSequence = header.sequence;
           session->deserializer(reader);
         }
       }
