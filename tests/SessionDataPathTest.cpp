@@ -289,3 +289,57 @@ TEST(SessionDataPathTest, AChangeQueuedWhileThePeerReplacesTheAttributeIsNotWrit
   EXPECT_EQ(again->value(), 2);
   EXPECT_EQ(attributeAt<Int>(s.b, "x")->value(), 2);
 }
+
+TEST(SessionDataPathTest, AnAttributeRemovedBeforeACutAndAddedAgainKeepsItsNewValueOnBothSides)
+{
+  for (const bool wholeNode : {false, true}) {
+    SCOPED_TRACE(wholeNode ? "node removed" : "attribute removed");
+    LinkedSessions s;
+    s.start(params(true), params(true));
+    ASSERT_TRUE(s.settle());
+    auto* x = new Int();
+    x->setValue(1);
+    ASSERT_TRUE(s.a.addDeepAttribute("s/n/x", x));
+    ASSERT_TRUE(s.settle());
+    ASSERT_EQ(at<Int>(s.b, "s/n/x")->value(), 1);
+
+    // a's removal is lost with the session, so b still has its copy when the next one starts.
+    if (wholeNode)
+      at<Carafe::Node>(s.a, "s")->removeAttribute("n");
+    else
+      at<Carafe::Node>(s.a, "s/n")->removeAttribute("x");
+    s.a.update();
+    s.ca->collect();
+    s.start(params(true), params(true));
+    // b sees a's tree (without x) before it announces its own, which brings x back with 1.
+    s.a.update();
+    s.cb->process(s.ca->collect());
+    // a adds x again with a new value; its addition and b's announcement cross.
+    auto* again = new Int();
+    again->setValue(2);
+    ASSERT_TRUE(s.a.addDeepAttribute("s/n/x", again));
+    ASSERT_TRUE(s.settle());
+    EXPECT_EQ(again->value(), 2);
+    ASSERT_NE(at<Int>(s.b, "s/n/x"), nullptr);
+    EXPECT_EQ(at<Int>(s.b, "s/n/x")->value(), 2);
+
+    // The same crossing while a's new node is not reported yet: b's old value reaches the new x
+    // first, and a changes it again before its next update.
+    at<Carafe::Node>(s.a, "s")->removeAttribute("n");
+    s.a.update();
+    s.ca->collect();
+    s.start(params(true), params(true));
+    s.a.update();
+    s.cb->process(s.ca->collect());
+    s.b.update();
+    const std::vector<Bundle> fromB = s.cb->collect();
+    auto* third = new Int();
+    third->setValue(3);
+    ASSERT_TRUE(s.a.addDeepAttribute("s/n/x", third));
+    s.ca->process(fromB);
+    third->setValue(4);
+    ASSERT_TRUE(s.settle());
+    EXPECT_EQ(third->value(), 4);
+    EXPECT_EQ(at<Int>(s.b, "s/n/x")->value(), 4);
+  }
+}

@@ -83,13 +83,9 @@ namespace Plexa
       session->peerTypeId = typeId;
       session->peerSize = size;
 
-      bool apply = false;
-      if (hasValue) {
-        if (!m_dropStaleValues || acknowledged >= session->lastSentSequence)
-          apply = true;
-        else
-          PlexaSessionAttribute::skipValue(reader, size); // this side's newer value wins
-      }
+      // Written before the peer had seen this side's latest value of the attribute.
+      const bool stale = hasValue && acknowledged < session->lastSentSequence;
+      bool apply = hasValue && (!m_dropStaleValues || !stale);
 
       const int slash = path.lastIndexOf('/');
       const QByteArray name = slash < 0 ? path : path.mid(slash + 1);
@@ -100,7 +96,7 @@ namespace Plexa
           Bastion::error("NewAttributeReceiver::handleBundle # Failed to create target node at path %s",
                          path.constData());
         session->createdMark = 0;
-        if (apply)
+        if (hasValue)
           PlexaSessionAttribute::skipValue(reader, size);
         session->deserializer = PlexaSessionAttribute::createDummyDeserializer(size);
         continue;
@@ -110,6 +106,14 @@ namespace Plexa
       // An attribute an earlier session created for the peer is still the peer's.
       session->createdMark = attribute ? m_node.createdByPeerMark(attribute) : 0;
       session->existedLocally = attribute != nullptr && session->createdMark == 0;
+      // This side's own attribute keeps its value against an older one from the peer, even when
+      // stale values are taken otherwise: the peer's announcement then carries its copy from an
+      // earlier session (of an attribute removed here meanwhile and added again), and the peer
+      // takes this side's value, which crosses it; applying both would swap them.
+      if (stale && session->existedLocally)
+        apply = false;
+      if (hasValue && !apply)
+        PlexaSessionAttribute::skipValue(reader, size); // this side's newer value wins
       if (!attribute) {
         // Written before the peer had seen this side remove the attribute (typically its echo of
         // our own announcement): the removal is on its way and wins, so nothing is created.
@@ -149,7 +153,11 @@ namespace Plexa
         session->deserializer = createDeserializer(*session, attribute);
         if (apply) {
           NodeChangeSender::IgnoreScope ignore(m_sender, {NodeWatcher::AttributeChanged, session->symbol});
-          session->receivedSequence = header.sequence;
+          // An attribute the watcher has not described yet (inside a node added since its last
+          // update) reports no changes until it is: its announcement must then carry its value,
+          // which this side may have changed after taking the peer's.
+          if (m_node.attributeCache().find(session->symbol) == attribute)
+            session->receivedSequence = header.sequence;
           session->deserializer(reader);
         }
       }
