@@ -301,13 +301,13 @@ TEST(SessionDataPathTest, AnAttributeRemovedBeforeACutAndAddedAgainKeepsItsNewVa
     x->setValue(1);
     ASSERT_TRUE(s.a.addDeepAttribute("s/n/x", x));
     ASSERT_TRUE(s.settle());
-    ASSERT_EQ(at<Int>(s.b, "s/n/x")->value(), 1);
+    ASSERT_EQ(attributeAt<Int>(s.b, "s/n/x")->value(), 1);
 
     // a's removal is lost with the session, so b still has its copy when the next one starts.
     if (wholeNode)
-      at<Carafe::Node>(s.a, "s")->removeAttribute("n");
+      attributeAt<Carafe::Node>(s.a, "s")->removeAttribute("n");
     else
-      at<Carafe::Node>(s.a, "s/n")->removeAttribute("x");
+      attributeAt<Carafe::Node>(s.a, "s/n")->removeAttribute("x");
     s.a.update();
     s.ca->collect();
     s.start(params(true), params(true));
@@ -320,12 +320,12 @@ TEST(SessionDataPathTest, AnAttributeRemovedBeforeACutAndAddedAgainKeepsItsNewVa
     ASSERT_TRUE(s.a.addDeepAttribute("s/n/x", again));
     ASSERT_TRUE(s.settle());
     EXPECT_EQ(again->value(), 2);
-    ASSERT_NE(at<Int>(s.b, "s/n/x"), nullptr);
-    EXPECT_EQ(at<Int>(s.b, "s/n/x")->value(), 2);
+    ASSERT_NE(attributeAt<Int>(s.b, "s/n/x"), nullptr);
+    EXPECT_EQ(attributeAt<Int>(s.b, "s/n/x")->value(), 2);
 
     // The same crossing while a's new node is not reported yet: b's old value reaches the new x
     // first, and a changes it again before its next update.
-    at<Carafe::Node>(s.a, "s")->removeAttribute("n");
+    attributeAt<Carafe::Node>(s.a, "s")->removeAttribute("n");
     s.a.update();
     s.ca->collect();
     s.start(params(true), params(true));
@@ -340,6 +340,6 @@ TEST(SessionDataPathTest, AnAttributeRemovedBeforeACutAndAddedAgainKeepsItsNewVa
     third->setValue(4);
     ASSERT_TRUE(s.settle());
     EXPECT_EQ(third->value(), 4);
-    EXPECT_EQ(at<Int>(s.b, "s/n/x")->value(), 4);
+    EXPECT_EQ(attributeAt<Int>(s.b, "s/n/x")->value(), 4);
   }
 }
