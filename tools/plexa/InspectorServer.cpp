@@ -82,19 +82,29 @@ namespace Plexa
 
     bool InspectorServer::start(const AddressArgument& address, QString* error)
     {
+      // The page runs its own script only, talks to its own server only, and is never framed by
+      // another site's page.
+      static const char* const SecurityHeaders = "Content-Security-Policy: default-src 'self'; connect-src 'self'; "
+                                                 "frame-ancestors 'none'\r\nX-Content-Type-Options: nosniff";
       mg_init_library(0);
       const bool v6 = address.host().contains(':');
       const QByteArray ports =
           (v6 ? "[" + address.host() + "]" : address.host()).toUtf8() + ':' + QByteArray::number(address.port());
       const QByteArray threads = QByteArray::number(Threads);
-      const char* options[] = {"listening_ports", ports.constData(), "num_threads", threads.constData(),
-                               "enable_websocket_ping_pong", "yes", "request_timeout_ms", "10000",
-                               "websocket_timeout_ms", "10000", "enable_directory_listing", "no",
-                               // The page runs its own script only, talks to its own server only,
-                               // and is never framed by another site's page.
+      const char* options[] = {"listening_ports",
+                               ports.constData(),
+                               "num_threads",
+                               threads.constData(),
+                               "enable_websocket_ping_pong",
+                               "yes",
+                               "request_timeout_ms",
+                               "10000",
+                               "websocket_timeout_ms",
+                               "10000",
+                               "enable_directory_listing",
+                               "no",
                                "additional_header",
-                               "Content-Security-Policy: default-src 'self'; connect-src 'self'; "
-                               "frame-ancestors 'none'\r\nX-Content-Type-Options: nosniff",
+                               SecurityHeaders,
                                nullptr};
       mg_callbacks callbacks;
       std::memset(&callbacks, 0, sizeof(callbacks));
