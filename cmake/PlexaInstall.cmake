@@ -31,9 +31,13 @@ set(PLEXA_PUBLIC_HEADERS
   bastion/BinaryData.hpp
   bastion/Color.hpp
   bastion/ColorPMA.hpp
+  bastion/FlatHash.hpp
   bastion/Log.hpp
   bastion/MemGrid8u.hpp
+  bastion/Mutex.hpp
+  bastion/SharedMutex.hpp
   bastion/SymbolRegistry.hpp
+  bastion/ThreadSafety.hpp
   bastion/TimeStamp.hpp)
 if(TARGET Plexa)
   list(APPEND PLEXA_PUBLIC_HEADERS
