@@ -157,9 +157,11 @@ TEST(PeerHubTest, ConnectionChurnLeavesNoDescriptorsOrThreadsBehind)
   for (int i = 0; i < 100; ++i)
     cycle();
   EXPECT_EQ(complete, 101);
-  // Ended connections are retired in the background: wait for that, within a bound.
+  // Ended connections are retired in the background: wait for that, within a bound. A leak shows as
+  // growth; the counts may end below the start, which can still include the first cycle's retiring
+  // thread or a sanitizer's helper thread.
   EXPECT_TRUE(
-      pumpUntil({&server.peer}, [&] { return idle() && openDescriptors() == descriptors && threadCount() == threads; }))
+      pumpUntil({&server.peer}, [&] { return idle() && openDescriptors() <= descriptors && threadCount() <= threads; }))
       << "descriptors " << descriptors << " -> " << openDescriptors() << ", threads " << threads << " -> "
       << threadCount();
 }
