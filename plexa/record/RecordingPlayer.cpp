@@ -85,6 +85,7 @@ namespace Plexa
     RemoteNode& node;
     TypeRegistry types;
     EventCallback eventCallback;
+    std::function<void()> itemCallback;
     std::unordered_map<uint32_t, Known> bySymbol;
     int64_t maxCreated = DefaultMaxCreated;
     int64_t created = 0;
@@ -102,6 +103,11 @@ namespace Plexa
   void RecordingPlayer::setEventCallback(const EventCallback& callback)
   {
     d->eventCallback = callback;
+  }
+
+  void RecordingPlayer::setItemCallback(const std::function<void()>& callback)
+  {
+    d->itemCallback = callback;
   }
 
   void RecordingPlayer::setMaxCreated(int64_t count)
@@ -386,6 +392,8 @@ namespace Plexa
       }
       need(reader.position <= itemEnd);
       reader.position = itemEnd;
+      if (itemCallback && reader.position < end)
+        itemCallback();
     }
   }
 
