@@ -103,12 +103,17 @@ namespace
     char go;
     if (::read(0, &go, 1) != 1)
       return 0;
+    const double cpuStart = cpuSeconds();
     for (long sent = 0; sent < values;) {
       for (int i = 0; i < Attributes && sent < values; ++i, ++sent)
         attributes[size_t(i)]->setValue(float(sent + 1)); // the attributes start at 0: every set is a change
       server.update();
     }
     attributes[0]->setValue(-1.f);
+    server.update();
+    // This thread's CPU seconds for the sending: the other side of the comparison.
+    std::printf("%.6f\n", cpuSeconds() - cpuStart);
+    std::fflush(stdout);
     while (!readable(0))
       server.waitAndUpdate(5);
     return 0;
@@ -119,6 +124,7 @@ namespace
     long values = -1;
     double seconds = 0;
     double cpuSeconds = 0;
+    double serverCpuSeconds = 0;
     int64_t peakBuffer = 0;
     int64_t fileBytes = 0;
   };
@@ -144,10 +150,13 @@ namespace
     }
     ::close(toChild[0]);
     ::close(fromChild[1]);
-    char line[32] = {};
-    for (size_t at = 0; at + 1 < sizeof(line) && ::read(fromChild[0], line + at, 1) == 1 && line[at] != '\n'; ++at) {
-    }
-    const int port = std::atoi(line);
+    auto readLine = [&] {
+      char line[32] = {};
+      for (size_t at = 0; at + 1 < sizeof(line) && ::read(fromChild[0], line + at, 1) == 1 && line[at] != '\n'; ++at) {
+      }
+      return std::string(line);
+    };
+    const int port = std::atoi(readLine().c_str());
     {
       Plexa::RemoteNode clientNode(nullptr, "scene");
       Plexa::Peer client(clientNode);
@@ -186,6 +195,8 @@ namespace
         result.values = first->value() == -1.f ? (file.isEmpty() ? changes : long(recorder.valueCount())) : -1;
         recorder.close();
         result.peakBuffer = recorder.peakBufferBytes();
+        if (result.values >= 0)
+          result.serverCpuSeconds = std::atof(readLine().c_str());
         result.fileBytes = recorder.fileBytes();
       }
     }
@@ -244,7 +255,7 @@ int main(int argc, char** argv)
   // once only counting the changes, once recording them. Wall time from the start signal to the
   // server's last value, and this thread's CPU time over the same span.
   const long peerValues = values / 2;
-  std::vector<double> peerRates[2], peerCpuRates[2];
+  std::vector<double> peerRates[2], peerCpuRates[2], serverCpuRates;
   int64_t peerPeak = 0;
   double peerBytesPerValue = 0;
   const int runs = BenchReport::runs();
@@ -255,6 +266,7 @@ int main(int argc, char** argv)
         return 1;
       peerRates[record].push_back(double(result.values) / result.seconds);
       peerCpuRates[record].push_back(double(result.values) / result.cpuSeconds);
+      serverCpuRates.push_back(double(peerValues) / result.serverCpuSeconds);
       peerPeak = std::max(peerPeak, result.peakBuffer);
       if (record)
         peerBytesPerValue = double(result.fileBytes) / double(result.values);
@@ -262,8 +274,9 @@ int main(int argc, char** argv)
   const BenchReport::Stats peerPlain = BenchReport::stats(peerRates[0]);
   const BenchReport::Stats peerRecorded = BenchReport::stats(peerRates[1]);
   const BenchReport::Stats peerRecordedCpu = BenchReport::stats(peerCpuRates[1]);
-  std::printf("%-40s %14.0f %10s  (CPU of this thread: %.0f/s)\n", "from a peer process, not recorded",
-              peerPlain.median, "1.00", BenchReport::stats(peerCpuRates[0]).median);
+  std::printf("%-40s %14.0f %10s  (CPU of this thread: %.0f/s; of the server's sending: %.0f/s)\n",
+              "from a peer process, not recorded", peerPlain.median, "1.00", BenchReport::stats(peerCpuRates[0]).median,
+              BenchReport::stats(serverCpuRates).median);
   std::printf("%-40s %14.0f %10.2f  (CPU of this thread: %.0f/s; %.1f bytes per value, peak buffer %lld bytes; "
               "medians of %d runs)\n",
               "from a peer process, recorded", peerRecorded.median, peerPlain.median / peerRecorded.median,

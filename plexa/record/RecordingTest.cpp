@@ -229,6 +229,26 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
     EXPECT_FALSE(read.opened);
     EXPECT_FALSE(read.error.isEmpty());
   }
+  // A change as a record of its own, as version 1 files hold them, still applies.
+  {
+    RemoteNode played(nullptr, "scene");
+    RecordingPlayer player(played);
+    ASSERT_TRUE(whole.seek(whole.firstRecordOffset()));
+    Recording::Record record;
+    ASSERT_TRUE(whole.next(record) && player.apply(record));
+    QByteArray body;
+    BundleWriterCore writer(body);
+    writer.writeValue(uint32_t(RecordFormat::Changed));
+    writer.writeValue(int64_t(1));
+    writer.writeValue(live.symbolRegistry().lookup("a/b"));
+    const uint32_t block = writer.beginBlock();
+    writer.writeValue(int32_t(42));
+    writer.endBlock(block);
+    record.kind = RecordFormat::Changed;
+    record.body = &body;
+    EXPECT_TRUE(player.apply(record));
+    EXPECT_EQ(attributeAt<Int>(played, "a/b")->value(), 42);
+  }
   // A player creates no more objects than its cap, and says so once.
   {
     Bastion::LogCapture log;
