@@ -1,13 +1,17 @@
-// Recording a tree: values recorded per second from local changes and from a peer over
-// 127.0.0.1 (with the write buffer's peak, which bounds the recorder's memory), bytes per value
-// on disk, reading the file back (records checked and handed out, then also applied to a tree)
+// Recording a tree: values recorded per second from local changes and from a peer (a server
+// process this program starts with --serve) over 127.0.0.1 (with the write buffer's peak, which bounds the recorder's
+// memory), bytes per value on disk, reading the file back (records checked and handed out, then also applied to a tree)
 // against a plain read of the same file in the same run, and finding the tree at a time in the
 // middle through the snapshot index against reading up to it from the start.
 //
 // Local and reading times are this thread's CPU time (the machine is shared); the peer's rate is
-// wall time, as it spans the connection's threads.
+// wall time, as it spans two processes and the connection's threads (this thread's CPU time is
+// printed beside it).
 //
-// Usage: RecordBench [values]   (default 4,000,000 local values; a quarter of them from the peer)
+// Usage: RecordBench [values]   (default 4,000,000 local values; half as many from the peer, in
+// each of PLEXA_BENCH_RUNS runs)
+
+#include "BenchReport.hpp"
 
 #include "plexa/app/Peer.hpp"
 #include "plexa/record/Recorder.hpp"
@@ -25,6 +29,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <poll.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 namespace
@@ -70,6 +78,136 @@ namespace
     return cpuSeconds() - start;
   }
 
+  /// True when `fd` has a byte (or the end) to read now.
+  bool readable(int fd)
+  {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, 0) > 0;
+  }
+
+  /// The server process: prints its port, serves the tree until a byte comes on stdin, then sets
+  /// `values` values round its floats as fast as the connection takes them, and last -1 on the
+  /// first one; serves on until stdin ends.
+  int serve(long values)
+  {
+    Bastion::setLogLevel(Bastion::LogLevel::Error);
+    Plexa::RemoteNode node(nullptr, "scene");
+    const std::vector<Float*> attributes = fill(node);
+    Plexa::Peer server(node);
+    if (!server.listen("127.0.0.1", 0))
+      return 1;
+    std::printf("%d\n", server.listeningPort());
+    std::fflush(stdout);
+    while (!readable(0))
+      server.waitAndUpdate(5);
+    char go;
+    if (::read(0, &go, 1) != 1)
+      return 0;
+    const double cpuStart = cpuSeconds();
+    for (long sent = 0; sent < values;) {
+      for (int i = 0; i < Attributes && sent < values; ++i, ++sent)
+        attributes[size_t(i)]->setValue(float(sent + 1)); // the attributes start at 0: every set is a change
+      server.update();
+    }
+    attributes[0]->setValue(-1.f);
+    server.update();
+    // This thread's CPU seconds for the sending: the other side of the comparison.
+    std::printf("%.6f\n", cpuSeconds() - cpuStart);
+    std::fflush(stdout);
+    while (!readable(0))
+      server.waitAndUpdate(5);
+    return 0;
+  }
+
+  struct PeerRun
+  {
+    long values = -1;
+    double seconds = 0;
+    double cpuSeconds = 0;
+    double serverCpuSeconds = 0;
+    int64_t peakBuffer = 0;
+    int64_t fileBytes = 0;
+  };
+
+  /// Mirrors the tree of a server process (this program with --serve) and measures the changes
+  /// that arrive from the start signal to the server's last value, recorded into `file` (when not
+  /// empty) or only counted.
+  PeerRun fromPeer(const char* program, long values, const QString& file)
+  {
+    PeerRun result;
+    int toChild[2], fromChild[2];
+    if (::pipe(toChild) != 0 || ::pipe(fromChild) != 0)
+      return result;
+    const std::string count = std::to_string(values);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      ::dup2(toChild[0], 0);
+      ::dup2(fromChild[1], 1);
+      ::close(toChild[1]);
+      ::close(fromChild[0]);
+      ::execl(program, program, "--serve", count.c_str(), static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    ::close(toChild[0]);
+    ::close(fromChild[1]);
+    auto readLine = [&] {
+      char line[32] = {};
+      for (size_t at = 0; at + 1 < sizeof(line) && ::read(fromChild[0], line + at, 1) == 1 && line[at] != '\n'; ++at) {
+      }
+      return std::string(line);
+    };
+    const int port = std::atoi(readLine().c_str());
+    {
+      Plexa::RemoteNode clientNode(nullptr, "scene");
+      Plexa::Peer client(clientNode);
+      client.connectTo("127.0.0.1", port);
+      const auto deadline = Clock::now() + std::chrono::seconds(120);
+      const QByteArray lastPath =
+          "group" + QByteArray::number((Attributes - 1) / PerNode) + "/value" + QByteArray::number(PerNode - 1);
+      auto attribute = [&](const QByteArray& path) {
+        const uint32_t symbol = clientNode.symbolRegistry().lookup(path);
+        return symbol ? dynamic_cast<Float*>(clientNode.attributeCache().find(symbol)) : nullptr;
+      };
+      while (port > 0 && !attribute(lastPath) && Clock::now() < deadline)
+        client.waitAndUpdate(5);
+      Float* first = attribute("group0/value0");
+      if (first) {
+        Plexa::Recorder recorder(clientNode);
+        long changes = 0;
+        if (!file.isEmpty())
+          recorder.open(file);
+        else
+          clientNode.addAttributeChangeListener([&](const Plexa::NodeWatcher::Event&) { ++changes; });
+        const double cpuStart = cpuSeconds();
+        const auto start = Clock::now();
+        auto lastFlush = start;
+        if (::write(toChild[1], "g", 1) == 1) {
+          while (first->value() != -1.f && Clock::now() < deadline) {
+            client.waitAndUpdate(5);
+            if (Clock::now() - lastFlush > std::chrono::milliseconds(250)) {
+              recorder.flush(); // as plexa record does
+              lastFlush = Clock::now();
+            }
+          }
+        }
+        result.seconds = secondsSince(start);
+        result.cpuSeconds = cpuSeconds() - cpuStart;
+        result.values = first->value() == -1.f ? (file.isEmpty() ? changes : long(recorder.valueCount())) : -1;
+        recorder.close();
+        result.peakBuffer = recorder.peakBufferBytes();
+        if (result.values >= 0)
+          result.serverCpuSeconds = std::atof(readLine().c_str());
+        result.fileBytes = recorder.fileBytes();
+      }
+    }
+    ::close(toChild[1]);
+    ::close(fromChild[0]);
+    ::waitpid(pid, nullptr, 0);
+    if (result.values < 0)
+      std::printf("the server process did not connect or send its values\n");
+    return result;
+  }
+
   double plainRead(const QString& fileName, int64_t& bytes)
   {
     QFile file(fileName);
@@ -85,6 +223,8 @@ namespace
 
 int main(int argc, char** argv)
 {
+  if (argc > 2 && std::string(argv[1]) == "--serve")
+    return serve(std::atol(argv[2]));
   const long values = argc > 1 ? std::atol(argv[1]) : 4000000;
   Bastion::setLogLevel(Bastion::LogLevel::Error);
   QTemporaryDir dir;
@@ -111,58 +251,61 @@ int main(int argc, char** argv)
   std::printf("%-40s %14.0f %10s\n", "sets, watched, not recorded", values / withoutSeconds, "1.00");
   std::printf("%-40s %14.0f %10.2f\n", "sets, recorded", values / withSeconds, withSeconds / withoutSeconds);
 
-  // From a peer: the server changes floats, the client mirrors them, once only counting the
-  // changes, once recording them.
-  const long peerValues = values / 4;
-  for (bool record : {false, true}) {
-    Plexa::RemoteNode serverNode(nullptr, "scene");
-    Plexa::RemoteNode clientNode(nullptr, "scene");
-    const std::vector<Float*> attributes = fill(serverNode);
-    Plexa::Peer server(serverNode);
-    Plexa::Peer client(clientNode);
-    server.listen("127.0.0.1", 0);
-    client.connectTo("127.0.0.1", server.listeningPort());
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
-    const QByteArray lastPath =
-        "group" + QByteArray::number((Attributes - 1) / PerNode) + "/value" + QByteArray::number(PerNode - 1);
-    auto mirrored = [&] {
-      const uint32_t symbol = clientNode.symbolRegistry().lookup(lastPath);
-      return client.initializedSessionCount() > 0 && symbol != 0 && clientNode.attributeCache().find(symbol) != nullptr;
-    };
-    while (!mirrored()) {
-      server.waitAndUpdate(2);
-      client.waitAndUpdate(2);
-      if (Clock::now() > deadline) {
-        std::printf("the peers did not connect\n");
+  // From a peer: a server process changes floats as fast as it can, this process mirrors them,
+  // once only counting the changes, once recording them. Wall time from the start signal to the
+  // server's last value, and this thread's CPU time over the same span.
+  const long peerValues = values / 2;
+  std::vector<double> peerRates[2], peerCpuRates[2], serverCpuRates;
+  int64_t peerPeak = 0;
+  double peerBytesPerValue = 0;
+  const int runs = BenchReport::runs();
+  for (int run = 0; run < runs; ++run)
+    for (bool record : {false, true}) {
+      const PeerRun result = fromPeer(argv[0], peerValues, record ? dir.filePath("peer.plexrec") : QString());
+      if (result.values < 0)
         return 1;
-      }
+      peerRates[record].push_back(double(result.values) / result.seconds);
+      peerCpuRates[record].push_back(double(result.values) / result.cpuSeconds);
+      serverCpuRates.push_back(double(peerValues) / result.serverCpuSeconds);
+      peerPeak = std::max(peerPeak, result.peakBuffer);
+      if (record)
+        peerBytesPerValue = double(result.fileBytes) / double(result.values);
     }
-    Plexa::Recorder recorder(clientNode);
-    long changes = 0;
-    if (record)
-      recorder.open(dir.filePath("peer.plexrec"));
-    else
-      clientNode.addAttributeChangeListener([&](const Plexa::NodeWatcher::Event&) { ++changes; });
-    auto arrived = [&] { return record ? long(recorder.valueCount()) : changes; };
-    const auto start = Clock::now();
-    for (long sent = 0; sent < peerValues;) {
-      for (int i = 0; i < Attributes && sent < peerValues; ++i, ++sent)
-        attributes[size_t(i)]->setValue(float(sent + 1)); // the attributes start at 0: every set is a change
-      server.update();
-      client.update();
-    }
-    while (arrived() < peerValues && Clock::now() < deadline) {
-      server.waitAndUpdate(1);
-      client.waitAndUpdate(1);
-    }
-    const double seconds = secondsSince(start);
-    static double unrecorded = 1;
-    if (!record)
-      unrecorded = seconds;
-    std::printf("%-40s %14.0f %10.2f  (%ld of %ld values arrived%s)\n",
-                record ? "from a peer, recorded" : "from a peer, not recorded", double(arrived()) / seconds,
-                seconds / unrecorded, arrived(), peerValues,
-                record ? qPrintable(QString(", peak buffer %1 bytes").arg(recorder.peakBufferBytes())) : "");
+  const BenchReport::Stats peerPlain = BenchReport::stats(peerRates[0]);
+  const BenchReport::Stats peerRecorded = BenchReport::stats(peerRates[1]);
+  const BenchReport::Stats peerRecordedCpu = BenchReport::stats(peerCpuRates[1]);
+  std::printf("%-40s %14.0f %10s  (CPU of this thread: %.0f/s; of the server's sending: %.0f/s)\n",
+              "from a peer process, not recorded", peerPlain.median, "1.00", BenchReport::stats(peerCpuRates[0]).median,
+              BenchReport::stats(serverCpuRates).median);
+  std::printf("%-40s %14.0f %10.2f  (CPU of this thread: %.0f/s; %.1f bytes per value, peak buffer %lld bytes; "
+              "medians of %d runs)\n",
+              "from a peer process, recorded", peerRecorded.median, peerPlain.median / peerRecorded.median,
+              peerRecordedCpu.median, peerBytesPerValue, (long long)peerPeak, runs);
+  {
+    BenchReport::Row row;
+    row.what = "recording from a peer, values/s";
+    row.figure = BenchReport::number(peerRecorded.median, "%.0f");
+    row.baselineName = "not rec";
+    row.baseline = BenchReport::number(peerPlain.median, "%.0f");
+    row.ratio = BenchReport::number(peerRecorded.median / 2e6, "%.2fx");
+    row.target = ">= 2,000,000 values/s";
+    row.met = peerRecorded.median >= 2e6;
+    row.spread = BenchReport::spread(peerRecorded, "%.0f");
+    BenchReport::add(row);
+  }
+  {
+    // The same runs per CPU second of the recording thread (receiving, applying and recording):
+    // what one core of the recorder sustains, whatever else the shared machine runs.
+    BenchReport::Row row;
+    row.what = "recording from a peer, values/CPU-s";
+    row.figure = BenchReport::number(peerRecordedCpu.median, "%.0f");
+    row.baselineName = "not rec";
+    row.baseline = BenchReport::number(BenchReport::stats(peerCpuRates[0]).median, "%.0f");
+    row.ratio = BenchReport::number(peerRecordedCpu.median / 2e6, "%.2fx");
+    row.target = ">= 2,000,000 values/s";
+    row.met = peerRecordedCpu.median >= 2e6;
+    row.spread = BenchReport::spread(peerRecordedCpu, "%.0f");
+    BenchReport::add(row);
   }
 
   // Reading the local recording back.
@@ -188,6 +331,18 @@ int main(int argc, char** argv)
   std::printf("%-40s %14.0f %10s\n", "plain read, 1 MiB chunks", bytes / plainSeconds / 1e6, "1.00");
   std::printf("%-40s %14.0f %10.2f\n", "records read and checked", bytes / readSeconds / 1e6,
               readSeconds / plainSeconds);
+  {
+    BenchReport::Row row;
+    row.what = "reading a recording, MB/s";
+    row.figure = BenchReport::number(bytes / readSeconds / 1e6, "%.0f");
+    row.baselineName = "read()";
+    row.baseline = BenchReport::number(bytes / plainSeconds / 1e6, "%.0f");
+    row.ratio = BenchReport::number(readSeconds / plainSeconds, "%.2fx");
+    // A disk gives a few hundred MB/s to a few GB/s; the plain read here comes from the page cache.
+    row.target = ">= 2000 MB/s (disk)";
+    row.met = bytes / readSeconds / 1e6 >= 2000;
+    BenchReport::add(row);
+  }
   std::printf("%-40s %14.0f %10.2f\n", "records applied to a tree", bytes / playSeconds / 1e6,
               playSeconds / plainSeconds);
 

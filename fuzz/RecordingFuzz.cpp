@@ -1,8 +1,8 @@
 // Feeds arbitrary bytes to the recording reader as a file: open, read every record, play each into
 // a tree, and build the tree at a time in the middle from the nearest snapshot. Each input is read
 // twice: as it is, and with the checksums of its header and records made right, so that mutated
-// record contents reach the decoders instead of stopping at the checksum. Nothing a file holds may
-// crash, hang or trip a sanitizer; damaged records end the reading or are skipped.
+// record contents (batch items among them) reach the decoders instead of stopping at the checksum. Nothing a file holds
+// may crash, hang or trip a sanitizer; damaged records end the reading or are skipped.
 
 #include "plexa/record/RecordFormat.hpp"
 #include "plexa/record/RecordingPlayer.hpp"
@@ -69,6 +69,8 @@ namespace
     player.setMaxCreated(10000);
     int64_t events = 0;
     player.setEventCallback([&](const QByteArray&, Bastion::BinaryData& payload) { events += payload.size(); });
+    // A replay runs its peer between the items of a batch: the tree's listeners run mid-batch.
+    player.setItemCallback([&tree] { tree.update(); });
     Plexa::Recording::Record record;
     int64_t last = 0;
     while (recording.next(record)) {

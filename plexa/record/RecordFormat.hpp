@@ -13,8 +13,9 @@ namespace Plexa
   {
     /// The first 8 bytes of every recording.
     constexpr char Magic[8] = {'P', 'L', 'X', 'R', 'E', 'C', '\r', '\n'};
-    /// Written into the header; a reader refuses a higher one.
-    constexpr uint32_t Version = 1;
+    /// Written into the header; a reader refuses a higher one. Version 2 added batch records;
+    /// version 1 files hold only the other kinds and read the same way.
+    constexpr uint32_t Version = 2;
     /// Length word and checksum word in front of every record body.
     constexpr uint32_t FrameSize = 8;
     /// Kind word and 64-bit time at the start of every record body.
@@ -57,8 +58,17 @@ namespace Plexa
       /// The recorder closed the file: values and events written, the name of the next file of a
       /// split recording (empty when there is none), the index of the file's snapshots (a count,
       /// then time and offset of each), and last the body's length.
-      End = 6
+      End = 6,
+      /// Values that arrived together, at the record's time: items, each a head word (kind in the
+      /// low 4 bits: Added, Changed or Removed; byte count of the rest of the item above them),
+      /// then for Changed the symbol and the value's wire encoding, for Added an entry, for
+      /// Removed the symbol.
+      Batch = 7
     };
+
+    /// Bits of a batch item's head word that hold its kind; the rest is the item's byte count.
+    constexpr uint32_t ItemKindBits = 4;
+    constexpr uint32_t ItemKindMask = (1u << ItemKindBits) - 1;
 
     /// The checksum of a header or record body: the low 32 bits of the 64-bit XXH3 hash (seed 0).
     uint32_t checksum(const char* bytes, size_t size);

@@ -15,6 +15,8 @@
 #include <xxhash.h>
 
 #include <algorithm>
+#include <cstring>
+#include <ctime>
 #include <unordered_map>
 #include <vector>
 
@@ -27,6 +29,24 @@ namespace Plexa
   uint32_t RecordFormat::checksum(const char* bytes, size_t size)
   {
     return uint32_t(XXH3_64bits(bytes, size));
+  }
+
+  namespace
+  {
+    constexpr uint32_t NoBatch = 0xffffffffu;
+
+    /// The monotonic clock at its coarse resolution (a few milliseconds): far cheaper to read than
+    /// the precise one, so every value may look at it to see whether its batch is still current.
+    int64_t coarseTick()
+    {
+#ifdef CLOCK_MONOTONIC_COARSE
+      timespec ts;
+      clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+      return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+#else
+      return 0; // batches then end by size and at flush() only
+#endif
+    }
   }
 
   struct Recorder::D
@@ -55,6 +75,13 @@ namespace Plexa
     bool writeEntry(BundleWriterCore& writer, uint32_t symbol, const QByteArray& path, Carafe::Attribute* object);
     const Cached* cached(uint32_t symbol, Carafe::Attribute* attribute);
     uint32_t beginRecord(uint32_t kind);
+    /// Starts an item of the present batch (a new batch when there is none, the present one is
+    /// full or its clock tick has passed); returns the offset of its head word.
+    uint32_t beginItem(uint32_t kind);
+    /// Fills in the item's head word; false (logged, the item dropped) when the batch would go
+    /// over the format's record size limit.
+    bool endItem(uint32_t item);
+    void endBatch();
     /// Fills in the frame; false (logged, the record dropped) when the body is over the format's
     /// size limit.
     bool endRecord(uint32_t start);
@@ -86,6 +113,10 @@ namespace Plexa
     uint64_t events = 0;
     /// No periodic snapshot now: one is being written, or the end record (which must stay last).
     bool holdSnapshots = false;
+    /// Offset in `buffer` of the batch being collected, NoBatch when none is; the coarse clock
+    /// tick it began in.
+    uint32_t batchStart = NoBatch;
+    int64_t batchTick = 0;
   };
 
   Recorder::Recorder(RemoteNode& node, const RecorderOptions& options)
@@ -172,6 +203,7 @@ namespace Plexa
 
   int64_t Recorder::elapsedNs() const
   {
+    d->endBatch();
     return d->clock.nsecsElapsed();
   }
 
@@ -189,10 +221,11 @@ namespace Plexa
       return false;
     }
     writtenBytes = 0;
+    batchStart = NoBatch;
     snapshots.clear();
     indexDropped = false;
     buffer.clear();
-    buffer.reserve(int(options.bufferBytes) + 4096);
+    buffer.reserve(int(options.bufferBytes + options.batchBytes) + 4096);
     writeHeader();
     writeSnapshot();
     if (!flush()) {
@@ -205,6 +238,7 @@ namespace Plexa
 
   void Recorder::D::finishFile(const QString& nextFile)
   {
+    endBatch();
     const uint32_t start = beginRecord(RecordFormat::End);
     BundleWriterCore writer(buffer);
     writer.writeValue(uint64_t(values));
@@ -229,6 +263,7 @@ namespace Plexa
   {
     if (!isOpen())
       return false;
+    endBatch();
     peakBuffer = std::max<int64_t>(peakBuffer, buffer.size());
     if (buffer.isEmpty())
       return true;
@@ -247,6 +282,7 @@ namespace Plexa
     error = message;
     Bastion::error("Recorder # %s; recording stopped", qPrintable(message));
     buffer.resize(0);
+    batchStart = NoBatch;
     file.close();
     if (listener >= 0) {
       node.removeAttributeChangeListener(listener);
@@ -282,6 +318,46 @@ namespace Plexa
     now = clock.nsecsElapsed();
     writer.writeValue(now);
     return start;
+  }
+
+  uint32_t Recorder::D::beginItem(uint32_t kind)
+  {
+    const int64_t tick = coarseTick();
+    if (batchStart != NoBatch && (tick != batchTick || buffer.size() - batchStart >= options.batchBytes))
+      endBatch();
+    if (batchStart == NoBatch) {
+      batchTick = tick;
+      batchStart = beginRecord(RecordFormat::Batch);
+    }
+    BundleWriterCore writer(buffer);
+    const uint32_t item = writer.size();
+    writer.writeValue(kind); // the byte count is added by endItem
+    return item;
+  }
+
+  bool Recorder::D::endItem(uint32_t item)
+  {
+    const uint32_t end = uint32_t(buffer.size());
+    if (end - batchStart - RecordFormat::FrameSize > RecordFormat::MaxRecordBytes) {
+      Bastion::warning("Recorder # a value of %u bytes is over the record limit of %u bytes and left out", end - item,
+                       RecordFormat::MaxRecordBytes);
+      buffer.resize(int(item));
+      return false;
+    }
+    uint32_t head;
+    std::memcpy(&head, buffer.constData() + item, 4);
+    head |= (end - item - 4) << RecordFormat::ItemKindBits;
+    std::memcpy(buffer.data() + item, &head, 4);
+    return true;
+  }
+
+  void Recorder::D::endBatch()
+  {
+    if (batchStart == NoBatch)
+      return;
+    const uint32_t start = batchStart;
+    batchStart = NoBatch;
+    endRecord(start);
   }
 
   bool Recorder::D::endRecord(uint32_t start)
@@ -349,6 +425,7 @@ namespace Plexa
 
   void Recorder::D::writeSnapshot()
   {
+    endBatch();
     holdSnapshots = true;
     const int64_t offset = fileBytes();
     const uint32_t start = beginRecord(RecordFormat::Snapshot);
@@ -396,13 +473,11 @@ namespace Plexa
       }
       if (!entry)
         return;
-      const uint32_t start = beginRecord(RecordFormat::Changed);
+      const uint32_t item = beginItem(RecordFormat::Changed);
       BundleWriterCore writer(buffer);
       writer.writeValue(symbol);
-      const uint32_t at = writer.beginBlock();
       entry->serializer(writer);
-      writer.endBlock(at);
-      if (endRecord(start))
+      if (endItem(item))
         ++values;
       return;
     }
@@ -413,13 +488,13 @@ namespace Plexa
       if (!object || !node.symbolRegistry().lookup(symbol, path))
         return;
       cache.erase(symbol);
-      const uint32_t start = beginRecord(RecordFormat::Added);
+      const uint32_t item = beginItem(RecordFormat::Added);
       BundleWriterCore writer(buffer);
       if (!writeEntry(writer, symbol, path, object)) {
-        buffer.resize(int(start));
+        buffer.resize(int(item));
         return;
       }
-      if (endRecord(start) && type == NodeWatcher::AttributeAdded)
+      if (endItem(item) && type == NodeWatcher::AttributeAdded)
         ++values;
       return;
     }
@@ -428,9 +503,9 @@ namespace Plexa
         cache.clear(); // whatever was under the node went with it
       else
         cache.erase(symbol);
-      const uint32_t start = beginRecord(RecordFormat::Removed);
+      const uint32_t item = beginItem(RecordFormat::Removed);
       BundleWriterCore(buffer).writeValue(symbol);
-      endRecord(start);
+      endItem(item);
     }
     }
   }
@@ -439,6 +514,7 @@ namespace Plexa
   {
     if (!isOpen())
       return;
+    endBatch();
     const uint32_t start = beginRecord(RecordFormat::Event);
     BundleWriterCore writer(buffer);
     writer.writeBinary(name);

@@ -19,6 +19,11 @@ namespace Plexa
     /// Bytes collected in memory before they are written to the file: the recorder never holds
     /// more than this plus one record (a snapshot is one record as big as the tree's values).
     int64_t bufferBytes = int64_t{1024} * 1024;
+    /// Values that arrive together share one batch record (one frame, one checksum, one time):
+    /// a batch ends when it holds this many bytes, when the system clock's coarse tick (a few
+    /// milliseconds) has passed since it began, and at `flush()`, `elapsedNs()` and `close()`.
+    /// The buffer then holds at most `bufferBytes` plus one batch (or one snapshot or event).
+    int64_t batchBytes = int64_t{64} * 1024;
     /// A full snapshot of the tree after this many seconds since the last one (0: never by time),
     /// so that a reader looking for time T starts near T instead of at the start of the file.
     double snapshotSeconds = 60.0;
@@ -31,11 +36,14 @@ namespace Plexa
   /// Appends the life of a `RemoteNode`'s tree to a recording file: a snapshot of the tree when
   /// the file is opened, then every addition, change and removal the node's watcher reports, and
   /// the peer's events handed to `recordEvent`, each with the monotonic time since the start.
-  /// Periodic snapshots follow the options. docs/recording.md describes the file.
+  /// Additions, changes and removals go into batch records (see `RecorderOptions::batchBytes`),
+  /// whose values all carry the time the batch began. Periodic snapshots follow the options.
+  /// docs/recording.md describes the file.
   ///
   /// Records are collected in a buffer of `bufferBytes` and written when it is full, at
-  /// `flush()` and at `close()`. A failed write (full disk) closes the file and keeps the
-  /// error; the records before the failed write stay readable.
+  /// `flush()` and at `close()`: call `flush()` every fraction of a second so that a quiet stream
+  /// still reaches the disk (`plexa record` does every 250 ms). A failed write (full disk) closes
+  /// the file and keeps the error; the records before the failed write stay readable.
   ///
   /// Application thread only (the thread that changes the tree). The node must outlive the
   /// recorder.
@@ -56,7 +64,7 @@ namespace Plexa
     bool split(const QString& fileName, QString* error = nullptr);
     /// Writes the end record and closes the file. Nothing happens when no file is open.
     void close();
-    /// Writes the buffered records to the file.
+    /// Ends the batch being collected and writes the buffered records to the file.
     bool flush();
 
     /// Records an event of the peer (a sliced one once put together). An event over the format's
@@ -72,7 +80,8 @@ namespace Plexa
     /// since construction.
     uint64_t valueCount() const;
     uint64_t eventCount() const;
-    /// Monotonic nanoseconds since `open`: the time the next record gets.
+    /// Monotonic nanoseconds since `open`. Ends the batch being collected, so that the values
+    /// recorded after the call carry this time or a later one.
     int64_t elapsedNs() const;
     /// The most bytes the buffer held.
     int64_t peakBufferBytes() const;

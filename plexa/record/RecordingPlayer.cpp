@@ -43,6 +43,8 @@ namespace Plexa
         return "removal";
       case RecordFormat::Event:
         return "event";
+      case RecordFormat::Batch:
+        return "batch";
       default:
         return "unknown";
       }
@@ -69,7 +71,12 @@ namespace Plexa
     bool apply(const Recording::Record& record);
     void applyEntry(BundleReaderCore& reader, uint32_t end, std::vector<uint32_t>* seen);
     /// Reads the value block at the reader into `known`'s attribute (if it is in the tree).
-    void readValue(BundleReaderCore& reader, uint32_t end, Known& known, bool onlyIfDifferent);
+    void readValueBlock(BundleReaderCore& reader, uint32_t end, Known& known, bool onlyIfDifferent);
+    /// Reads the value from the reader's position to `valueEnd` into `known`'s attribute.
+    void readValue(BundleReaderCore& reader, uint32_t valueEnd, Known& known, bool onlyIfDifferent);
+    void applyChange(BundleReaderCore& reader, uint32_t end, bool block);
+    void applyRemoval(BundleReaderCore& reader);
+    void applyBatch(BundleReaderCore& reader, uint32_t end);
     Carafe::Attribute* find(const QByteArray& path) const;
     /// True when one more object may be created; logs the cap once per record otherwise.
     bool mayCreate(const QByteArray& path);
@@ -78,6 +85,7 @@ namespace Plexa
     RemoteNode& node;
     TypeRegistry types;
     EventCallback eventCallback;
+    std::function<void()> itemCallback;
     std::unordered_map<uint32_t, Known> bySymbol;
     int64_t maxCreated = DefaultMaxCreated;
     int64_t created = 0;
@@ -95,6 +103,11 @@ namespace Plexa
   void RecordingPlayer::setEventCallback(const EventCallback& callback)
   {
     d->eventCallback = callback;
+  }
+
+  void RecordingPlayer::setItemCallback(const std::function<void()>& callback)
+  {
+    d->itemCallback = callback;
   }
 
   void RecordingPlayer::setMaxCreated(int64_t count)
@@ -143,12 +156,18 @@ namespace Plexa
       parent->removeAttribute(path.mid(slash + 1));
   }
 
-  void RecordingPlayer::D::readValue(BundleReaderCore& reader, uint32_t end, Known& known, bool onlyIfDifferent)
+  void RecordingPlayer::D::readValueBlock(BundleReaderCore& reader, uint32_t end, Known& known, bool onlyIfDifferent)
   {
     const uint32_t length = reader.readValue<uint32_t>();
+    need(length % 4 == 0 && uint64_t(reader.position) + length <= end);
+    readValue(reader, reader.position + length, known, onlyIfDifferent);
+  }
+
+  void RecordingPlayer::D::readValue(BundleReaderCore& reader, uint32_t valueEnd, Known& known, bool onlyIfDifferent)
+  {
     const uint32_t start = reader.position;
-    need(length % 4 == 0 && uint64_t(start) + length <= end);
-    const uint32_t valueEnd = start + length;
+    need(start <= valueEnd);
+    const uint32_t length = valueEnd - start;
     // The node's own cache knows what sits at the path now, whatever else changed the tree.
     if (!known.localSymbol)
       known.localSymbol = node.symbolRegistry().lookup(known.path);
@@ -223,7 +242,7 @@ namespace Plexa
       }
     }
     if (present) {
-      readValue(reader, end, known, true);
+      readValueBlock(reader, end, known, true);
       return;
     }
     std::unique_ptr<Carafe::Attribute> made(mayCreate(path) ? types.createAttribute(typeId) : nullptr);
@@ -293,23 +312,15 @@ namespace Plexa
       case RecordFormat::Added:
         applyEntry(reader, end, nullptr);
         return true;
-      case RecordFormat::Changed: {
-        const uint32_t symbol = reader.readValue<uint32_t>();
-        auto it = bySymbol.find(symbol);
-        if (it != bySymbol.end() && it->second.typeId != RecordFormat::NodeTypeId)
-          readValue(reader, end, it->second, false);
+      case RecordFormat::Changed:
+        applyChange(reader, end, true);
         return true;
-      }
-      case RecordFormat::Removed: {
-        const uint32_t symbol = reader.readValue<uint32_t>();
-        auto it = bySymbol.find(symbol);
-        if (it != bySymbol.end()) {
-          const QByteArray path = it->second.path;
-          bySymbol.erase(it);
-          removeAt(path);
-        }
+      case RecordFormat::Removed:
+        applyRemoval(reader);
         return true;
-      }
+      case RecordFormat::Batch:
+        applyBatch(reader, end);
+        return true;
       case RecordFormat::Event: {
         QByteArray name;
         reader.readBinary(name, uint32_t(reader.remaining()));
@@ -330,6 +341,59 @@ namespace Plexa
       Bastion::warning("RecordingPlayer # %s record at byte %lld skipped: %s", kindName(record.kind),
                        (long long)record.offset, e.what());
       return false;
+    }
+  }
+
+  void RecordingPlayer::D::applyChange(BundleReaderCore& reader, uint32_t end, bool block)
+  {
+    const uint32_t symbol = reader.readValue<uint32_t>();
+    auto it = bySymbol.find(symbol);
+    if (it == bySymbol.end() || it->second.typeId == RecordFormat::NodeTypeId)
+      return;
+    if (block)
+      readValueBlock(reader, end, it->second, false);
+    else
+      readValue(reader, end, it->second, false);
+  }
+
+  void RecordingPlayer::D::applyRemoval(BundleReaderCore& reader)
+  {
+    const uint32_t symbol = reader.readValue<uint32_t>();
+    auto it = bySymbol.find(symbol);
+    if (it != bySymbol.end()) {
+      const QByteArray path = it->second.path;
+      bySymbol.erase(it);
+      removeAt(path);
+    }
+  }
+
+  void RecordingPlayer::D::applyBatch(BundleReaderCore& reader, uint32_t end)
+  {
+    // The items before a damaged one stay applied: they are whole, as the checksum says.
+    while (reader.position < end) {
+      const uint32_t head = reader.readValue<uint32_t>();
+      const uint32_t size = head >> RecordFormat::ItemKindBits;
+      need(size % 4 == 0 && uint64_t(reader.position) + size <= end);
+      const uint32_t itemEnd = reader.position + size;
+      // Every kind starts with a symbol: a shorter item would reach into the next one.
+      need(size >= 4);
+      switch (head & RecordFormat::ItemKindMask) {
+      case RecordFormat::Changed:
+        applyChange(reader, itemEnd, false);
+        break;
+      case RecordFormat::Added:
+        applyEntry(reader, itemEnd, nullptr);
+        break;
+      case RecordFormat::Removed:
+        applyRemoval(reader);
+        break;
+      default:
+        break; // a kind of a later version: skipped by its size
+      }
+      need(reader.position <= itemEnd);
+      reader.position = itemEnd;
+      if (itemCallback && reader.position < end)
+        itemCallback();
     }
   }
 

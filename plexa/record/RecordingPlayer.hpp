@@ -39,6 +39,10 @@ namespace Plexa
     RecordingPlayer& operator=(const RecordingPlayer&) = delete;
 
     void setEventCallback(const EventCallback& callback);
+    /// Called after each item of a batch record is applied, before the next one: a replay that
+    /// must send every change on its own (none merged with a later one of the same attribute)
+    /// updates its peer here. The tree may change meanwhile.
+    void setItemCallback(const std::function<void()>& callback);
 
     /// Attributes and nodes the player creates at most (default 1,000,000): a crafted file cannot
     /// grow the tree, and the memory it takes, beyond this. Entries past it are skipped, with one

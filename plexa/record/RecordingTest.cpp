@@ -57,7 +57,8 @@ TEST(RecordingTest, EveryTypeChangeRemovalAndEventPlaysBackAndTheTreeAtEachTimeI
 
   RecorderOptions options;
   options.bufferBytes = 4096;
-  options.snapshotBytes = 3000;
+  options.batchBytes = 1024;
+  options.snapshotBytes = 1000;
   options.snapshotSeconds = 0;
   Recorder recorder(live, options);
   ASSERT_TRUE(recorder.open(fileName));
@@ -117,7 +118,8 @@ TEST(RecordingTest, EveryTypeChangeRemovalAndEventPlaysBackAndTheTreeAtEachTimeI
   EXPECT_EQ(events, (std::vector<std::pair<QByteArray, QByteArray>>{{"hello", small.toByteArray()},
                                                                     {"big", large.toByteArray()}}));
   // The buffer stayed within its size plus one record (the events went through as one record each).
-  EXPECT_LE(recorder.peakBufferBytes(), options.bufferBytes + std::max<int64_t>(largest, large.size() + 64));
+  EXPECT_LE(recorder.peakBufferBytes(),
+            options.bufferBytes + options.batchBytes + std::max<int64_t>(largest, large.size() + 64));
 
   // The tree at each marked time, from the nearest snapshot: periodic ones were written.
   EXPECT_GT(recording.scanSnapshots().size(), 3u);
@@ -168,12 +170,12 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
   Recording whole;
   const Read all = readAll(fileName, whole);
   ASSERT_TRUE(all.opened);
-  ASSERT_EQ(all.ends.size(), 7u); // snapshot, 4 changes, event, end
+  ASSERT_GE(all.ends.size(), 4u); // snapshot, the changes in one or more batches, event, end
   EXPECT_EQ(all.ends.back(), bytes.size());
   EXPECT_TRUE(whole.endedCleanly());
 
   const QString cutName = dir.filePath("cut.plexrec");
-  for (int64_t cut = all.ends[all.ends.size() - 5]; cut < bytes.size(); ++cut) {
+  for (int64_t cut = all.ends[all.ends.size() - 4]; cut < bytes.size(); ++cut) {
     ASSERT_TRUE(writeFile(cutName, bytes.left(int(cut))));
     Recording recording;
     const Read read = readAll(cutName, recording);
@@ -194,6 +196,30 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
   Recording recording;
   EXPECT_EQ(readAll(cutName, recording).ends.size(), 2u);
   EXPECT_EQ(recording.stopReason(), QString("damaged record at byte %1 (checksum mismatch)").arg(all.ends[1]));
+  // A batch whose checksum matches but whose first item claims more bytes than the body holds: the
+  // player skips the batch with a warning and goes on.
+  {
+    QByteArray hostile = bytes;
+    const int frame = int(all.ends[0]);
+    const uint32_t length = uint32_t(RecordFormat::MaxRecordBytes) | RecordFormat::Changed;
+    std::memcpy(hostile.data() + frame + 8 + RecordFormat::BodyHeaderSize, &length, 4);
+    const uint32_t bodySize = *reinterpret_cast<const uint32_t*>(hostile.constData() + frame);
+    const uint32_t sum = RecordFormat::checksum(hostile.constData() + frame + 8, bodySize);
+    std::memcpy(hostile.data() + frame + 4, &sum, 4);
+    ASSERT_TRUE(writeFile(cutName, hostile));
+    Bastion::LogCapture log(Bastion::LogLevel::Warning);
+    RemoteNode played(nullptr, "scene");
+    RecordingPlayer player(played);
+    ASSERT_TRUE(recording.open(cutName));
+    int failed = 0;
+    for (Recording::Record record; recording.next(record);)
+      failed += !player.apply(record);
+    EXPECT_EQ(failed, 1);
+    EXPECT_EQ(log.texts(), std::vector<QByteArray>{QString("RecordingPlayer # batch record at byte %1 skipped: "
+                                                           "damaged record")
+                                                       .arg(frame)
+                                                       .toUtf8()});
+  }
 
   // Without a whole header there is nothing to read.
   const int64_t headerEnd = whole.firstRecordOffset();
@@ -202,6 +228,26 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
     const Read read = readAll(cutName, recording);
     EXPECT_FALSE(read.opened);
     EXPECT_FALSE(read.error.isEmpty());
+  }
+  // A change as a record of its own, as version 1 files hold them, still applies.
+  {
+    RemoteNode played(nullptr, "scene");
+    RecordingPlayer player(played);
+    ASSERT_TRUE(whole.seek(whole.firstRecordOffset()));
+    Recording::Record record;
+    ASSERT_TRUE(whole.next(record) && player.apply(record));
+    QByteArray body;
+    BundleWriterCore writer(body);
+    writer.writeValue(uint32_t(RecordFormat::Changed));
+    writer.writeValue(int64_t(1));
+    writer.writeValue(live.symbolRegistry().lookup("a/b"));
+    const uint32_t block = writer.beginBlock();
+    writer.writeValue(int32_t(42));
+    writer.endBlock(block);
+    record.kind = RecordFormat::Changed;
+    record.body = &body;
+    EXPECT_TRUE(player.apply(record));
+    EXPECT_EQ(attributeAt<Int>(played, "a/b")->value(), 42);
   }
   // A player creates no more objects than its cap, and says so once.
   {
@@ -229,10 +275,10 @@ TEST(RecordingTest, ACutOrDamagedFileReadsUpToItsLastWholeRecordAndSaysWhere)
   }
 
   QByteArray newer = bytes;
-  newer[8] = 2;
+  newer[8] = 3;
   ASSERT_TRUE(writeFile(cutName, newer));
   const Read read = readAll(cutName, recording);
-  EXPECT_TRUE(read.error.endsWith("recording format version 2, this program reads up to 1"))
+  EXPECT_TRUE(read.error.endsWith("recording format version 3, this program reads up to 2"))
       << read.error.toStdString();
 }
 
@@ -245,8 +291,9 @@ TEST(RecordingTest, TheEndRecordIndexesTheSnapshotsAndAGrowingOrSplitRecordingRe
   live.addDeepAttribute("a/count", count);
   live.processPendingAdditions();
   RecorderOptions options;
-  options.snapshotBytes = 2000;
+  options.snapshotBytes = 700;
   options.snapshotSeconds = 0;
+  options.batchBytes = 512;
   std::vector<std::pair<int64_t, TreeState>> states;
   {
     Recorder recorder(live, options);
@@ -263,6 +310,16 @@ TEST(RecordingTest, TheEndRecordIndexesTheSnapshotsAndAGrowingOrSplitRecordingRe
   QString next;
   ASSERT_TRUE(recording.readIndex(index, next));
   EXPECT_TRUE(next.isEmpty());
+  // The changes went into batches: 12 bytes per int change (head word, symbol, value), one frame
+  // and one time per batch.
+  int64_t batchBytes = 0, batches = 0;
+  for (Recording::Record record; recording.next(record);)
+    if (record.kind == RecordFormat::Batch) {
+      batchBytes += RecordFormat::FrameSize + record.body->size();
+      ++batches;
+    }
+  EXPECT_EQ(batchBytes, 1000 * 12 + batches * (RecordFormat::FrameSize + RecordFormat::BodyHeaderSize));
+  EXPECT_LE(batches, 1000 * 12 / 500 + 8);
   const std::vector<Recording::SnapshotMark> scanned = recording.scanSnapshots();
   ASSERT_GT(scanned.size(), 5u);
   ASSERT_EQ(index.size(), scanned.size());

@@ -70,7 +70,13 @@ namespace PlexaTest
 
     bool running() const { return m_process.state() != QProcess::NotRunning; }
 
-    void interrupt() { ::kill(pid_t(m_process.processId()), SIGINT); }
+    /// Ctrl-C. Nothing when the program has ended: its id is then 0, which would signal the
+    /// test's own process group.
+    void interrupt()
+    {
+      if (m_process.processId() > 0)
+        ::kill(pid_t(m_process.processId()), SIGINT);
+    }
 
     /// Waits for the exit; its status, or -1 when it did not end.
     int finish(int ms = WaitMs)

@@ -286,7 +286,7 @@ TEST(RecordEndToEnd, RecordEndsByItselfSplitsAndASplitOrGrowingRecordingReadsAsO
   // --split: a watcher following the first file sees every change once, through all the files,
   // while they are written; afterwards watch, dump and dump --at read the files as one.
   const QString split = work.filePath("split.plexrec");
-  Program recorder(home, {"record", address, split, "--split", "1500"});
+  Program recorder(home, {"record", address, split, "--split", "600"});
   ASSERT_TRUE(pumpUntil(
       {&server}, [&] { return QFileInfo(split).size() > 0; }, WaitMs));
   Program follower(home, {"watch", split, "--follow", "--json"});
@@ -317,4 +317,25 @@ TEST(RecordEndToEnd, RecordEndsByItselfSplitsAndASplitOrGrowingRecordingReadsAsO
   EXPECT_EQ(finish(dump), 0);
   EXPECT_EQ(dump.out(), QString("count (int) = %1\n").arg(count->value()));
   EXPECT_EQ(dump.err(), "");
+}
+
+TEST(RecordEndToEnd, AFollowerOutlastsItsRecorderAndReadsOnWhenANewOneWritesTheFileAgain)
+{
+  QTemporaryDir home, work;
+  const QString file = work.filePath("again.plexrec");
+  Plexa::RemoteNode scene(nullptr, "scene");
+  auto* count = new Carafe::AttributeT<int>(0);
+  scene.addAttribute("count", count);
+  auto recordOnce = [&](int value) {
+    Plexa::Recorder recorder(scene);
+    ASSERT_TRUE(recorder.open(file));
+    count->setValue(value);
+  };
+  recordOnce(1);
+  Program follower(home, {"watch", file, "--follow", "--json"});
+  ASSERT_FALSE(follower.waitForLine("\"value\":1}").isEmpty()) << follower.err().toStdString();
+  recordOnce(2);
+  EXPECT_FALSE(follower.waitForLine("\"value\":2}").isEmpty()) << follower.err().toStdString();
+  follower.interrupt();
+  EXPECT_EQ(follower.finish(), 0);
 }

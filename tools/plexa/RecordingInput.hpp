@@ -9,7 +9,9 @@ namespace Plexa
   namespace Cli
   {
     /// The records of a recording for watch and replay: on across the files of a split recording
-    /// and, when following, on as the file grows, like `tail -f` (polling its size).
+    /// and, when following, on as the file grows, like `tail -f` (polling its size). A follower
+    /// also outlasts the recorder: after the file's end record it waits until the wait says stop,
+    /// and reads on when a new recorder writes the first file again.
     class RecordingInput
     {
     public:
@@ -32,9 +34,16 @@ namespace Plexa
       QString problem() const { return m_problem; }
 
     private:
+      /// True when the first file now holds another recording than the one read (a new header,
+      /// or less than was read of it).
+      bool firstFileRewritten() const;
+
       Recording& m_recording;
       bool m_follow;
       Wait m_wait;
+      /// The recording's first file, and the start time of the recording read from it.
+      QString m_firstFile;
+      int64_t m_firstStartNs;
       QString m_problem;
     };
   }

@@ -115,6 +115,13 @@ namespace Plexa
       player.playUntil(recording, fromNs);
 
       Peer peer(tree);
+      // One update per value of a batch while playing: the peer gets every change, none merged with
+      // a later one. Going back to the start of a --loop range needs no such care.
+      bool playing = true;
+      player.setItemCallback([&peer, &playing] {
+        if (playing)
+          peer.update();
+      });
       if (!peer.listen(address.host(), address.port(), &error))
         return fail(ExitFailure, error);
       reportListening(address, peer);
@@ -147,7 +154,9 @@ namespace Plexa
         // From the first file again: a split recording may have moved on to a later one.
         if (!recording.open(fileName, &error))
           return fail(ExitFailure, error);
+        playing = false;
         player.playUntil(recording, fromNs);
+        playing = true;
       }
       if (!Interrupt::requested())
         console.out(QString("replayed %1 records; serving the last tree until Ctrl-C").arg(played));

@@ -65,7 +65,8 @@ namespace Plexa
     {
       parser.addOption({"json", "One JSON object per line: time, kind, path, type, value (events: name, items)."});
       parser.addOption({"follow", "With a recording: go on printing what is appended to it (and to the next files of "
-                                  "a split recording) until Ctrl-C, like tail -f."});
+                                  "a split recording) until Ctrl-C, like tail -f; after the recorder closed it, go on "
+                                  "with a new recording written into the same file."});
       parser.addPositionalArgument("HOST:PORT", "Address of the peer, or a recording made by plexa record.");
     }
 
