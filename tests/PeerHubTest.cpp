@@ -135,8 +135,7 @@ TEST(PeerHubTest, APeersTurnServesOnlyItsOwnSessions)
   ASSERT_TRUE(pumpUntil({&server.peer, &client.peer}, [&] { return valueAt(server, "v") == 1; }));
 
   // The client's change reaches the server's connection, which wakes the server's loop; the
-  // client's turns meanwhile leave the server's session alone, whose tree belongs to its own loop
-  // (possibly on another thread).
+  // client's turns meanwhile leave the server's session alone: it is the server's turns' work.
   server.peer.updateOnWake();
   attributeAt<Int>(client.node, "v")->setValue(2);
   client.peer.update();

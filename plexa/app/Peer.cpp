@@ -78,7 +78,7 @@ namespace Plexa
         , options(options)
         , traffic(std::make_shared<TrafficMeter>())
         , assets(options.fileRoot.isEmpty() ? nullptr : new AssetBase(options.fileRoot))
-        , factory(*this, traffic, assets.get())
+        , factory(*this, traffic, assets.get(), options.pingTimeoutSecs)
         , wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
     {
       if (wakeFd < 0)

@@ -11,9 +11,19 @@
 
 #include <csignal>
 
+#include <sys/prctl.h>
+
 namespace PlexaTest
 {
   constexpr int WaitMs = 20000;
+
+  /// A child that the kernel kills when the test process dies, however it dies: a child the test
+  /// stopped (SIGSTOP) would otherwise stay behind, stopped, after a crash.
+  class ChildProcess : public QProcess
+  {
+  protected:
+    void setupChildProcess() override { ::prctl(PR_SET_PDEATHSIG, SIGKILL); }
+  };
 
   /// One run of the program, with HOME and the XDG folders in a temporary folder of the test (the
   /// library keeps settings and file lists there).
@@ -70,7 +80,10 @@ namespace PlexaTest
 
     bool running() const { return m_process.state() != QProcess::NotRunning; }
 
-    void interrupt() { ::kill(pid_t(m_process.processId()), SIGINT); }
+    void interrupt() { signal(SIGINT); }
+    /// Sends `number` to the program (SIGSTOP and SIGCONT stop and resume it; the destructor's
+    /// kill ends a stopped one too).
+    void signal(int number) { ::kill(pid_t(m_process.processId()), number); }
 
     /// Waits for the exit; its status, or -1 when it did not end.
     int finish(int ms = WaitMs)
@@ -86,7 +99,7 @@ namespace PlexaTest
     const QString& err() const { return m_err; }
 
   private:
-    QProcess m_process;
+    ChildProcess m_process;
     QString m_out;
     QString m_err;
   };
