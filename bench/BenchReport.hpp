@@ -80,6 +80,20 @@ namespace BenchReport
     std::string spread;
   };
 
+  /// The first three fields of /proc/loadavg ("1.20 0.95 0.80"): on a shared machine, what a
+  /// figure was measured beside.
+  inline std::string loadAverage()
+  {
+    char text[64] = "?";
+    if (FILE* file = std::fopen("/proc/loadavg", "r")) {
+      float a = 0, b = 0, c = 0;
+      if (std::fscanf(file, "%f %f %f", &a, &b, &c) == 3)
+        std::snprintf(text, sizeof(text), "%.2f %.2f %.2f", a, b, c);
+      std::fclose(file);
+    }
+    return text;
+  }
+
   /// Appends `row` to PLEXA_BENCH_ROWS; tabs and newlines in the texts become blanks.
   inline void add(const Row& row)
   {

@@ -12,6 +12,7 @@
 // process, each client a Peer (or a Qt Remote Objects node) of its own; this process is the server.
 // `--quick` runs smaller sizes.
 
+#include "BenchReport.hpp"
 #include "ChildProcess.hpp"
 
 #include "carafe/AttributeT.hpp"
@@ -711,6 +712,7 @@ namespace
   int runAll(const Run& run)
   {
     const Settings& s = run.s;
+    const std::string loadBefore = BenchReport::loadAverage();
     Fanout qtro;
 #ifdef PLEXA_BENCH_QTRO
     qtro = qtroFanout(run);
@@ -723,8 +725,10 @@ namespace
     const Idle idle = plexaIdle(run);
     const Churn churn = plexaChurn(run);
 
-    std::printf("PeerScaleBench: one server process, clients in child processes, over 127.0.0.1%s\n",
-                s.rounds < Settings().rounds ? " (--quick)" : "");
+    std::printf("PeerScaleBench: one server process, clients in child processes, over 127.0.0.1%s; load average "
+                "%s before, %s after\n",
+                s.rounds < Settings().rounds ? " (--quick)" : "", loadBefore.c_str(),
+                BenchReport::loadAverage().c_str());
     std::printf("  (a) %d clients in %d processes (%d Peers each; QtRO: %s), %d floats x %d rounds, one round "
                 "in flight\n",
                 s.clients, s.processes, s.clients / s.processes, qtroKind, s.values, s.rounds);

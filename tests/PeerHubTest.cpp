@@ -19,6 +19,8 @@
 #include <memory>
 #include <vector>
 
+#include <poll.h>
+
 using namespace Plexa;
 using namespace PlexaTest;
 
@@ -121,6 +123,28 @@ TEST(PeerHubTest, SilentPeerIsDroppedWithinThePingTimeoutAndReconnects)
       [&] { return client.peer.initializedSessionCount() == 1 && valueAt(client, "v") == 2; }, 30000));
   attributeAt<Int>(client.node, "v")->setValue(3);
   EXPECT_TRUE(pumpUntil({&server.peer, &client.peer}, [&] { return valueAt(server, "v") == 3; }));
+}
+
+TEST(PeerHubTest, APeersTurnServesOnlyItsOwnSessions)
+{
+  Member server;
+  ASSERT_TRUE(server.peer.listen("127.0.0.1", 0));
+  Member client;
+  client.peer.connectTo("127.0.0.1", server.peer.listeningPort());
+  ASSERT_TRUE(client.node.addDeepAttribute("v", new Int(1)));
+  ASSERT_TRUE(pumpUntil({&server.peer, &client.peer}, [&] { return valueAt(server, "v") == 1; }));
+
+  // The client's change reaches the server's connection, which wakes the server's loop; the
+  // client's turns meanwhile leave the server's session alone: it is the server's turns' work.
+  server.peer.updateOnWake();
+  attributeAt<Int>(client.node, "v")->setValue(2);
+  client.peer.update();
+  pollfd woken{server.peer.wakeDescriptor(), POLLIN, 0};
+  ASSERT_EQ(::poll(&woken, 1, 5000), 1);
+  for (int i = 0; i < 3; ++i)
+    client.peer.update();
+  EXPECT_EQ(valueAt(server, "v"), 1);
+  EXPECT_TRUE(pumpUntil({&server.peer}, [&] { return valueAt(server, "v") == 2; }));
 }
 
 namespace

@@ -343,3 +343,35 @@ TEST(SessionDataPathTest, AnAttributeRemovedBeforeACutAndAddedAgainKeepsItsNewVa
     EXPECT_EQ(attributeAt<Int>(s.b, "s/n/x")->value(), 4);
   }
 }
+
+TEST(SessionDataPathTest, AnAttributeItsOwnerRemovesAgainAsSoonAsItComesBackGoesOnBothSides)
+{
+  for (const bool wholeNode : {false, true}) {
+    SCOPED_TRACE(wholeNode ? "node removed" : "attribute removed");
+    LinkedSessions s;
+    s.start(params(true), params(true));
+    ASSERT_TRUE(s.b.addDeepAttribute("s/n/x", new Int(1)));
+    ASSERT_TRUE(s.settle());
+    ASSERT_NE(attributeAt<Int>(s.a, "s/n/x"), nullptr);
+    auto removeOnB = [&] {
+      if (wholeNode)
+        attributeAt<Carafe::Node>(s.b, "s")->removeAttribute("n");
+      else
+        attributeAt<Carafe::Node>(s.b, "s/n")->removeAttribute("x");
+    };
+
+    // b's removal is lost with the session; a's announcement in the next one brings x back to b,
+    // which removes it again before its next pass.
+    removeOnB();
+    s.b.update();
+    s.cb->collect();
+    s.start(params(true), params(true));
+    s.a.update();
+    s.cb->process(s.ca->collect());
+    ASSERT_NE(attributeAt<Int>(s.b, "s/n/x"), nullptr);
+    removeOnB();
+    ASSERT_TRUE(s.settle());
+    EXPECT_EQ(attributeAt<Int>(s.b, "s/n/x"), nullptr);
+    EXPECT_EQ(attributeAt<Int>(s.a, "s/n/x"), nullptr);
+  }
+}

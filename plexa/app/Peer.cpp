@@ -78,7 +78,7 @@ namespace Plexa
         , options(options)
         , traffic(std::make_shared<TrafficMeter>())
         , assets(options.fileRoot.isEmpty() ? nullptr : new AssetBase(options.fileRoot))
-        , factory(*this, traffic, assets.get())
+        , factory(*this, traffic, assets.get(), options.pingTimeoutSecs)
         , wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
     {
       if (wakeFd < 0)
@@ -212,12 +212,12 @@ namespace Plexa
       std::vector<std::function<void()>> calls;
       takeInbox(calls);
       endSessions(calls);
-      BundleController::update();
+      updateSessions();
       node.update();
       if (releaseHeldSessions()) {
         // What the released sessions queued while they held (their echo of the peer's
         // announcement among it) leaves now, before the application changes the tree again.
-        BundleController::update();
+        updateSessions();
       }
       checkLimits();
       checkFetchTimes(calls);
@@ -226,6 +226,21 @@ namespace Plexa
       for (const std::function<void()>& call : calls)
         call();
       Carafe::Node::processAfterUpdate();
+    }
+
+    /// Services this Peer's own sessions only: the process-wide `BundleController::update` would
+    /// serve every Peer's sessions on every Peer's turn, so that a process running n Peers did n
+    /// times the work of all of them in each round of its loops.
+    void updateSessions()
+    {
+      // Taken first: a task's listener may start or end sessions.
+      std::vector<std::shared_ptr<BundleController>> controllers;
+      controllers.reserve(sessions.size());
+      for (const Session& s : sessions)
+        if (std::shared_ptr<BundleController> controller = s.session->controller())
+          controllers.push_back(std::move(controller));
+      for (const std::shared_ptr<BundleController>& controller : controllers)
+        controller->updateSession();
     }
 
     void takeInbox(std::vector<std::function<void()>>& calls)

@@ -50,6 +50,11 @@ namespace Plexa
     /// ends as Stalled: a peer that keeps the connection alive but stops sending cannot hold it.
     /// 0 or less: no limit.
     int fetchStallMs = 30000;
+    /// Seconds a connection may stay silent (no byte, not even the answer to a keep-alive ping)
+    /// before it is dropped as dead and its slot freed: a stopped process or a cut cable holds a
+    /// connection open without a word. 0 or less: the connection's own default (10 s, 60 s for
+    /// connections that serve files).
+    double pingTimeoutSecs = 0;
   };
 
   /// How a fetch ended.
@@ -79,9 +84,10 @@ namespace Plexa
   ///
   /// Threads: the tree and every call below except `wake()` and the statistics belong to the
   /// application thread, the one that calls `waitAndUpdate`/`update`. Callbacks run there too.
-  /// `update` services the sessions of every Peer in the process (their controllers share one
-  /// list), so all Peers of a process must be driven from that one thread. The node must outlive
-  /// the Peer.
+  /// `update` services this Peer's own sessions only, so a turn costs what they need whatever
+  /// else the process runs; the Peers of a process still share the tree's after-update queue and
+  /// the controllers' list, so all of them must be driven from that one thread. The node must
+  /// outlive the Peer.
   ///
   /// Typical use:
   ///

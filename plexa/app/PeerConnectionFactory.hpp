@@ -23,7 +23,9 @@ namespace Plexa
   {
   public:
     /// `host` and `assets` (may be null: no file transfer) must outlive every connection's thread.
-    PeerConnectionFactory(SessionHost& host, std::shared_ptr<TrafficMeter> traffic, AssetBase* assets);
+    /// `pingTimeoutSecs` above 0 replaces the connections' own ping timeout.
+    PeerConnectionFactory(SessionHost& host, std::shared_ptr<TrafficMeter> traffic, AssetBase* assets,
+                          double pingTimeoutSecs = 0);
 
     /// A connection over `socket` (owned from now on; null for a client), not started yet.
     std::shared_ptr<ConnectionThread> create(Bastion::TCPSocket* socket, bool accepted,
@@ -33,5 +35,6 @@ namespace Plexa
     SessionHost& m_host;
     const std::shared_ptr<TrafficMeter> m_traffic;
     AssetBase* const m_assets;
+    const double m_pingTimeoutSecs;
   };
 }

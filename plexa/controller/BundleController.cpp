@@ -128,15 +128,25 @@ namespace Plexa
       }
     }
     // The list's lock is not held from here on: tasks may queue tasks and create controllers.
-    for (const std::shared_ptr<Core>& core : cores) {
-      // A core whose node has gone is skipped at once; the servicing removes it.
-      if (core->nodeDestroyed())
-        continue;
-      core->ensureIsInitialized();
-      core->runTasks();
-      if (core->isEnabled())
-        core->sendUpdates();
-    }
+    for (const std::shared_ptr<Core>& core : cores)
+      updateCore(*core);
+  }
+
+  void BundleController::updateSession()
+  {
+    if (const std::shared_ptr<Core> core = m_weakCore.lock())
+      updateCore(*core);
+  }
+
+  void BundleController::updateCore(Core& core)
+  {
+    // A core whose node has gone is skipped at once; the servicing removes it.
+    if (core.nodeDestroyed())
+      return;
+    core.ensureIsInitialized();
+    core.runTasks();
+    if (core.isEnabled())
+      core.sendUpdates();
   }
 
   int BundleController::controllerCount()

@@ -68,6 +68,11 @@ namespace Plexa
     /// is initialised, its queued tasks run in order, and an enabled one then does its outgoing
     /// work (remote node update, send pass, connection send). Application's update thread.
     static void update();
+    /// Services this controller alone, as `update()` services each: a process running many
+    /// sessions on their own update loops (a Peer each) serves on each turn only the sessions of
+    /// that loop, so a turn costs what its own sessions need, not what every session of the
+    /// process does. Update thread of this controller's node.
+    void updateSession();
     /// Controllers in the process-wide list (destroyed nodes included until the next servicing).
     static int controllerCount();
 
@@ -86,6 +91,8 @@ namespace Plexa
     /// Queued after a controller's node went or a controller ended: drops the list's entries of
     /// both kinds and releases the cores of destroyed nodes.
     static void service();
+    /// What `update()` and `updateSession()` do for one core.
+    static void updateCore(Core& core);
     static void requestServicing();
 
     RemoteNode& m_node;

@@ -69,7 +69,7 @@ namespace Plexa
     // queue all of it once now, so the peer's first pass announces the complete tree.
     m_changeSender->sendInitialValues();
 
-    m_removeReceiver = std::make_shared<AttributeRemoveReceiver>(node, *m_storage, *m_changeSender);
+    m_removeReceiver = std::make_shared<AttributeRemoveReceiver>(node, *m_storage, *m_receivedSymbols, *m_changeSender);
     addReceiver(ModuleNames::AttributeRemove, m_removeReceiver);
 
     m_newReceiver =

@@ -1,6 +1,7 @@
 #include "plexa/receive/AttributeRemoveReceiver.hpp"
 
 #include "bastion/Log.hpp"
+#include "bastion/SymbolRegistry.hpp"
 #include "plexa/bundle/BundleReaderCore.hpp"
 #include "plexa/receive/AttributeStorage.hpp"
 #include "plexa/receive/NodeChangeSender.hpp"
@@ -9,9 +10,10 @@
 namespace Plexa
 {
   AttributeRemoveReceiver::AttributeRemoveReceiver(RemoteNode& node, AttributeStorage& storage,
-                                                   NodeChangeSender& sender)
+                                                   const Bastion::SymbolRegistry& received, NodeChangeSender& sender)
       : m_node(node)
       , m_storage(storage)
+      , m_received(received)
       , m_sender(sender)
   {
   }
@@ -21,6 +23,13 @@ namespace Plexa
     while (!reader.atEnd()) {
       const uint32_t symbol = reader.readValue<uint32_t>();
       PlexaSessionAttribute* session = m_storage.findByReadSymbol(symbol);
+      QByteArray path;
+      if (!session && m_received.lookup(symbol, path)) {
+        // Never creates a record: a removal of a path this side has no record of has nothing to do.
+        session = m_storage.findByPath(path);
+        if (session && session->readSymbol == 0)
+          m_storage.indexByReadSymbol(symbol, session);
+      }
       if (!session) {
         if (mayLogRecord("AttributeRemoveHandler::handleBundle"))
           Bastion::error("AttributeRemoveHandler::handleBundle # Failed to find attribute with symbol %u", symbol);

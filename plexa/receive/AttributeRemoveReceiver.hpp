@@ -2,6 +2,11 @@
 
 #include "plexa/session/BundleReceiver.hpp"
 
+namespace Bastion
+{
+  class SymbolRegistry;
+}
+
 namespace Plexa
 {
   class AttributeStorage;
@@ -10,18 +15,22 @@ namespace Plexa
 
   /// Applies the peer's removals (the peer's symbol per record): an attribute this side created
   /// because the peer announced it is deleted, one that existed here before is kept; either way
-  /// the record then reads later values past. Update thread only; the node, the storage and the
-  /// sender must outlive it.
+  /// the record then reads later values past. A removal may name a path the peer never announced
+  /// in this session (it removed its copy of this side's announcement before its next pass): the
+  /// record is then found by the path of the peer's symbol (`received`). Update thread only; the
+  /// node, the storage, the registry and the sender must outlive it.
   class AttributeRemoveReceiver : public BundleReceiver
   {
   public:
-    AttributeRemoveReceiver(RemoteNode& node, AttributeStorage& storage, NodeChangeSender& sender);
+    AttributeRemoveReceiver(RemoteNode& node, AttributeStorage& storage, const Bastion::SymbolRegistry& received,
+                            NodeChangeSender& sender);
 
     void handleBundle(BundleReaderCore& reader, const BundleHeader& header, BundleDispatcher& session) override;
 
   private:
     RemoteNode& m_node;
     AttributeStorage& m_storage;
+    const Bastion::SymbolRegistry& m_received;
     NodeChangeSender& m_sender;
   };
 }

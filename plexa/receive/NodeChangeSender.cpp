@@ -183,7 +183,13 @@ namespace Plexa
       Bastion::Guard lock(m_changeMutex);
       m_batch.swap(m_queue);
     }
-    m_compressor.compress(m_batch, m_changes);
+    // An attribute the peer announced and this side removed again before its next pass (its
+    // copy arrived here and the application took it out at once) is the peer's too: the peer
+    // must hear the removal, though it never heard of the addition.
+    m_compressor.compress(m_batch, m_changes, [this](uint32_t symbol) {
+      const PlexaSessionAttribute* session = m_storage.findBySymbol(symbol);
+      return session && session->peerTypeId != 0;
+    });
   }
 
   // ---------------------------------------------------------------------------------------------
@@ -322,6 +328,10 @@ namespace Plexa
     session.serializer = std::move(serializer);
     session.typeId = typeId;
     session.size = size;
+    // The object the peer learns of at this path: when it was created for a peer (in this session
+    // or an earlier one), the peer's removal deletes it, also when the peer never announces the
+    // path back (it took its copy out again before its next pass). Anything else it keeps.
+    session.createdMark = m_node.createdByPeerMark(attribute);
 
     uint32_t hasValue = 0;
     if (session.existedLocally && session.receivedSequence == 0)

@@ -62,7 +62,7 @@ namespace PlexaTest
         , symbols(received)
         , added(node, storage, received, types, sender)
         , updates(storage, sender)
-        , removals(node, storage, sender)
+        , removals(node, storage, received, sender)
         , events(received)
     {
       sender.setMessageType(dispatcher.messageTypeFor("Corvanta.Plexa.SymbolRegistry"));

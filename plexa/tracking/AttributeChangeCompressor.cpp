@@ -73,13 +73,14 @@ namespace Plexa
       while (m_index[pos] != 0)
         pos = (pos + 1) & mask;
     }
-    m_states.push_back({symbol, -1, false, false, false});
+    m_states.push_back({symbol, -1, -1, false, false, false});
     m_index[pos] = uint32_t(m_states.size());
     m_indexKeys[pos] = symbol;
     return uint32_t(m_states.size() - 1);
   }
 
-  void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& events, std::vector<ChangeData>& out)
+  void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& events, std::vector<ChangeData>& out,
+                                           const PeerHolds& peerHolds)
   {
     out.clear();
     m_scratch.clear();
@@ -103,6 +104,8 @@ namespace Plexa
       m_eventSlots[i] = slot;
       if (e.type == NodeWatcher::AttributeAdded && m_states[slot].firstAdded < 0)
         m_states[slot].firstAdded = int64_t(i);
+      if (e.type == NodeWatcher::AttributeRemoved && m_states[slot].firstRemoved < 0)
+        m_states[slot].firstRemoved = int64_t(i);
     }
 
     // Backwards: keep the last change of a run, drop what a later removal covers.
@@ -118,13 +121,20 @@ namespace Plexa
             continue;
           st.superseded = true;
           break;
-        case NodeWatcher::AttributeRemoved:
+        case NodeWatcher::AttributeRemoved: {
+          const bool later = st.removed;
           st.superseded = true;
           st.removed = true;
-          // Born and died inside this batch: the peer never hears of it.
-          if (st.firstAdded >= 0 && st.firstAdded < int64_t(k))
-            continue;
+          // Born and died inside this batch: the peer never hears of it, unless it holds a copy
+          // of its own (it announced the path, and the addition here was that copy's arrival).
+          // Then the last removal goes, when no removal before the addition already does.
+          if (st.firstAdded >= 0 && st.firstAdded < int64_t(k)) {
+            const bool removedBefore = st.firstRemoved < st.firstAdded;
+            if (later || removedBefore || !peerHolds || !peerHolds(e.symbol))
+              continue;
+          }
           break;
+        }
         default: // AttributeAdded
           if (st.removed)
             continue;

@@ -3,6 +3,7 @@
 #include "plexa/tracking/NodeWatcher.hpp"
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace Plexa
@@ -27,7 +28,7 @@ namespace Plexa
   ///
   ///   Changed, ..., Changed        one Changed, at the position of the last one
   ///   Added, Changed...            one Added (changedSinceAdded), at the Added's position
-  ///   Added, ..., Removed          nothing
+  ///   Added, ..., Removed          nothing, or the last Removed when the peer holds the attribute
   ///   Changed, Removed             one Removed
   ///   Removed, Added               both, in that order
   ///   Removed, Added, Removed      the first Removed
@@ -40,8 +41,14 @@ namespace Plexa
   class AttributeChangeCompressor
   {
   public:
-    /// Clears `out` and fills it with the reduced changes of `events`.
-    void compress(const std::vector<NodeWatcher::Event>& events, std::vector<ChangeData>& out);
+    /// Tells whether the peer holds an attribute of its own at the symbol's path (it announced
+    /// it), so that an addition and removal within one batch must still reach it as a removal.
+    using PeerHolds = std::function<bool(uint32_t symbol)>;
+
+    /// Clears `out` and fills it with the reduced changes of `events`. `peerHolds` is asked only
+    /// about symbols added and then removed within the batch; empty: the peer holds none.
+    void compress(const std::vector<NodeWatcher::Event>& events, std::vector<ChangeData>& out,
+                  const PeerHolds& peerHolds = PeerHolds());
 
   private:
     struct SymbolState
@@ -49,6 +56,8 @@ namespace Plexa
       uint32_t symbol;
       /// Index of the first AttributeAdded of the symbol in the batch, or -1.
       int64_t firstAdded;
+      /// Index of the first AttributeRemoved of the symbol in the batch, or -1.
+      int64_t firstRemoved;
       /// A later change or removal has already been kept.
       bool superseded;
       /// Removed later in the batch.

@@ -61,11 +61,11 @@ namespace
     return out;
   }
 
-  Changes compress(const Events& events)
+  Changes compress(const Events& events, const AttributeChangeCompressor::PeerHolds& peerHolds = {})
   {
     AttributeChangeCompressor compressor;
     Changes out{{Changed, 99, true}};
-    compressor.compress(events, out);
+    compressor.compress(events, out, peerHolds);
     return out;
   }
 }
@@ -93,6 +93,16 @@ TEST(AttributeChangeCompressorTest, ReducesEachSequenceOfOneSymbol)
   };
   for (size_t i = 0; i < rows.size(); ++i)
     EXPECT_EQ(compress(rows[i].in), rows[i].expected) << "row " << i;
+
+  // The peer holds a copy of its own: one removal reaches it, and only for the symbol it holds.
+  const auto holdsA = [a](uint32_t symbol) { return symbol == a; };
+  const Changes removed{{Removed, a, false}};
+  EXPECT_EQ(compress({{Added, a}, {Changed, a}, {Removed, a}}, holdsA), removed);
+  EXPECT_EQ(compress({{Added, a}, {Removed, a}, {Added, a}, {Removed, a}}, holdsA), removed);
+  EXPECT_EQ(compress({{Removed, a}, {Added, a}, {Removed, a}}, holdsA), removed);
+  EXPECT_EQ(compress({{Added, a}, {Removed, a}, {Added, a}}, holdsA),
+            (Changes{{Removed, a, false}, {Added, a, false}}));
+  EXPECT_EQ(compress({{Added, 3}, {Removed, 3}}, holdsA), Changes{});
 }
 
 TEST(AttributeChangeCompressorTest, KeepsInputOrderAcrossSymbolsAndNodeEventsInPlace)

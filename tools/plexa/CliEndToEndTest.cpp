@@ -3,10 +3,14 @@
 
 #include "CliTestSupport.hpp"
 
+#include "plexa/app/PeerTestSupport.hpp"
 #include "plexa/files/FileTestSupport.hpp"
+#include "plexa/remote/RemoteNode.hpp"
 
+#include "bastion/LogCapture.hpp"
 #include "bastion/TCPServerSocket.hpp"
 #include "bastion/TCPSocket.hpp"
+#include "carafe/AttributeT.hpp"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -22,6 +26,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <memory>
 #include <thread>
@@ -454,4 +459,57 @@ TEST_F(CliEndToEnd, SetWaitsUntilALateServerHasAcknowledgedTheValues)
   EXPECT_GE(clock.elapsed(), StallingProxy::HoldMs);
   auto dump = run({"dump", address});
   EXPECT_TRUE(dump->out().contains("late (int) = 41\n")) << dump->out().toStdString();
+}
+
+TEST_F(CliEndToEnd, AStoppedWatcherIsDroppedWithinThePingTimeoutAndCatchesUpWhenItResumes)
+{
+  Bastion::LogCapture log;
+  using Int = Carafe::AttributeT<int>;
+  Plexa::PeerOptions options;
+  options.maxConnections = 1;
+  options.pingTimeoutSecs = 2;
+  Plexa::RemoteNode tree(nullptr, "scene");
+  auto* v = new Int(1);
+  tree.addAttribute("v", v);
+  Plexa::Peer server(tree, options);
+  ASSERT_TRUE(server.listen("127.0.0.1", 0));
+  Program watcher(home, {"watch", QString("127.0.0.1:%1").arg(server.listeningPort()), "--json"});
+  // The server runs on this thread: it turns between short reads of the watcher's output.
+  auto serveUntilLine = [&](const QString& pattern) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < deadline) {
+      server.waitAndUpdate(5);
+      if (!watcher.waitForLine(pattern, 5).isEmpty())
+        return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(serveUntilLine(R"("path":"v",.*"value":1\})")) << watcher.out().toStdString();
+
+  // The stopped process's kernel keeps the connection open; nothing comes back.
+  watcher.signal(SIGSTOP);
+  const auto stopped = std::chrono::steady_clock::now();
+  ASSERT_TRUE(pumpUntil(
+      {&server}, [&] { return server.sessionCount() == 0; }, 15000));
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - stopped).count();
+  EXPECT_LE(seconds, options.pingTimeoutSecs + 3.0);
+  const std::vector<QByteArray> lines = log.texts();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const QByteArray& text) { return text.endsWith(": Ping timeout, disconnecting"); }),
+            1);
+
+  // Its place is free: with room for one connection, another client gets in and gets the tree.
+  {
+    Plexa::RemoteNode mirror(nullptr, "scene");
+    Plexa::Peer other(mirror);
+    other.connectTo("127.0.0.1", server.listeningPort());
+    EXPECT_TRUE(pumpUntil({&server, &other}, [&] { return attributeAt<Int>(mirror, "v") != nullptr; }));
+  }
+  ASSERT_TRUE(pumpUntil({&server}, [&] { return server.sessionCount() == 0; }));
+
+  // Resumed, the watcher finds its connection gone, connects again and gets what changed meanwhile.
+  v->setValue(2);
+  watcher.signal(SIGCONT);
+  EXPECT_TRUE(serveUntilLine(R"("path":"v",.*"value":2\})")) << watcher.out().toStdString();
+  EXPECT_EQ(server.sessionCount(), 1);
 }

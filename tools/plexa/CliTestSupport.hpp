@@ -11,9 +11,19 @@
 
 #include <csignal>
 
+#include <sys/prctl.h>
+
 namespace PlexaTest
 {
   constexpr int WaitMs = 20000;
+
+  /// A child that the kernel kills when the test process dies, however it dies: a child the test
+  /// stopped (SIGSTOP) would otherwise stay behind, stopped, after a crash.
+  class ChildProcess : public QProcess
+  {
+  protected:
+    void setupChildProcess() override { ::prctl(PR_SET_PDEATHSIG, SIGKILL); }
+  };
 
   /// One run of the program, with HOME and the XDG folders in a temporary folder of the test (the
   /// library keeps settings and file lists there).
@@ -70,12 +80,14 @@ namespace PlexaTest
 
     bool running() const { return m_process.state() != QProcess::NotRunning; }
 
-    /// Ctrl-C. Nothing when the program has ended: its id is then 0, which would signal the
-    /// test's own process group.
-    void interrupt()
+    void interrupt() { signal(SIGINT); }
+    /// Sends `number` to the program (SIGSTOP and SIGCONT stop and resume it; the destructor's
+    /// kill ends a stopped one too). Nothing when the program has ended: its id is then 0, which
+    /// would signal the test's own process group.
+    void signal(int number)
     {
       if (m_process.processId() > 0)
-        ::kill(pid_t(m_process.processId()), SIGINT);
+        ::kill(pid_t(m_process.processId()), number);
     }
 
     /// Waits for the exit; its status, or -1 when it did not end.
@@ -92,7 +104,7 @@ namespace PlexaTest
     const QString& err() const { return m_err; }
 
   private:
-    QProcess m_process;
+    ChildProcess m_process;
     QString m_out;
     QString m_err;
   };
