@@ -45,6 +45,15 @@ namespace BenchReport
     return s;
   }
 
+  /// The same figures in another unit (seconds as milliseconds, a total per item...).
+  inline Stats scaled(Stats s, double factor)
+  {
+    s.median *= factor;
+    s.min *= factor;
+    s.max *= factor;
+    return s;
+  }
+
   /// "5 runs 410.2..460.9" with `format` for the numbers; "-" for a figure that is not timed.
   inline std::string spread(const Stats& s, const char* format)
   {

@@ -46,12 +46,4 @@ namespace Plexa
     for (uint32_t i = uint32_t(length); i < padded; ++i)
       out[i] = 0;
   }
-
-  void BundleWriterCore::writeBinary(const QByteArray& bytes)
-  {
-    const uint32_t count = uint32_t(bytes.size());
-    writeValue(count);
-    if (count != 0)
-      write(bytes.constData(), count);
-  }
 }

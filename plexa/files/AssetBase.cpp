@@ -25,6 +25,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace Plexa
 {
@@ -163,9 +164,10 @@ namespace Plexa
     void serveRebuildRequests() BASTION_NO_THREAD_SAFETY_ANALYSIS;
     /// One level of the directory scan of the folder open as `folder` (closed here); `relative`
     /// begins and ends with '/'. `cursor` walks `old` alongside the scan, which meets paths mostly
-    /// in the list's order, so most lookups are one comparison.
+    /// in the list's order, so most lookups are one comparison. The rows of `old` whose file is
+    /// unchanged go to `kept`, the files to hash to `toHash`.
     void scan(const RootDirectory& root, int folder, const QString& relative, int depth, const FileList& old,
-              FileList::const_iterator& cursor, FileList& result, QList<Pending>& toHash)
+              FileList::const_iterator& cursor, std::vector<FileList::const_iterator>& kept, QList<Pending>& toHash)
         BASTION_REQUIRES(fileListMutex, removeQueueMutex);
     /// Hashes one file through `root`; false (logged) when it is not a regular file below the root
     /// or cannot be read to its end.
@@ -251,8 +253,8 @@ namespace Plexa
   }
 
   void AssetBase::D::scan(const RootDirectory& root, int folder, const QString& relative, int depth,
-                          const FileList& old, FileList::const_iterator& cursor, FileList& result,
-                          QList<Pending>& toHash)
+                          const FileList& old, FileList::const_iterator& cursor,
+                          std::vector<FileList::const_iterator>& kept, QList<Pending>& toHash)
   {
     std::unique_ptr<DIR, DirCloser> dir(fdopendir(folder));
     if (!dir) {
@@ -285,7 +287,7 @@ namespace Plexa
         const int child = ::openat(dirfd(dir.get()), encoded.constData(),
                                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
         if (child >= 0)
-          scan(root, child, relative + name + '/', depth + 1, old, cursor, result, toHash);
+          scan(root, child, relative + name + '/', depth + 1, old, cursor, kept, toHash);
         continue;
       }
       const QString path = relative + name;
@@ -303,7 +305,7 @@ namespace Plexa
       if (previous != old.cend())
         cursor = std::next(previous);
       if (previous != old.cend() && previous->time == modified)
-        result.insert(result.cend(), path, *previous);
+        kept.push_back(previous);
       else
         toHash.append({path, modified, link});
     }
@@ -410,6 +412,9 @@ namespace Plexa
     const RootDirectory root(rootPath);
     FileList result;
     QList<Pending> toHash;
+    // Whether the scan found every listed file unchanged and nothing new: then the list stays as it
+    // is, and no copy of it is made (on a large tree, making one costs about as much as the scan).
+    bool unchanged = false;
     {
       Bastion::Guard listGuard(fileListMutex);
       Bastion::Guard queueGuard(removeQueueMutex);
@@ -417,8 +422,14 @@ namespace Plexa
       enteredDuringRebuild.clear();
       const int top = root.open("/", O_RDONLY | O_DIRECTORY | O_NONBLOCK);
       FileList::const_iterator cursor = fileList.cbegin();
+      std::vector<FileList::const_iterator> kept;
       if (top >= 0)
-        scan(root, top, QStringLiteral("/"), 0, fileList, cursor, result, toHash);
+        scan(root, top, QStringLiteral("/"), 0, fileList, cursor, kept, toHash);
+      unchanged = toHash.isEmpty() && kept.size() == size_t(fileList.size());
+      if (!unchanged) {
+        for (const FileList::const_iterator& row : kept)
+          result.insert(result.cend(), row.key(), row.value());
+      }
     }
 
     QByteArray block(FileHashBlockSize, Qt::Uninitialized);
@@ -433,11 +444,16 @@ namespace Plexa
     }
 
     Bastion::Guard listGuard(fileListMutex);
-    for (auto it = enteredDuringRebuild.cbegin(); it != enteredDuringRebuild.cend(); ++it)
-      result.insert(it.key(), it.value());
+    // After an unchanged scan the list is already what it found, plus the rows of downloads that
+    // finished meanwhile, which entered them into it and published it.
+    if (!unchanged) {
+      for (auto it = enteredDuringRebuild.cbegin(); it != enteredDuringRebuild.cend(); ++it)
+        result.insert(it.key(), it.value());
+    }
     // An unchanged list keeps its published snapshot: copying it again would cost more than the scan.
     // Without hashing, the new list holds old rows only, unchanged: it differs when it lost some.
-    const bool differs = !toHash.isEmpty() || !enteredDuringRebuild.isEmpty() || result.size() != fileList.size();
+    const bool differs =
+        !unchanged && (!toHash.isEmpty() || !enteredDuringRebuild.isEmpty() || result.size() != fileList.size());
     const bool changed = fileListUnsaved || differs;
     rebuilding = false;
     enteredDuringRebuild.clear();
@@ -448,7 +464,7 @@ namespace Plexa
     if (running) {
       // An unchanged list is not written again: rewriting every row costs more than the whole rescan.
       if (changed)
-        saveFileList(result);
+        saveFileList(fileList);
       fileListUnsaved = false;
     } else {
       fileListUnsaved = true;

@@ -78,6 +78,25 @@ namespace Plexa
       DuplicateUpload = 16
     };
 
+    /// Every this many parts of a download (8 MiB), the disk write of those just written is started.
+    /// The file is flushed before it is moved into place; without this the flush would write the
+    /// whole file at the end, while the link waits, instead of alongside the transfer.
+    constexpr qint64 WritebackParts = 128;
+
+    /// After part `last` of `fd` when it ends a run of WritebackParts: starts writing that run to
+    /// disk, without waiting for it.
+    void startWriteback(int fd, qint64 last)
+    {
+#ifdef __linux__
+      if (last % WritebackParts == 0)
+        ::sync_file_range(fd, (last - WritebackParts) * FilePartSize, WritebackParts * FilePartSize,
+                          SYNC_FILE_RANGE_WRITE);
+#else
+      (void)fd;
+      (void)last;
+#endif
+    }
+
     /// How much of a refused path a log line shows.
     constexpr int LoggedPathChars = 200;
 
@@ -535,6 +554,7 @@ namespace Plexa
                        loggedText(temporaryName).constData(), qt_error_string(writeError).toUtf8().constData());
       return;
     }
+    startWriteback(fd, partNumber);
     d->assets.increasePartCount(path);
     // Hashed on the hasher's thread while this one goes on reading; waited for before the check.
     d->hasher.add(d->assets.downloadListHash(path), bytes);

@@ -12,6 +12,7 @@ namespace Plexa
   PartHasher::PartHasher(qint64 queueLimit)
       : Bastion::Thread("Plexa::Hasher")
       , m_queueLimit(queueLimit)
+      , m_wakeLevel(std::max<qint64>(1, std::min(WakeBytes, queueLimit / 2)))
   {
   }
 
@@ -36,19 +37,27 @@ namespace Plexa
     }
     Bastion::Guard guard(m_mutex);
     // One piece larger than the limit still goes in once the queue is empty.
-    while (m_queuedBytes > 0 && m_queuedBytes + data.size() > m_queueLimit)
+    while (m_queuedBytes > 0 && m_queuedBytes + data.size() > m_queueLimit) {
+      m_producerWaiting = true;
+      m_changed.wakeAll();
       m_changed.wait(m_mutex);
+    }
+    m_producerWaiting = false;
     m_queuedBytes += data.size();
     m_peakQueuedBytes = std::max(m_peakQueuedBytes, m_queuedBytes);
     m_queue.push_back({std::move(hash), std::move(data)});
-    m_changed.wakeAll();
+    if (m_hasherWaiting && m_queuedBytes >= m_wakeLevel)
+      m_changed.wakeAll();
   }
 
   void PartHasher::waitIdle()
   {
     Bastion::Guard guard(m_mutex);
+    ++m_idleWaiters;
+    m_changed.wakeAll();
     while (!m_queue.empty() || m_busy)
       m_changed.wait(m_mutex);
+    --m_idleWaiters;
   }
 
   qint64 PartHasher::peakQueuedBytes() const
@@ -61,10 +70,15 @@ namespace Plexa
   {
     Bastion::Guard guard(m_mutex);
     for (;;) {
-      if (m_queue.empty()) {
-        if (m_stopping)
-          return;
+      if (m_queue.empty() && m_stopping)
+        return;
+      // Rest while there is little to do and nobody waits for the hasher.
+      if (m_queue.empty() ||
+          (!m_busy && m_queuedBytes < m_wakeLevel && !m_stopping && !m_producerWaiting && m_idleWaiters == 0)) {
+        m_hasherWaiting = true;
         m_changed.wait(m_mutex);
+        m_hasherWaiting = false;
+        m_busy = !m_queue.empty();
         continue;
       }
       Piece piece = std::move(m_queue.front());
@@ -75,9 +89,12 @@ namespace Plexa
       const qint64 size = piece.data.size();
       piece = Piece();
       m_mutex.lock();
-      m_busy = false;
       m_queuedBytes -= size;
-      m_changed.wakeAll();
+      // Busy until the queue is empty: once awake, the hasher drains it without resting.
+      m_busy = !m_queue.empty();
+      if ((m_producerWaiting && (m_queuedBytes <= m_queueLimit / 2 || m_queue.empty())) ||
+          (m_idleWaiters > 0 && m_queue.empty()))
+        m_changed.wakeAll();
     }
   }
 }

@@ -18,12 +18,18 @@ namespace Plexa
   /// together, and on one thread the link would wait for it. The bytes waiting are bounded: add()
   /// blocks while more than the limit is queued, which holds the sender back through TCP.
   ///
+  /// Each side sleeps and is woken in batches, not once per part: a hasher that has caught up
+  /// rests until WakeBytes are queued (or someone waits for it), and a blocked add() is woken once
+  /// half the limit is free. A wake costs two thread switches, as much as hashing a few KiB.
+  ///
   /// add() and waitIdle() are meant for one thread (the connection's); the thread starts with the
   /// first add() and ends in the destructor, after hashing what is queued.
   class PartHasher : public Bastion::Thread
   {
   public:
     static constexpr qint64 DefaultQueueLimit = 4 << 20;
+    /// Queued bytes that wake a resting hasher (at most half the limit).
+    static constexpr qint64 WakeBytes = 256 << 10;
 
     explicit PartHasher(qint64 queueLimit = DefaultQueueLimit);
     ~PartHasher() override;
@@ -47,12 +53,16 @@ namespace Plexa
     };
 
     const qint64 m_queueLimit;
+    const qint64 m_wakeLevel;
     mutable Bastion::Mutex m_mutex;
     Bastion::Condition m_changed;
     std::deque<Piece> m_queue BASTION_GUARDED_BY(m_mutex);
     qint64 m_queuedBytes BASTION_GUARDED_BY(m_mutex) = 0;
     qint64 m_peakQueuedBytes BASTION_GUARDED_BY(m_mutex) = 0;
     bool m_busy BASTION_GUARDED_BY(m_mutex) = false;
+    bool m_hasherWaiting BASTION_GUARDED_BY(m_mutex) = false;
+    bool m_producerWaiting BASTION_GUARDED_BY(m_mutex) = false;
+    int m_idleWaiters BASTION_GUARDED_BY(m_mutex) = 0;
     bool m_stopping BASTION_GUARDED_BY(m_mutex) = false;
   };
 }

@@ -1,9 +1,10 @@
 #pragma once
 
+#include "plexa/files/Md5.hpp"
+
 #include "bastion/Mutex.hpp"
 
 #include <QByteArray>
-#include <QCryptographicHash>
 
 namespace Plexa
 {
@@ -22,6 +23,6 @@ namespace Plexa
 
   private:
     mutable Bastion::Mutex m_mutex;
-    QCryptographicHash m_hash BASTION_GUARDED_BY(m_mutex){QCryptographicHash::Md5};
+    Md5 m_hash BASTION_GUARDED_BY(m_mutex);
   };
 }
