@@ -98,11 +98,8 @@ namespace Plexa
 
     Bastion::Guard lock(m_changeMutex);
     PlexaSessionAttribute* session = m_storage.findBySymbol(e.symbol);
-    if (!session && e.type == NodeWatcher::AttributeAdded) {
-      const QByteArray path = pathOf(e.symbol);
-      if (!path.isNull())
-        session = m_storage.createForPath(path);
-    }
+    if (!session && e.type == NodeWatcher::AttributeAdded && !pathOf(e.symbol).isNull())
+      session = m_storage.createForSymbol(e.symbol);
     if (!session) {
       Bastion::error("NodeChangeSender::onAttributeChange # Could not find a session attribute for the given change");
       return;
