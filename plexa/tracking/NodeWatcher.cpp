@@ -129,6 +129,7 @@ namespace Plexa
     void ignoreOne(const Event& event) BASTION_EXCLUDES(m_ignoreMutex);
     void stopIgnoring(const Event& event) BASTION_EXCLUDES(m_ignoreMutex);
     bool isPendingUpdate(uint32_t symbol) const BASTION_EXCLUDES(m_queueMutex);
+    std::vector<uint32_t> pendingSymbols() const BASTION_EXCLUDES(m_queueMutex);
 
   private:
     /// Calls the listeners without any lock of the watcher held.
@@ -596,6 +597,19 @@ namespace Plexa
     return false;
   }
 
+  std::vector<uint32_t> NodeWatcher::D::pendingSymbols() const
+  {
+    std::vector<uint32_t> symbols;
+    {
+      Bastion::Guard lock(m_queueMutex);
+      symbols.reserve(m_pending.size());
+      for (const auto& record : m_pending)
+        symbols.push_back(record->symbol);
+    }
+    std::sort(symbols.begin(), symbols.end());
+    return symbols;
+  }
+
   // ---------------------------------------------------------------------------------------------
   // Removals
 
@@ -767,5 +781,9 @@ namespace Plexa
   bool NodeWatcher::isPendingUpdate(uint32_t symbol) const
   {
     return d->isPendingUpdate(symbol);
+  }
+  std::vector<uint32_t> NodeWatcher::pendingSymbols() const
+  {
+    return d->pendingSymbols();
   }
 }
