@@ -33,15 +33,8 @@ namespace Bastion
     /// The value of `key`, or null.
     Value* find(Key key)
     {
-      if (m_size == 0)
-        return nullptr;
-      for (size_t i = home(key);; i = (i + 1) & m_mask) {
-        Slot& slot = m_slots[i];
-        if (!slot.used)
-          return nullptr;
-        if (slot.key == key)
-          return &slot.value;
-      }
+      const size_t i = indexOf(key);
+      return i == NotFound ? nullptr : &m_slots[i].value;
     }
     const Value* find(Key key) const { return const_cast<FlatHash*>(this)->find(key); }
     bool contains(Key key) const { return find(key) != nullptr; }
@@ -51,11 +44,12 @@ namespace Bastion
     {
       if (Value* existing = find(key))
         return {existing, false};
-      // At most half full: probe runs stay short.
-      if ((m_size + 1) * 2 > m_slots.size())
+      // At most four fifths full: with the runs sorted by home slot, probes stay a few slots
+      // long at that load, and every slot costs memory for each attribute of a tree.
+      if ((m_size + 1) * 5 > m_slots.size() * 4)
         grow();
       ++m_size;
-      return {place(Slot{key, value, true}), true};
+      return {place(Slot{key, value, 0}), true};
     }
 
     /// Sets the value of `key`, adding it when missing.
@@ -66,21 +60,18 @@ namespace Bastion
     {
       if (m_size == 0)
         return false;
-      size_t i = home(key);
-      while (true) {
-        if (!m_slots[i].used)
-          return false;
-        if (m_slots[i].key == key)
-          break;
-        i = (i + 1) & m_mask;
-      }
+      size_t i = indexOf(key);
+      if (i == NotFound)
+        return false;
       // Entries are kept in the order of their home slots (see `place`), so the entries behind
       // the hole move back one slot each until one is at its home or a slot is free.
-      for (size_t j = (i + 1) & m_mask; m_slots[j].used && distance(j) != 0; j = (j + 1) & m_mask) {
+      for (size_t j = (i + 1) & m_mask; m_slots[j].probe > 1; j = (j + 1) & m_mask) {
         m_slots[i] = m_slots[j];
+        --m_slots[i].probe;
         i = j;
       }
-      m_slots[i].used = false;
+      // A value that holds memory (a string) lets go of it now, not when the slot is reused.
+      m_slots[i] = Slot{};
       --m_size;
       return true;
     }
@@ -100,7 +91,7 @@ namespace Bastion
     void forEach(F&& f) const
     {
       for (const Slot& slot : m_slots)
-        if (slot.used)
+        if (slot.probe != 0)
           f(slot.key, slot.value);
     }
 
@@ -109,8 +100,28 @@ namespace Bastion
     {
       Key key{};
       Value value{};
-      bool used = false;
+      /// 0 for a free slot, else 1 + the entry's distance from its home slot: kept, so that no
+      /// probe has to hash the keys it passes.
+      uint32_t probe = 0;
     };
+
+    static constexpr size_t NotFound = ~size_t(0);
+
+    size_t indexOf(Key key) const
+    {
+      if (m_size == 0)
+        return NotFound;
+      for (size_t i = home(key), probe = 1;; i = (i + 1) & m_mask, ++probe) {
+        const Slot& slot = m_slots[i];
+        // Runs are sorted by home slot (see `place`): a free slot, or an entry nearer its home
+        // than the key would be here, means the key is not in the table, so a miss stops as
+        // early as a hit.
+        if (slot.probe < probe)
+          return NotFound;
+        if (slot.key == key)
+          return i;
+      }
+    }
 
     static uint64_t seed()
     {
@@ -146,12 +157,9 @@ namespace Bastion
       m_slots.assign(capacity, Slot{});
       m_mask = capacity - 1;
       for (const Slot& slot : old)
-        if (slot.used)
+        if (slot.probe != 0)
           place(slot);
     }
-
-    /// How far the entry in slot `i` is from its home slot.
-    size_t distance(size_t i) const { return (i - home(m_slots[i].key)) & m_mask; }
 
     /// Puts a new entry in the table, which has a free slot, and returns where its value went.
     /// An entry that is farther from its home than the one in its way takes that slot and moves
@@ -161,19 +169,18 @@ namespace Bastion
     Value* place(Slot entry)
     {
       Value* placed = nullptr;
-      size_t dist = 0;
-      for (size_t i = home(entry.key);; i = (i + 1) & m_mask, ++dist) {
+      entry.probe = 1;
+      for (size_t i = home(entry.key);; i = (i + 1) & m_mask, ++entry.probe) {
         Slot& slot = m_slots[i];
-        if (!slot.used) {
+        if (slot.probe == 0) {
           slot = entry;
           return placed ? placed : &slot.value;
         }
-        const size_t theirs = distance(i);
-        if (theirs < dist) {
+        if (slot.probe < entry.probe) {
+          // The entry moved on carries its own distance.
           std::swap(slot, entry);
           if (!placed)
             placed = &slot.value;
-          dist = theirs;
         }
       }
     }

@@ -21,16 +21,18 @@ namespace Bastion
     }
     WriteGuard write(m_lock);
     WriteGuard tables(m_tables);
-    // Another thread may have defined the name between the two locks.
-    auto it = m_byName.constFind(name);
-    if (it != m_byName.constEnd())
-      return it.value();
+    // Another thread may have defined the name between the two locks. One walk of the table
+    // finds it or makes its entry (0 until the symbol is known: symbol 0 names nothing).
+    uint32_t& entry = m_byName[name];
+    if (entry != 0)
+      return entry;
     const uint32_t symbol = nextFreeSymbol();
     if (symbol == 0) {
+      m_byName.remove(name);
       error("SymbolRegistry::lookupOrDefine # No free symbol left for: %s", name.constData());
       return 0;
     }
-    m_byName.insert(name, symbol);
+    entry = symbol;
     m_bySymbol.insert(symbol, name);
     if (symbol > m_highest)
       m_highest = symbol;
@@ -74,13 +76,16 @@ namespace Bastion
     }
     WriteGuard write(m_lock);
     WriteGuard tables(m_tables);
-    auto oldSymbol = m_byName.constFind(name);
-    if (oldSymbol != m_byName.constEnd() && oldSymbol.value() != symbol)
-      m_bySymbol.remove(oldSymbol.value());
+    // The symbol's old name goes first: removing it may move the name table's entries, and the
+    // entry of `name` is then held by reference. One walk per table and step, as a peer defines
+    // every path of its tree here.
     auto oldName = m_bySymbol.constFind(symbol);
     if (oldName != m_bySymbol.constEnd() && oldName.value() != name)
       m_byName.remove(oldName.value());
-    m_byName.insert(name, symbol);
+    uint32_t& bound = m_byName[name];
+    if (bound != 0 && bound != symbol)
+      m_bySymbol.remove(bound);
+    bound = symbol;
     m_bySymbol.insert(symbol, name);
     if (symbol > m_highest)
       m_highest = symbol;

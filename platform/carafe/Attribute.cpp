@@ -172,9 +172,14 @@ namespace Carafe
       m_aliases.pop_back();
       alias->targetDeleted(this);
     }
-    while (!m_holders.empty()) {
-      ListenerHolder* holder = m_holders.back();
-      m_holders.pop_back();
+    while (!m_moreHolders.empty() || m_holder) {
+      ListenerHolder* holder = m_holder;
+      if (m_moreHolders.empty()) {
+        m_holder = nullptr;
+      } else {
+        holder = m_moreHolders.back();
+        m_moreHolders.pop_back();
+      }
       holder->objectDeleted(this);
     }
   }
@@ -191,11 +196,17 @@ namespace Carafe
 
   void Attribute::addHolder(ListenerHolder* holder)
   {
-    m_holders.push_back(holder);
+    if (!m_holder)
+      m_holder = holder;
+    else
+      m_moreHolders.push_back(holder);
   }
 
   void Attribute::removeHolder(ListenerHolder* holder)
   {
-    eraseOne(m_holders, holder);
+    if (m_holder == holder)
+      m_holder = nullptr;
+    else
+      eraseOne(m_moreHolders, holder);
   }
 }

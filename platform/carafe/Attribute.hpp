@@ -162,7 +162,10 @@ namespace Carafe
     detail::ListenerTable* m_deletedTable = nullptr;
     detail::ListenerTable* m_changedTable = nullptr;
     std::vector<AttributeAlias*> m_aliases;
-    std::vector<ListenerHolder*> m_holders;
+    // Holders: almost every object has one at most (the watcher's), kept inline; more go to the
+    // list.
+    ListenerHolder* m_holder = nullptr;
+    std::vector<ListenerHolder*> m_moreHolders;
   };
 
   inline void Attribute::fireChanged()

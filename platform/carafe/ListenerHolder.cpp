@@ -2,6 +2,8 @@
 
 #include "carafe/Node.hpp"
 
+#include <QVarLengthArray>
+
 namespace Carafe
 {
   ListenerHolder::~ListenerHolder()
@@ -9,13 +11,12 @@ namespace Carafe
     clear();
   }
 
-  ListenerHolder::Entry& ListenerHolder::entryFor(Attribute* object)
+  void ListenerHolder::remember(Attribute* object, long id)
   {
-    auto it = m_entries.find(object);
-    if (it != m_entries.end())
-      return it->second;
-    object->addHolder(this);
-    return m_entries[object];
+    if (m_first.insert(object, id).second)
+      object->addHolder(this);
+    else
+      m_more.emplace(object, id);
   }
 
   long ListenerHolder::add(Attribute* attribute, std::function<void()> callback, int role)
@@ -24,7 +25,7 @@ namespace Carafe
       return -1;
     const long id = attribute->addListener(std::move(callback), role);
     if (id >= 0)
-      entryFor(attribute).valueIds.push_back(id);
+      remember(attribute, id);
     return id;
   }
 
@@ -35,7 +36,7 @@ namespace Carafe
       return -1;
     const long id = node->eventAddListener(event, std::move(callback), type);
     if (id >= 0)
-      entryFor(node).eventIds.push_back(id);
+      remember(node, ~id);
     return id;
   }
 
@@ -46,8 +47,11 @@ namespace Carafe
 
   void ListenerHolder::clear()
   {
-    while (!m_entries.empty())
-      release(m_entries.begin()->first, true);
+    std::vector<Attribute*> objects;
+    objects.reserve(m_first.size());
+    m_first.forEach([&objects](Attribute* object, long) { objects.push_back(object); });
+    for (Attribute* object : objects)
+      release(object, true);
   }
 
   void ListenerHolder::objectDeleted(Attribute* object)
@@ -60,21 +64,27 @@ namespace Carafe
 
   void ListenerHolder::release(Attribute* object, bool unregister)
   {
-    auto it = m_entries.find(object);
-    if (it == m_entries.end())
+    const long* first = m_first.find(object);
+    if (!first)
       return;
-    // Out of the table before any call, so a re-entrant call finds a consistent holder.
-    const Entry entry = std::move(it->second);
-    m_entries.erase(it);
+    // Out of the tables before any call, so a re-entrant call finds a consistent holder.
+    QVarLengthArray<long, 4> ids;
+    ids.push_back(*first);
+    m_first.erase(object);
+    if (!m_more.empty()) {
+      const auto range = m_more.equal_range(object);
+      for (auto it = range.first; it != range.second; ++it)
+        ids.push_back(it->second);
+      m_more.erase(range.first, range.second);
+    }
     if (unregister)
       object->removeHolder(this);
-    for (long id : entry.valueIds)
-      object->removeListener(id);
-    if (!entry.eventIds.empty()) {
-      // Event listeners were only ever added through addBd, on a node.
-      Node* node = static_cast<Node*>(object);
-      for (long id : entry.eventIds)
-        node->eventRemoveListener(id);
-    }
+    for (long id : ids)
+      if (id >= 0)
+        object->removeListener(id);
+    // Event listeners were only ever added through addBd, on a node.
+    for (long id : ids)
+      if (id < 0)
+        static_cast<Node*>(object)->eventRemoveListener(~id);
   }
 }

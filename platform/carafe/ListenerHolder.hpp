@@ -2,6 +2,8 @@
 
 #include "carafe/Attribute.hpp"
 
+#include "bastion/FlatHash.hpp"
+
 #include <functional>
 #include <unordered_map>
 #include <vector>
@@ -39,24 +41,22 @@ namespace Carafe
     /// Removes every listener this holder put anywhere.
     void clear();
     /// Number of objects currently holding listeners of this holder.
-    int objectCount() const { return int(m_entries.size()); }
+    int objectCount() const { return int(m_first.size()); }
 
   private:
     friend class Attribute;
 
-    struct Entry
-    {
-      std::vector<long> valueIds;
-      std::vector<long> eventIds;
-    };
-
-    Entry& entryFor(Attribute* object);
+    /// Remembers `id` for `object` (an event listener's id stored as `~id`, below 0).
+    void remember(Attribute* object, long id);
     /// Called by an object being deleted, after it dropped this holder from its list.
     void objectDeleted(Attribute* object);
     /// Takes this holder's listeners off `object` and forgets it; `unregister` also drops the
     /// holder from the object's list (not needed when the object is being deleted).
     void release(Attribute* object, bool unregister);
 
-    std::unordered_map<Attribute*, Entry> m_entries;
+    // Most objects get one listener from a holder (a watched attribute), so the first id of each
+    // object sits in a flat table and costs no allocation; further ids go to the second table.
+    Bastion::FlatHash<Attribute*, long> m_first;
+    std::unordered_multimap<Attribute*, long> m_more;
   };
 }

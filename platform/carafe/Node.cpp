@@ -6,6 +6,7 @@
 #include "bastion/Log.hpp"
 
 #include <QHash>
+#include <QVarLengthArray>
 
 #include <algorithm>
 #include <deque>
@@ -383,7 +384,8 @@ namespace Carafe
   {
     // The hub outlives this call even if a listener deletes the node.
     std::shared_ptr<EventHub> hub = m_d->hub;
-    std::vector<std::shared_ptr<EventEntry>> selected;
+    // Inline: a node has a handful of listeners per event, and every child added sends one.
+    QVarLengthArray<std::shared_ptr<EventEntry>, 8> selected;
     {
       Bastion::Guard lock(hub->mutex);
       for (int type : {int(Before), int(After)})

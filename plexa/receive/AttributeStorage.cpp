@@ -41,15 +41,20 @@ namespace Plexa
 
   PlexaSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const
   {
-    Bastion::ReadGuard lock(m_lock);
-    const auto it = m_byPath.find(path);
-    return it == m_byPath.end() ? nullptr : it->second.get();
+    const uint32_t symbol = m_node.symbolRegistry().lookup(path);
+    return symbol == 0 ? nullptr : findBySymbol(symbol);
   }
 
   PlexaSessionAttribute* AttributeStorage::createForPath(const QByteArray& path)
   {
     Bastion::WriteGuard lock(m_lock);
-    return createLocked(path);
+    return createLocked(m_node.symbolRegistry().lookupOrDefine(path));
+  }
+
+  PlexaSessionAttribute* AttributeStorage::createForSymbol(uint32_t symbol)
+  {
+    Bastion::WriteGuard lock(m_lock);
+    return createLocked(symbol);
   }
 
   PlexaSessionAttribute* AttributeStorage::bindForPeer(uint32_t readSymbol, const QByteArray& path)
@@ -57,33 +62,34 @@ namespace Plexa
     Bastion::WriteGuard lock(m_lock);
     if (PlexaSessionAttribute* const* bound = m_byReadSymbol.find(readSymbol))
       return *bound;
-    PlexaSessionAttribute* record = nullptr;
-    const auto known = m_byPath.find(path);
-    if (known != m_byPath.end()) {
-      record = known->second.get();
-    } else {
-      if (m_maxRecords > 0 && int(m_byPath.size()) >= m_maxRecords) {
+    // At the cap the path is only looked up, not defined: a refused path leaves no symbol behind.
+    const bool full = m_maxRecords > 0 && int(m_records.size()) >= m_maxRecords;
+    Bastion::SymbolRegistry& registry = m_node.symbolRegistry();
+    const uint32_t symbol = full ? registry.lookup(path) : registry.lookupOrDefine(path);
+    PlexaSessionAttribute* const* known = symbol != 0 ? m_bySymbol.find(symbol) : nullptr;
+    PlexaSessionAttribute* record = known ? *known : nullptr;
+    if (!record) {
+      if (full) {
         if (!m_limitExceeded)
           Bastion::error("AttributeStorage::bindForPeer # Session attribute limit of %d reached; refusing new paths",
                          m_maxRecords);
         m_limitExceeded = true;
         return nullptr;
       }
-      record = createLocked(path);
+      record = createLocked(symbol);
     }
     m_byReadSymbol.insert(readSymbol, record);
     return record;
   }
 
-  PlexaSessionAttribute* AttributeStorage::createLocked(const QByteArray& path)
+  PlexaSessionAttribute* AttributeStorage::createLocked(uint32_t symbol)
   {
-    std::unique_ptr<PlexaSessionAttribute>& slot = m_byPath[path];
-    if (slot)
-      return slot.get();
-    const uint32_t symbol = m_node.symbolRegistry().lookupOrDefine(path);
-    slot.reset(new PlexaSessionAttribute(symbol));
-    m_bySymbol.set(symbol, slot.get());
-    return slot.get();
+    const auto inserted = m_bySymbol.insert(symbol, nullptr);
+    if (!inserted.second)
+      return *inserted.first;
+    m_records.emplace_back(symbol);
+    *inserted.first = &m_records.back();
+    return &m_records.back();
   }
 
   void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, PlexaSessionAttribute* attribute)
@@ -109,17 +115,21 @@ namespace Plexa
   int AttributeStorage::recordCount() const
   {
     Bastion::ReadGuard lock(m_lock);
-    return int(m_byPath.size());
+    return int(m_records.size());
   }
 
   void AttributeStorage::debugDump() const
   {
     Bastion::ReadGuard lock(m_lock);
     AttributeCache& cache = m_node.attributeCache();
+    Bastion::SymbolRegistry& registry = m_node.symbolRegistry();
     std::vector<std::pair<QByteArray, const PlexaSessionAttribute*>> sorted;
-    sorted.reserve(m_byPath.size());
-    for (const auto& entry : m_byPath)
-      sorted.emplace_back(entry.first, entry.second.get());
+    sorted.reserve(m_records.size());
+    for (const PlexaSessionAttribute& record : m_records) {
+      QByteArray path;
+      if (registry.lookup(record.symbol, path))
+        sorted.emplace_back(path, &record);
+    }
     // QByteArray's operator< compares byte-wise.
     std::sort(sorted.begin(), sorted.end());
     for (const auto& entry : sorted) {

@@ -6,11 +6,9 @@
 #include "bastion/FlatHash.hpp"
 
 #include <QByteArray>
-#include <QHash>
 
 #include <cstdint>
-#include <memory>
-#include <unordered_map>
+#include <deque>
 
 namespace Plexa
 {
@@ -42,6 +40,8 @@ namespace Plexa
     /// there if new). Callers ask only after `findByPath` failed; should the path have a record
     /// after all, that record is returned rather than replaced, since the indexes point to it.
     PlexaSessionAttribute* createForPath(const QByteArray& path);
+    /// The record of `symbol`, a symbol of the node's registry, made when missing.
+    PlexaSessionAttribute* createForSymbol(uint32_t symbol);
     /// The record the peer's announcement of `path` under `readSymbol` refers to, bound to
     /// `readSymbol`: the one the symbol is bound to already, else the path's, else a new one. A
     /// new record is refused (null, one error logged per session) once the storage holds
@@ -64,22 +64,17 @@ namespace Plexa
     void debugDump() const;
 
   private:
-    PlexaSessionAttribute* createLocked(const QByteArray& path) BASTION_REQUIRES(m_lock);
+    PlexaSessionAttribute* createLocked(uint32_t symbol) BASTION_REQUIRES(m_lock);
 
     RemoteNode& m_node;
     mutable Bastion::SharedMutex m_lock;
     // Flat tables: a session has a record for every attribute of the tree. The peer chooses the
-    // read symbols.
+    // read symbols. A path is found through its symbol in the node's registry, which binds this
+    // side's paths and symbols for good, so the records need no table of paths of their own.
     Bastion::FlatHash<uint32_t, PlexaSessionAttribute*, true> m_byReadSymbol BASTION_GUARDED_BY(m_lock);
     Bastion::FlatHash<uint32_t, PlexaSessionAttribute*> m_bySymbol BASTION_GUARDED_BY(m_lock);
-    struct PathHash
-    {
-      size_t operator()(const QByteArray& path) const { return qHash(path); }
-    };
-    /// Owns the records. Unordered: the dump, the one reader that needs the byte-wise order,
-    /// sorts the paths itself.
-    std::unordered_map<QByteArray, std::unique_ptr<PlexaSessionAttribute>, PathHash>
-        m_byPath BASTION_GUARDED_BY(m_lock);
+    /// Owns the records, in order of creation; a deque never moves them.
+    std::deque<PlexaSessionAttribute> m_records BASTION_GUARDED_BY(m_lock);
     int m_maxRecords BASTION_GUARDED_BY(m_lock) = 0;
     bool m_limitExceeded BASTION_GUARDED_BY(m_lock) = false;
   };

@@ -71,6 +71,7 @@ TEST(AttributeStorageTest, RecordsKeepTheirSymbolsAndTheFirstReadSymbolBinding)
   EXPECT_EQ(d, storage.findByPath("d"));
   EXPECT_EQ(storage.bindForPeer(11, "e"), nullptr);
   EXPECT_EQ(storage.findByReadSymbol(11), nullptr);
+  EXPECT_EQ(node.symbolRegistry().lookup("e"), 0u);
   EXPECT_EQ(storage.bindForPeer(12, "d"), d);
   EXPECT_TRUE(storage.limitExceeded());
 }

@@ -98,11 +98,8 @@ namespace Plexa
 
     Bastion::Guard lock(m_changeMutex);
     PlexaSessionAttribute* session = m_storage.findBySymbol(e.symbol);
-    if (!session && e.type == NodeWatcher::AttributeAdded) {
-      const QByteArray path = pathOf(e.symbol);
-      if (!path.isNull())
-        session = m_storage.createForPath(path);
-    }
+    if (!session && e.type == NodeWatcher::AttributeAdded && !pathOf(e.symbol).isNull())
+      session = m_storage.createForSymbol(e.symbol);
     if (!session) {
       Bastion::error("NodeChangeSender::onAttributeChange # Could not find a session attribute for the given change");
       return;
@@ -123,12 +120,12 @@ namespace Plexa
     Bastion::SymbolRegistry& registry = m_node.symbolRegistry();
     std::vector<uint32_t> symbols;
     AttributeCache& cache = m_node.attributeCache();
-    NodeWatcher& watcher = m_node.nodeWatcher();
+    const std::vector<uint32_t> pending = m_node.nodeWatcher().pendingSymbols();
     walkAttributesWithPath(m_node, [&](Carafe::Attribute&, const QByteArray& path) {
       // An attribute added since the watcher's last update is still pending there (its sync
       // flags are not applied yet); the watcher reports its addition at its next update.
       const uint32_t symbol = registry.lookup(path);
-      if (symbol != 0 && cache.find(symbol) && !watcher.isPendingUpdate(symbol))
+      if (symbol != 0 && cache.find(symbol) && !std::binary_search(pending.begin(), pending.end(), symbol))
         symbols.push_back(symbol);
     });
     for (uint32_t symbol : symbols)

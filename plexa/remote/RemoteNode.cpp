@@ -241,18 +241,16 @@ namespace Plexa
       queueNotify(event.symbol);
       break;
     case NodeWatcher::NodeRemoved:
-      if (!m_countedForPeer.empty()) {
+      if (!m_createdForPeer.empty()) {
         if (Carafe::Attribute* node = m_cache.find(event.symbol))
-          m_countedForPeer.erase(node);
+          m_createdForPeer.erase(node);
       }
       break;
     case NodeWatcher::AttributeRemoved: {
       // The cache still holds the attribute while its removal is reported.
-      if (!m_createdByPeer.empty() || !m_countedForPeer.empty()) {
-        if (Carafe::Attribute* attribute = m_cache.find(event.symbol)) {
-          m_createdByPeer.erase(attribute);
-          m_countedForPeer.erase(attribute);
-        }
+      if (!m_createdForPeer.empty()) {
+        if (Carafe::Attribute* attribute = m_cache.find(event.symbol))
+          m_createdForPeer.erase(attribute);
       }
       Bastion::Guard lock(m_updateMutex);
       if (m_notifySet.erase(event.symbol) != 0)

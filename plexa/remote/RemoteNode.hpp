@@ -141,22 +141,23 @@ namespace Plexa
     /// when a later one gets its address. The mark lasts as long as the attribute stays in the
     /// tree, across sessions: the peer's removal then deletes it in a later session too, instead
     /// of leaving a copy behind. Application thread.
+    /// A marked attribute is counted as by `countCreatedForPeer` too.
     uint64_t markCreatedByPeer(Carafe::Attribute* attribute)
     {
       const uint64_t mark = m_nextCreatedMark++;
-      m_createdByPeer.set(attribute, mark);
+      m_createdForPeer.set(attribute, mark);
       return mark;
     }
     /// The mark of an attribute created for the peer and still in the tree; 0 for any other.
     uint64_t createdByPeerMark(Carafe::Attribute* attribute) const
     {
-      const uint64_t* mark = m_createdByPeer.find(attribute);
+      const uint64_t* mark = m_createdForPeer.find(attribute);
       return mark ? *mark : 0;
     }
     /// Counts a node or attribute that a session created for a peer, until it leaves the tree:
     /// the sessions' shared cap on what peers make this tree hold. Application thread.
-    void countCreatedForPeer(Carafe::Attribute* object) { m_countedForPeer.insert(object, true); }
-    int createdForPeerCount() const { return int(m_countedForPeer.size()); }
+    void countCreatedForPeer(Carafe::Attribute* object) { m_createdForPeer.insert(object, 0); }
+    int createdForPeerCount() const { return int(m_createdForPeer.size()); }
 
     /// Cap on the bytes held by the peer's unfinished sliced events (default 256 MiB).
     void setMaxSlicedEventBytes(int64_t bytes) { m_slices.setMaxBytes(bytes); }
@@ -193,13 +194,11 @@ namespace Plexa
     std::vector<PendingAttributeListener> m_pendingListeners;
     std::vector<SyncFlagSetting> m_syncFlagSettings;
     std::unordered_map<uint32_t, std::map<unsigned long, AttributeCallback>> m_attributeListeners;
-    /// Attributes in the tree that sessions created for the peer, with their marks; forgotten
-    /// when they leave it. Flat tables: a mirrored tree puts every attribute in them.
-    Bastion::FlatHash<Carafe::Attribute*, uint64_t> m_createdByPeer;
+    /// Nodes and attributes in the tree that sessions created for peers, with their marks (0
+    /// for those counted only); forgotten when they leave it. A flat table: a mirrored tree puts
+    /// every attribute in it.
+    Bastion::FlatHash<Carafe::Attribute*, uint64_t> m_createdForPeer;
     uint64_t m_nextCreatedMark = 1;
-    /// Nodes and attributes in the tree that sessions created for peers; forgotten when they
-    /// leave it.
-    Bastion::FlatHash<Carafe::Attribute*, bool> m_countedForPeer;
     unsigned long m_nextAttributeListenerKey = 0;
 
     Bastion::SharedMutex m_eventListenerLock;

@@ -4,6 +4,7 @@
 #include "plexa/tracking/AttributeCache.hpp"
 
 #include "bastion/BinaryData.hpp"
+#include "bastion/FlatHash.hpp"
 #include "bastion/Guard.hpp"
 #include "bastion/Log.hpp"
 #include "bastion/SymbolRegistry.hpp"
@@ -128,6 +129,7 @@ namespace Plexa
     void ignoreOne(const Event& event) BASTION_EXCLUDES(m_ignoreMutex);
     void stopIgnoring(const Event& event) BASTION_EXCLUDES(m_ignoreMutex);
     bool isPendingUpdate(uint32_t symbol) const BASTION_EXCLUDES(m_queueMutex);
+    std::vector<uint32_t> pendingSymbols() const BASTION_EXCLUDES(m_queueMutex);
 
   private:
     /// Calls the listeners without any lock of the watcher held.
@@ -160,6 +162,18 @@ namespace Plexa
     void listenEvent(Carafe::Node* node, uint32_t symbol, const char* name,
                      std::function<void(Bastion::BinaryData&)> callback);
     void unlisten(Carafe::Attribute* object, uint32_t symbol);
+    /// A listener the watcher put on an object for the path of `symbol`.
+    struct Installed
+    {
+      long id;
+      uint32_t symbol;
+      bool nodeEvent;
+    };
+    /// The listeners of one (object, path): one for an attribute, three at most for a node.
+    using InstalledList = QVarLengthArray<Installed, 3>;
+    void installed(Carafe::Attribute* object, const Installed& entry);
+    /// Drops the entries of (object, path) from the tables and returns them.
+    InstalledList forget(Carafe::Attribute* object, uint32_t symbol);
 
     /// A node whose children a removal walk is taking out; the node itself follows them.
     struct NodeToRemove
@@ -194,30 +208,11 @@ namespace Plexa
     // paths (a node in the tree and an alias to it); leaving one path must not silence the others,
     // so removals take out the listeners of that path only. Objects that go away unannounced are
     // forgotten by the holder, and removing an unknown id from a live object does nothing.
-    struct Installed
-    {
-      long id;
-      bool nodeEvent;
-    };
-    struct ObjectPath
-    {
-      Carafe::Attribute* object;
-      uint32_t symbol;
-      bool operator==(const ObjectPath& o) const { return object == o.object && symbol == o.symbol; }
-    };
-    struct ObjectPathHash
-    {
-      size_t operator()(const ObjectPath& k) const
-      {
-        // Heap addresses share their low bits; multiply them up before the symbol goes in.
-        const uint64_t h = (uint64_t(reinterpret_cast<uintptr_t>(k.object)) >> 4) * 0x9E3779B97F4A7C15ull ^ k.symbol;
-        return size_t(h ^ (h >> 29));
-      }
-    };
-    /// The listeners of one (object, path): one for an attribute, three at most for a node, so
-    /// they are kept inline and a tree of many attributes costs no allocation per entry here.
-    using InstalledList = QVarLengthArray<Installed, 3>;
-    std::unordered_map<ObjectPath, InstalledList, ObjectPathHash> m_installed;
+    /// The first listener put on each object: a plain attribute, by far the most common object,
+    /// has this one only, so it costs one flat slot and no allocation.
+    Bastion::FlatHash<Carafe::Attribute*, Installed> m_firstInstalled;
+    /// Every further listener (a node's, an object under a second path), with its object.
+    std::unordered_multimap<Carafe::Attribute*, Installed> m_moreInstalled;
 
     mutable Bastion::Mutex m_aliasMutex;
     std::unordered_map<Carafe::AttributeAlias*, Carafe::Attribute*> m_aliases BASTION_GUARDED_BY(m_aliasMutex);
@@ -349,7 +344,7 @@ namespace Plexa
         rootPtr, rootSymbol,
         [this, rootPtr, rootSymbol] {
           nodeRemoved(rootPtr, QByteArray(), rootSymbol, true);
-          m_installed.erase({rootPtr, rootSymbol});
+          forget(rootPtr, rootSymbol);
         },
         Carafe::Attribute::RoleDeleted);
   }
@@ -358,7 +353,7 @@ namespace Plexa
   {
     const long id = m_holder.add(object, std::move(callback), role);
     if (id >= 0)
-      m_installed[{object, symbol}].push_back({id, false});
+      installed(object, {id, symbol, false});
   }
 
   void NodeWatcher::D::listenEvent(Carafe::Node* node, uint32_t symbol, const char* name,
@@ -366,17 +361,40 @@ namespace Plexa
   {
     const long id = m_holder.addBd(node, name, std::move(callback), Carafe::Node::After);
     if (id >= 0)
-      m_installed[{node, symbol}].push_back({id, true});
+      installed(node, {id, symbol, true});
+  }
+
+  void NodeWatcher::D::installed(Carafe::Attribute* object, const Installed& entry)
+  {
+    if (!m_firstInstalled.insert(object, entry).second)
+      m_moreInstalled.emplace(object, entry);
+  }
+
+  NodeWatcher::D::InstalledList NodeWatcher::D::forget(Carafe::Attribute* object, uint32_t symbol)
+  {
+    InstalledList taken;
+    if (const Installed* first = m_firstInstalled.find(object); first && first->symbol == symbol) {
+      taken.push_back(*first);
+      m_firstInstalled.erase(object);
+    }
+    if (!m_moreInstalled.empty()) {
+      auto range = m_moreInstalled.equal_range(object);
+      for (auto it = range.first; it != range.second;) {
+        if (it->second.symbol == symbol) {
+          taken.push_back(it->second);
+          it = m_moreInstalled.erase(it);
+        } else {
+          ++it;
+        }
+      }
+    }
+    return taken;
   }
 
   void NodeWatcher::D::unlisten(Carafe::Attribute* object, uint32_t symbol)
   {
-    auto it = m_installed.find({object, symbol});
-    if (it == m_installed.end())
-      return;
-    // A copy (Qt 5's QVarLengthArray cannot be moved from), of three inline entries at most.
-    const InstalledList installed = it->second;
-    m_installed.erase(it);
+    // Out of the tables before any call, so that the tables are consistent whatever a removal does.
+    const InstalledList installed = forget(object, symbol);
     for (const Installed& entry : installed) {
       if (entry.nodeEvent)
         static_cast<Carafe::Node*>(object)->eventRemoveListener(entry.id);
@@ -579,6 +597,19 @@ namespace Plexa
     return false;
   }
 
+  std::vector<uint32_t> NodeWatcher::D::pendingSymbols() const
+  {
+    std::vector<uint32_t> symbols;
+    {
+      Bastion::Guard lock(m_queueMutex);
+      symbols.reserve(m_pending.size());
+      for (const auto& record : m_pending)
+        symbols.push_back(record->symbol);
+    }
+    std::sort(symbols.begin(), symbols.end());
+    return symbols;
+  }
+
   // ---------------------------------------------------------------------------------------------
   // Removals
 
@@ -750,5 +781,9 @@ namespace Plexa
   bool NodeWatcher::isPendingUpdate(uint32_t symbol) const
   {
     return d->isPendingUpdate(symbol);
+  }
+  std::vector<uint32_t> NodeWatcher::pendingSymbols() const
+  {
+    return d->pendingSymbols();
   }
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace Bastion
 {
@@ -99,6 +100,9 @@ namespace Plexa
 
     /// True while an addition of `symbol` waits for the next `update()`.
     bool isPendingUpdate(uint32_t symbol) const;
+    /// The symbols whose additions wait for the next `update()`, sorted: one lock for a caller
+    /// that asks about every attribute of a tree.
+    std::vector<uint32_t> pendingSymbols() const;
 
   private:
     class D;
