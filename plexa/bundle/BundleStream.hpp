@@ -1,6 +1,7 @@
 #pragma once
 
 #include "plexa/bundle/Bundle.hpp"
+#include "plexa/net/ConnectionThread.hpp"
 
 #include <QString>
 
@@ -9,7 +10,6 @@
 
 namespace Plexa
 {
-  class ConnectionThread;
 
   /// Where a bundle block's bytes come from. `readData` blocks until exactly `size` bytes have
   /// been stored at `buffer` and returns true, or returns false when the connection failed (a
@@ -59,6 +59,12 @@ namespace Plexa
   /// "processPlexa2 # Failed to read Bundle header" or "processPlexa2 # Failed to read Bundle"
   /// and drops what was read of the block.
   BundleBlockResult readBundleBlock(const QString& line, BundleByteSource& source, std::vector<Bundle>& bundles);
+
+  /// Whether the bundle block opened by `line` lies whole in `bytes` (the `size` bytes that follow
+  /// the line's break), without reading anything: Whole, Partial while bundles are missing, and
+  /// Unsuitable for a line that opens no block or a block that `readBundleBlock` refuses (a
+  /// negative count, an oversized bundle), which the connection thread reads and reports.
+  BufferedLine bufferedBundleBlock(const QString& line, const char* bytes, int size);
 
   /// The receiving end of the bundle framing, for a connection thread's command handler: reads the
   /// block opened by `line` from `connection` and hands the complete list to
