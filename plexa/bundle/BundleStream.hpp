@@ -24,7 +24,7 @@ namespace Plexa
   };
 
   /// Where a complete block goes: the session's controller, which queues the list for its update
-  /// thread. Called on the connection thread.
+  /// thread. Called on the connection thread, or on the thread its reads are lent to.
   class BundleListScheduler
   {
   public:
@@ -71,7 +71,7 @@ namespace Plexa
   /// `scheduler->scheduleProcess` (an empty list too). Returns false when the line is not a bundle
   /// block; true when it was, also when the block was cut short (nothing is scheduled then, and the
   /// connection has stopped). A negative count leaves it as std::length_error, which the
-  /// connection thread catches. Runs on the connection thread.
+  /// connection thread catches. Runs on the connection thread, or on the thread its reads are lent to.
   bool processPlexa2(const std::shared_ptr<BundleListScheduler>& scheduler, ConnectionThread& connection,
                      const QString& line);
 }
