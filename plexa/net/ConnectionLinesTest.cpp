@@ -196,23 +196,27 @@ TEST(ConnectionLines, LenderReadsWholeLinesHandsBackTheRestAndLosesItsReadsWhenI
     }
     return c.connection->lentLines().size() == lent;
   };
-  // Half a block waits for its rest without blocking the lender.
+  // Half a block goes back to the connection thread, which waits for its rest, never the lender.
   c.client().write("lent one\nlent two\nlentdata 5\nab");
-  ASSERT_TRUE(lendUntil(2));
-  c.client().write("cde\nlent three\n");
-  ASSERT_TRUE(lendUntil(4));
-  EXPECT_EQ(c.connection->lentLines(), (std::vector<QString>{"lent one", "lent two", "lentdata 5", "lent three"}));
-  // Any other line goes back to the connection thread, which parks again behind it.
+  EXPECT_FALSE(lendUntil(3));
+  EXPECT_EQ(c.connection->lentLines(), (std::vector<QString>{"lent one", "lent two"}));
+  c.client().write("cde");
+  ASSERT_TRUE(c.connection->waitForLines(3));
+  EXPECT_EQ(c.connection->lines().back(), "lentdata 5");
+  ASSERT_TRUE(c.connection->waitFor([&] { return c.connection->parkedCount() == 2; }));
+  c.client().write("lent three\n");
+  ASSERT_TRUE(lendUntil(3));
+  // Any other line goes back as well.
   c.client().write("other\n");
-  EXPECT_FALSE(lendUntil(5));
+  EXPECT_FALSE(lendUntil(4));
   ASSERT_TRUE(c.connection->waitForLines(5));
   EXPECT_EQ(c.connection->lines().back(), "other");
-  ASSERT_TRUE(c.connection->waitFor([&] { return c.connection->parkedCount() == 2; }));
+  ASSERT_TRUE(c.connection->waitFor([&] { return c.connection->parkedCount() == 3; }));
   // A lender that stopped waiting loses the reads: nobody polls, yet the line arrives.
   c.connection->endLenderWait();
   c.client().write("lent late\n");
   ASSERT_TRUE(c.connection->waitForLines(6));
-  EXPECT_EQ(c.connection->lentLines().size(), 4u);
+  EXPECT_EQ(c.connection->lentLines(), (std::vector<QString>{"lent one", "lent two", "lent three"}));
   EXPECT_TRUE(c.connection->isConnected());
 }
 

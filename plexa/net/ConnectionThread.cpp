@@ -480,21 +480,17 @@ namespace Plexa
       int end = start;
       while (end < size && bytes[end] != '\r' && bytes[end] != '\n')
         ++end;
-      if (end == size) {
-        // No line break yet: wait for more, unless the buffer cannot take the rest.
-        keep = size < Bastion::TCPSocket::ReadBufferBytes && end - start <= NetFormat::MaxLineBytes;
+      // What has not arrived whole goes to the connection thread, whose reads may wait for the
+      // rest. Waiting here would scan the buffer again for every piece, which a peer that sends a
+      // byte at a time would turn into quadratic work on the application's thread.
+      keep = false;
+      if (end == size)
         break;
-      }
       const char* zero = static_cast<const char*>(std::memchr(bytes + start, 0, size_t(end - start)));
       const QString text = QString::fromUtf8(bytes + start, int((zero ? zero : bytes + end) - (bytes + start)));
-      const BufferedLine status =
-          text.isEmpty() ? BufferedLine::Unsuitable : bufferedLine(text, bytes + end + 1, size - end - 1);
-      if (status == BufferedLine::Unsuitable)
-        keep = false;
-      else if (status == BufferedLine::Partial)
-        keep = size < Bastion::TCPSocket::ReadBufferBytes;
-      if (status != BufferedLine::Whole)
+      if (text.isEmpty() || bufferedLine(text, bytes + end + 1, size - end - 1) != BufferedLine::Whole)
         break;
+      keep = true;
       // All of it is buffered: the reads below take no system call and never wait.
       const bool survived = guarded("handling a command", "closing connection", [&] {
         QString line = this->line();

@@ -35,7 +35,7 @@ namespace Plexa
   {
     /// The line and everything it brings are buffered: handle it now.
     Whole,
-    /// More of what the line brings has to arrive first.
+    /// More of what the line brings has to arrive first: the connection thread reads it.
     Partial,
     /// Not a line for the lender: the connection thread takes its reads back and handles it.
     Unsuitable
@@ -177,8 +177,8 @@ namespace Plexa
     // blocking on the socket, as long as a lender thread waits or waited less than
     // NetFormat::LenderIdleMs ago. The lender then polls the descriptor and handles the lines
     // whose bytes have all arrived on its own thread, sparing the hand-over of each message from
-    // this thread to it. Everything else (keep-alive lines, other commands, a block too large
-    // for the read buffer, a closed stream) goes back to the connection thread, which carries on
+    // this thread to it. Everything else (keep-alive lines, other commands, a line or block not
+    // yet arrived whole, a closed stream) goes back to the connection thread, which carries on
     // as without a lender. One lender thread per connection.
 
     /// Lender thread: its wait begins (again). The descriptor to poll while the connection is
@@ -188,8 +188,9 @@ namespace Plexa
     void endLenderWait();
     /// Lender thread, inside its wait, when the descriptor of `beginLenderWait` turned readable:
     /// reads what has arrived without waiting and handles the whole lines `bufferedLine`
-    /// accepts through `parse`, on the lender thread. False once the connection thread has its
-    /// reads back: the descriptor is not to be polled any more.
+    /// accepts through `parse`, on the lender thread. The first line that has not arrived whole
+    /// (or is not accepted) gives the reads back to the connection thread. False once the
+    /// connection thread has its reads back: the descriptor is not to be polled any more.
     bool serviceParked();
 
     /// Replaces the key of every later handshake in this process (both ends must agree); an empty
