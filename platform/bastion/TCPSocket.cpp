@@ -29,7 +29,7 @@ namespace Bastion
     constexpr int SendChunkSize = 256 * 1024;
 
     /// Receive buffer size; reads at least this large go straight into the caller's buffer.
-    constexpr int ReceiveBufferSize = TCPSocket::ReadBufferBytes;
+    constexpr int ReceiveBufferSize = 64 * 1024;
 
     /// A descriptor that is closed when the last user lets go of it, so a call still inside
     /// recv/send on another thread never sees its number reused.
@@ -275,46 +275,6 @@ namespace Bastion
         break;
     }
     return done;
-  }
-
-  const char* TCPSocket::buffered(int* size) const
-  {
-    *size = m_d->bufferEnd - m_d->bufferPos;
-    return m_d->buffer.data() + m_d->bufferPos;
-  }
-
-  int TCPSocket::fillAvailable()
-  {
-    Descriptor fd = m_d->current();
-    if (!fd || !m_d->open.load(std::memory_order_acquire))
-      return -1;
-    if (m_d->buffer.empty())
-      m_d->buffer.resize(ReceiveBufferSize);
-    if (m_d->bufferPos > 0) {
-      // Room at the end for what arrives; what is still unread moves to the front.
-      std::memmove(m_d->buffer.data(), m_d->buffer.data() + m_d->bufferPos, size_t(m_d->bufferEnd - m_d->bufferPos));
-      m_d->bufferEnd -= m_d->bufferPos;
-      m_d->bufferPos = 0;
-    }
-    const int room = ReceiveBufferSize - m_d->bufferEnd;
-    if (room == 0)
-      return 0;
-    for (;;) {
-      const ssize_t n = ::recv(*fd, m_d->buffer.data() + m_d->bufferEnd, size_t(room), MSG_DONTWAIT);
-      if (n > 0) {
-        m_d->bufferEnd += int(n);
-        m_rxBytes.fetch_add(uint64_t(n), std::memory_order_relaxed);
-        return int(n);
-      }
-      if (n < 0 && errno == EINTR)
-        continue;
-      return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : -1;
-    }
-  }
-
-  std::shared_ptr<const int> TCPSocket::descriptor() const
-  {
-    return m_d->current();
   }
 
   int TCPSocket::write(const void* buf, int size)

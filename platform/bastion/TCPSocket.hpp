@@ -20,8 +20,6 @@ namespace Bastion
   public:
     /// Time limit of the connection attempt in `open()` unless `setConnectTimeout` says otherwise.
     static constexpr int DefaultConnectTimeoutMs = 10000;
-    /// Size of the read buffer: the most `buffered()` can hold.
-    static constexpr int ReadBufferBytes = 64 * 1024;
 
     TCPSocket();
     /// Takes over a connected descriptor (as returned by accept()); it is closed with the socket.
@@ -47,17 +45,6 @@ namespace Bastion
     /// Writes what the socket takes without waiting: returns the count written (0 when the send
     /// buffer is full), or -1 after an error or when the socket is closed. Never raises SIGPIPE.
     int writeSome(const void* buf, int size);
-
-    /// Reader: what `read()` would return next without a system call. Valid until the next
-    /// read call.
-    const char* buffered(int* size) const;
-    /// Reader: adds what has arrived to the read buffer without waiting. Returns the bytes added
-    /// (0 when nothing has arrived or the buffer is full), -1 when the peer ended the stream, on
-    /// error or when the socket is closed.
-    int fillAvailable();
-    /// Keeps the connected descriptor's number from being reused while held (for poll()); null
-    /// when closed.
-    std::shared_ptr<const int> descriptor() const;
 
     /// Shuts the connection down and releases the descriptor once no call is inside. Any thread,
     /// idempotent.

@@ -28,7 +28,6 @@
 #include <climits>
 #include <vector>
 
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -144,9 +143,7 @@ namespace Plexa
         Bastion::Guard guard(wakeMutex);
       }
       wakeCondition.wakeAll();
-      // A system call per wake only for a wait that polls the descriptor, or an event loop that
-      // watches it; the order of the flags against theirs makes one of the two sides write it.
-      if (wakeFd >= 0 && (polling.load() || descriptorWatched.load())) {
+      if (wakeFd >= 0) {
         const uint64_t one = 1;
         // Fails only when the counter is full, and then the descriptor is readable anyway.
         if (::write(wakeFd, &one, sizeof(one)) < 0) {
@@ -158,7 +155,7 @@ namespace Plexa
     void drainWakeDescriptor()
     {
       uint64_t count = 0;
-      if (wakeFd >= 0 && descriptorWatched.load() && ::read(wakeFd, &count, sizeof(count)) < 0) {
+      if (wakeFd >= 0 && ::read(wakeFd, &count, sizeof(count)) < 0) {
       }
     }
 
@@ -167,14 +164,6 @@ namespace Plexa
     void waitForWork(int maxWaitMs)
     {
       const Clock::time_point end = Clock::now() + std::chrono::milliseconds(std::max(0, maxWaitMs));
-      std::vector<std::shared_ptr<ConnectionThread>> lenders;
-      for (const Session& s : sessions)
-        if (std::shared_ptr<ConnectionThread> connection = s.session->connection())
-          lenders.push_back(std::move(connection));
-      if (wakeFd >= 0 && !lenders.empty()) {
-        waitReading(end, lenders);
-        return;
-      }
       Bastion::Guard guard(wakeMutex);
       while (!woken.load()) {
         const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
@@ -184,58 +173,6 @@ namespace Plexa
       }
       drainWakeDescriptor();
       woken.store(false);
-    }
-
-    /// The wait of `waitForWork` while sessions run: polls the wake descriptor and the sockets
-    /// whose reads the connections lent to this thread, and reads the bundle blocks that arrive
-    /// on them here, without waking a connection thread that would hand each one over.
-    void waitReading(Clock::time_point end, const std::vector<std::shared_ptr<ConnectionThread>>& connections)
-    {
-      std::vector<pollfd> fds;
-      std::vector<ConnectionThread*> polled;
-      // Each keeps its descriptor's number from being reused during the poll.
-      std::vector<std::shared_ptr<const int>> held;
-      polling.store(true);
-      while (!woken.load()) {
-        const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0)
-          break;
-        fds.assign(1, pollfd{wakeFd, POLLIN, 0});
-        polled.clear();
-        held.clear();
-        for (const std::shared_ptr<ConnectionThread>& connection : connections) {
-          if (std::shared_ptr<const int> fd = connection->beginLenderWait()) {
-            fds.push_back(pollfd{*fd, POLLIN, 0});
-            polled.push_back(connection.get());
-            held.push_back(std::move(fd));
-          }
-        }
-        const int ready = ::poll(fds.data(), nfds_t(fds.size()), int(std::min<long long>(left, 1 << 30)));
-        if (ready < 0 && errno == EINTR)
-          continue;
-        if (ready <= 0)
-          break;
-        // Wakes from what the blocks bring about here need no system call: woken is read below.
-        polling.store(false);
-        for (size_t i = 1; i < fds.size(); ++i)
-          if (fds[i].revents != 0)
-            polled[i - 1]->serviceParked();
-        if (fds[0].revents != 0)
-          readWakeDescriptor();
-        polling.store(true);
-      }
-      polling.store(false);
-      for (const std::shared_ptr<ConnectionThread>& connection : connections)
-        connection->endLenderWait();
-      drainWakeDescriptor();
-      woken.store(false);
-    }
-
-    void readWakeDescriptor()
-    {
-      uint64_t count = 0;
-      if (::read(wakeFd, &count, sizeof(count)) < 0) {
-      }
     }
 
     int updateOnWake()
@@ -626,11 +563,6 @@ namespace Plexa
     long eventListener = -1;
     /// Readable after a wake, for an event loop that drives the Peer (an eventfd; -1 if none).
     const int wakeFd;
-    /// `wakeDescriptor` was asked for: from then on every wake writes the descriptor, before
-    /// that none does (waitAndUpdate needs only the condition).
-    mutable std::atomic<bool> descriptorWatched{false};
-    /// The application thread polls the descriptor (waitReading).
-    std::atomic<bool> polling{false};
 
     // Application thread only.
     std::unique_ptr<PeerServer> server;
@@ -712,12 +644,6 @@ namespace Plexa
 
   int Peer::wakeDescriptor() const
   {
-    if (d->wakeFd >= 0 && !d->descriptorWatched.exchange(true) && d->woken.load()) {
-      // A wake from before the descriptor was watched left it unwritten.
-      const uint64_t one = 1;
-      if (::write(d->wakeFd, &one, sizeof(one)) < 0) {
-      }
-    }
     return d->wakeFd;
   }
 

@@ -125,9 +125,7 @@ namespace Plexa
     /// Runs the queued session work once: incoming bundles, then this side's changes out.
     void update();
     /// Waits until bundles arrived, the tree changed locally, `wake()` was called, or `maxWaitMs`
-    /// passed, then runs `update()`. Idles without spinning. While it waits, bundle blocks that
-    /// arrive whole are read off the sessions' sockets on the calling thread (never waiting for
-    /// the rest of one), which spares each message a hand-over from its connection thread.
+    /// passed, then runs `update()`. Idles without spinning.
     void waitAndUpdate(int maxWaitMs);
     /// Makes a waiting `waitAndUpdate` return at once. Any thread.
     void wake();

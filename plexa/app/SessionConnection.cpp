@@ -1,8 +1,5 @@
 #include "plexa/app/SessionConnection.hpp"
 
-#include "plexa/app/SessionHost.hpp"
-#include "plexa/bundle/BundleStream.hpp"
-
 namespace Plexa
 {
   SessionConnection::SessionConnection(Bastion::TCPSocket* socket, bool accepted, SessionHost& host,
@@ -32,17 +29,6 @@ namespace Plexa
   void SessionConnection::disconnected()
   {
     m_link.disconnected(*this);
-  }
-
-  BufferedLine SessionConnection::bufferedLine(const QString& line, const char* rest, int restSize)
-  {
-    return m_link.session() ? bufferedBundleBlock(line, rest, restSize) : BufferedLine::Unsuitable;
-  }
-
-  void SessionConnection::parkedForLender()
-  {
-    // The application thread polls the parked connections of its sessions from its next wait on.
-    m_link.host().wake();
   }
 
   void SessionConnection::retryProgress(double secondsLeft)

@@ -20,10 +20,6 @@ namespace Plexa
     void connected() override;
     void disconnected() override;
     void retryProgress(double secondsLeft) override;
-    /// Bundle blocks may be read on the Peer's application thread while it waits.
-    bool lendsReads() const override { return true; }
-    BufferedLine bufferedLine(const QString& line, const char* rest, int restSize) override;
-    void parkedForLender() override;
 
   private:
     SessionLink m_link;

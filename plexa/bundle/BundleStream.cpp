@@ -69,41 +69,6 @@ namespace Plexa
     };
   }
 
-  namespace
-  {
-    /// The count of a "plexa2 N" line, or -1.
-    int blockCount(const QString& line)
-    {
-      if (!line.startsWith(BlockPrefix))
-        return -1;
-      bool ok = false;
-      const int count = line.mid(BlockPrefix.size()).toInt(&ok, 10);
-      return ok ? count : -1;
-    }
-  }
-
-  BufferedLine bufferedBundleBlock(const QString& line, const char* bytes, int size)
-  {
-    const int count = blockCount(line);
-    if (count < 0)
-      return BufferedLine::Unsuitable;
-    qint64 at = 0;
-    for (int i = 0; i < count; ++i) {
-      // Every bundle takes at least a header: a count beyond the bytes is partial at once.
-      if (size - at < Bundle::HeaderSize)
-        return BufferedLine::Partial;
-      BundleHeader header;
-      std::memcpy(&header, bytes + at, sizeof(header));
-      const qint64 total = qint64(Bundle::HeaderSize) + qint64(header.payloadSize);
-      if (total > MaxBundleBytes)
-        return BufferedLine::Unsuitable;
-      if (size - at < total)
-        return BufferedLine::Partial;
-      at += total;
-    }
-    return BufferedLine::Whole;
-  }
-
   BundleBlockResult readBundleBlock(const QString& line, BundleByteSource& source, std::vector<Bundle>& bundles)
   {
     bundles.clear();

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "plexa/bundle/Bundle.hpp"
-#include "plexa/net/ConnectionThread.hpp"
 
 #include <QString>
 
@@ -10,6 +9,7 @@
 
 namespace Plexa
 {
+  class ConnectionThread;
 
   /// Where a bundle block's bytes come from. `readData` blocks until exactly `size` bytes have
   /// been stored at `buffer` and returns true, or returns false when the connection failed (a
@@ -24,7 +24,7 @@ namespace Plexa
   };
 
   /// Where a complete block goes: the session's controller, which queues the list for its update
-  /// thread. Called on the connection thread, or on the thread its reads are lent to.
+  /// thread. Called on the connection thread.
   class BundleListScheduler
   {
   public:
@@ -60,18 +60,12 @@ namespace Plexa
   /// and drops what was read of the block.
   BundleBlockResult readBundleBlock(const QString& line, BundleByteSource& source, std::vector<Bundle>& bundles);
 
-  /// Whether the bundle block opened by `line` lies whole in `bytes` (the `size` bytes that follow
-  /// the line's break), without reading anything: Whole, Partial while bundles are missing, and
-  /// Unsuitable for a line that opens no block or a block that `readBundleBlock` refuses (a
-  /// negative count, an oversized bundle), which the connection thread reads and reports.
-  BufferedLine bufferedBundleBlock(const QString& line, const char* bytes, int size);
-
   /// The receiving end of the bundle framing, for a connection thread's command handler: reads the
   /// block opened by `line` from `connection` and hands the complete list to
   /// `scheduler->scheduleProcess` (an empty list too). Returns false when the line is not a bundle
   /// block; true when it was, also when the block was cut short (nothing is scheduled then, and the
   /// connection has stopped). A negative count leaves it as std::length_error, which the
-  /// connection thread catches. Runs on the connection thread, or on the thread its reads are lent to.
+  /// connection thread catches. Runs on the connection thread.
   bool processPlexa2(const std::shared_ptr<BundleListScheduler>& scheduler, ConnectionThread& connection,
                      const QString& line);
 }

@@ -23,25 +23,6 @@ TEST(BundleStreamTest, LinesThatDoNotOpenABlockReadNothing)
   }
 }
 
-TEST(BundleStreamTest, BufferedBlockIsWholeOnlyWithEveryBundleBehindIt)
-{
-  const std::vector<Bundle> sent{BundleBytes(1, 1).bytes("aaaa"), BundleBytes(2, 2).bytes(""),
-                                 BundleBytes(3, 3).bytes("bbbbcccc")};
-  const QByteArray bytes = concat(sent) + "trailing";
-  for (int size = 0; size < concat(sent).size(); ++size)
-    EXPECT_EQ(bufferedBundleBlock("plexa2 3", bytes.constData(), size), BufferedLine::Partial) << size;
-  EXPECT_EQ(bufferedBundleBlock("plexa2 3", bytes.constData(), concat(sent).size()), BufferedLine::Whole);
-  EXPECT_EQ(bufferedBundleBlock("plexa2 3", bytes.constData(), bytes.size()), BufferedLine::Whole);
-  EXPECT_EQ(bufferedBundleBlock("plexa2 0", nullptr, 0), BufferedLine::Whole);
-  EXPECT_EQ(bufferedBundleBlock("plexa2 2147483647", bytes.constData(), bytes.size()), BufferedLine::Partial);
-  // What the connection thread has to read and report itself.
-  for (const char* line : {"ping", "plexa2 x", "plexa2 -1"})
-    EXPECT_EQ(bufferedBundleBlock(line, bytes.constData(), bytes.size()), BufferedLine::Unsuitable) << line;
-  Bundle huge;
-  huge.setHeader(BundleHeader{0xffffffffu, 1, 1, 0});
-  EXPECT_EQ(bufferedBundleBlock("plexa2 1", huge.data().constData(), huge.data().size()), BufferedLine::Unsuitable);
-}
-
 TEST(BundleStreamTest, CountIsReadAsToIntReadsIt)
 {
   const std::vector<Bundle> sent{BundleBytes(1, 1).bytes("aaaa"), BundleBytes(2, 2).bytes(""),

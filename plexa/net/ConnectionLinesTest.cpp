@@ -6,11 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <iterator>
 #include <stdexcept>
-
-#include <poll.h>
 
 using namespace PlexaTest;
 
@@ -172,52 +169,6 @@ TEST(ConnectionLines, WithoutPingKeepAliveLinesAreCommands)
   // Nothing was written to the peer: no "ping initialized", no answers.
   c.connection->queue("marker\n");
   EXPECT_EQ(c.client().readLine(), "marker");
-}
-
-TEST(ConnectionLines, LenderReadsWholeLinesHandsBackTheRestAndLosesItsReadsWhenIdle)
-{
-  Connected c(false);
-  c.connection->setLending(true);
-  c.connection->setHandler([](RecordingConnection& connection, const QString& line) {
-    const int size = line.startsWith("lentdata ") ? line.mid(9).toInt() : 0;
-    return connection.readData(size).size() == size;
-  });
-  c.connection->beginLenderWait();
-  ASSERT_TRUE(c.start());
-  ASSERT_TRUE(c.connection->waitFor([&] { return c.connection->parkedCount() == 1; }));
-  // This thread is the lender: it polls the parked connection and reads on its own thread.
-  const auto lendUntil = [&](size_t lent) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(WaitMs);
-    while (c.connection->lentLines().size() < lent && std::chrono::steady_clock::now() < deadline) {
-      const std::shared_ptr<const int> fd = c.connection->beginLenderWait();
-      pollfd p{fd ? *fd : -1, POLLIN, 0};
-      if (!fd || (::poll(&p, 1, 100) == 1 && !c.connection->serviceParked()))
-        return false;
-    }
-    return c.connection->lentLines().size() == lent;
-  };
-  // Half a block goes back to the connection thread, which waits for its rest, never the lender.
-  c.client().write("lent one\nlent two\nlentdata 5\nab");
-  EXPECT_FALSE(lendUntil(3));
-  EXPECT_EQ(c.connection->lentLines(), (std::vector<QString>{"lent one", "lent two"}));
-  c.client().write("cde");
-  ASSERT_TRUE(c.connection->waitForLines(3));
-  EXPECT_EQ(c.connection->lines().back(), "lentdata 5");
-  ASSERT_TRUE(c.connection->waitFor([&] { return c.connection->parkedCount() == 2; }));
-  c.client().write("lent three\n");
-  ASSERT_TRUE(lendUntil(3));
-  // Any other line goes back as well.
-  c.client().write("other\n");
-  EXPECT_FALSE(lendUntil(4));
-  ASSERT_TRUE(c.connection->waitForLines(5));
-  EXPECT_EQ(c.connection->lines().back(), "other");
-  ASSERT_TRUE(c.connection->waitFor([&] { return c.connection->parkedCount() == 3; }));
-  // A lender that stopped waiting loses the reads: nobody polls, yet the line arrives.
-  c.connection->endLenderWait();
-  c.client().write("lent late\n");
-  ASSERT_TRUE(c.connection->waitForLines(6));
-  EXPECT_EQ(c.connection->lentLines(), (std::vector<QString>{"lent one", "lent two", "lent three"}));
-  EXPECT_TRUE(c.connection->isConnected());
 }
 
 TEST(ConnectionLines, QueuedBeforeConnectArrivesInOrder)

@@ -20,7 +20,6 @@
 #include <QString>
 #include <QStringList>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -122,21 +121,6 @@ namespace PlexaTest
       m_changed.wakeAll();
     }
 
-    /// Lends the reads (see ConnectionThread::serviceParked): a line "lentdata N" is whole once N
-    /// bytes follow it, other lines beginning with "lent" at once, the rest goes back.
-    void setLending(bool lending) { m_lending = lending; }
-    /// Lines parsed on a thread other than the connection's own, i.e. by a lender.
-    std::vector<QString> lentLines() const
-    {
-      Bastion::Guard lock(m_mutex);
-      return m_lentLines;
-    }
-    int parkedCount() const
-    {
-      Bastion::Guard lock(m_mutex);
-      return m_parkedCount;
-    }
-
     /// The mutex and condition that guard the records, for handlers with state of their own.
     void notify()
     {
@@ -155,19 +139,9 @@ namespace PlexaTest
       const bool result = handler ? handler(*this, line) : line != QLatin1String("unknown");
       Bastion::Guard lock(m_mutex);
       m_lines.push_back(line);
-      if (!isCurrentThread())
-        m_lentLines.push_back(line);
       m_changed.wakeAll();
       return result;
     }
-    bool lendsReads() const override { return m_lending; }
-    Plexa::BufferedLine bufferedLine(const QString& line, const char*, int restSize) override
-    {
-      if (line.startsWith("lentdata "))
-        return restSize >= line.mid(9).toInt() ? Plexa::BufferedLine::Whole : Plexa::BufferedLine::Partial;
-      return line.startsWith("lent") ? Plexa::BufferedLine::Whole : Plexa::BufferedLine::Unsuitable;
-    }
-    void parkedForLender() override { bump(m_parkedCount); }
     void connected() override
     {
       bump(m_connectedCount);
@@ -213,9 +187,6 @@ namespace PlexaTest
     Handler m_handler;
     QByteArray m_throwingHook;
     std::vector<QString> m_lines;
-    std::vector<QString> m_lentLines;
-    int m_parkedCount = 0;
-    std::atomic<bool> m_lending{false};
     std::vector<QByteArray> m_pongs;
     std::vector<double> m_retries;
     std::vector<QMap<QString, QString>> m_maps;

@@ -9,7 +9,6 @@
 #include "plexa/net/SharedKey.hpp"
 #include "plexa/net/WriterThread.hpp"
 
-#include <cstring>
 #include <exception>
 
 namespace Plexa
@@ -80,9 +79,6 @@ namespace Plexa
     m_running = false;
     m_writer->stop();
     closeSocket();
-    // A thread parked for a lender ends its line loop now.
-    Bastion::Guard guard(m_waitMutex);
-    m_waitCondition.wakeAll();
   }
 
   void ConnectionThread::stop()
@@ -387,9 +383,6 @@ namespace Plexa
   void ConnectionThread::lineLoop()
   {
     while (m_running) {
-      parkWhileLent();
-      if (!m_running)
-        break;
       bool more = false;
       const bool survived = guarded("handling a command", "closing connection", [&] {
         QString text = line();
@@ -404,112 +397,6 @@ namespace Plexa
       if (!more)
         break;
     }
-  }
-
-  bool ConnectionThread::lenderActiveLocked() const
-  {
-    return m_lenderWaiting ||
-           (m_lenderLeft.value() != 0 && m_lenderLeft.sinceSecondsD() * 1000.0 < NetFormat::LenderIdleMs);
-  }
-
-  void ConnectionThread::parkWhileLent()
-  {
-    Bastion::TCPSocket* socket = m_socket.load();
-    int buffered = 0;
-    if (!lendsReads() || !socket || (socket->buffered(&buffered), buffered > 0))
-      return;
-    {
-      Bastion::Guard guard(m_waitMutex);
-      if (!m_running || !lenderActiveLocked())
-        return;
-      m_parked = true;
-    }
-    if (!guarded("parking for a lender", "closing connection", [&] { parkedForLender(); }))
-      m_running = false;
-    Bastion::Guard guard(m_waitMutex);
-    for (;;) {
-      if (!m_parked || !m_running || !lenderActiveLocked()) {
-        // Taken back; a read of the lender that is under way ends first.
-        m_parked = false;
-        if (!m_servicing)
-          break;
-        m_unparking = true;
-      }
-      m_waitCondition.wait(m_waitMutex, NetFormat::LenderIdleMs);
-    }
-    m_unparking = false;
-  }
-
-  std::shared_ptr<const int> ConnectionThread::beginLenderWait()
-  {
-    Bastion::Guard guard(m_waitMutex);
-    m_lenderWaiting = true;
-    Bastion::TCPSocket* socket = m_socket.load();
-    return m_parked && socket ? socket->descriptor() : nullptr;
-  }
-
-  void ConnectionThread::endLenderWait()
-  {
-    Bastion::Guard guard(m_waitMutex);
-    m_lenderWaiting = false;
-    m_lenderLeft = Bastion::TimeStamp::getTime();
-  }
-
-  bool ConnectionThread::serviceParked()
-  {
-    {
-      Bastion::Guard guard(m_waitMutex);
-      if (!m_parked || m_servicing)
-        return false;
-      m_servicing = true;
-    }
-    // From here until m_servicing is cleared the connection thread does not read: the socket's
-    // read side is this thread's.
-    Bastion::TCPSocket* socket = m_socket.load();
-    bool keep = socket && m_running && socket->fillAvailable() >= 0;
-    while (keep && m_running) {
-      int size = 0;
-      const char* bytes = socket->buffered(&size);
-      // The next line as `line()` reads it: line breaks before it skipped, ended by the first
-      // CR or LF, cut at its first zero byte.
-      int start = 0;
-      while (start < size && (bytes[start] == '\r' || bytes[start] == '\n'))
-        ++start;
-      if (start == size)
-        break;
-      int end = start;
-      while (end < size && bytes[end] != '\r' && bytes[end] != '\n')
-        ++end;
-      // What has not arrived whole goes to the connection thread, whose reads may wait for the
-      // rest. Waiting here would scan the buffer again for every piece, which a peer that sends a
-      // byte at a time would turn into quadratic work on the application's thread.
-      keep = false;
-      if (end == size)
-        break;
-      const char* zero = static_cast<const char*>(std::memchr(bytes + start, 0, size_t(end - start)));
-      const QString text = QString::fromUtf8(bytes + start, int((zero ? zero : bytes + end) - (bytes + start)));
-      if (text.isEmpty() || bufferedLine(text, bytes + end + 1, size - end - 1) != BufferedLine::Whole)
-        break;
-      keep = true;
-      // All of it is buffered: the reads below take no system call and never wait.
-      const bool survived = guarded("handling a command", "closing connection", [&] {
-        QString line = this->line();
-        if (line.isEmpty())
-          return;
-        touch();
-        dispatch(line);
-      });
-      if (!survived)
-        m_running = false;
-    }
-    Bastion::Guard guard(m_waitMutex);
-    m_servicing = false;
-    if (!keep || !m_running)
-      m_parked = false;
-    // The parked thread is woken only to take its reads back, not for every message.
-    if (!m_parked || m_unparking)
-      m_waitCondition.wakeAll();
-    return m_parked;
   }
 
   void ConnectionThread::dispatch(QString& text)
@@ -900,10 +787,4 @@ namespace Plexa
   void ConnectionThread::connectionFailed() {}
   void ConnectionThread::retryProgress(double) {}
   void ConnectionThread::pong(const QByteArray&) {}
-  void ConnectionThread::parkedForLender() {}
-
-  BufferedLine ConnectionThread::bufferedLine(const QString&, const char*, int)
-  {
-    return BufferedLine::Unsuitable;
-  }
 }

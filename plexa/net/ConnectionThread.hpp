@@ -29,18 +29,6 @@ namespace Plexa
 {
   class WriterThread;
 
-  /// How a line and the bytes behind it, all in the read buffer, can be handled by a thread the
-  /// reads are lent to (see ConnectionThread::serviceParked).
-  enum class BufferedLine
-  {
-    /// The line and everything it brings are buffered: handle it now.
-    Whole,
-    /// More of what the line brings has to arrive first: the connection thread reads it.
-    Partial,
-    /// Not a line for the lender: the connection thread takes its reads back and handles it.
-    Unsuitable
-  };
-
   /// One TCP connection to a peer, run on a thread of its own.
   ///
   /// A client connection (`accepted` false) connects to the address given to `connectToHost`,
@@ -57,8 +45,7 @@ namespace Plexa
   /// "data-written" (ignored here: listen on `writerThread()` for progress).
   ///
   /// Threads: the connection thread runs `childLoop`, the handshake, every read and every call of
-  /// `parse` (except lines a lender handles, see below), `connected`, `disconnected`, `pong`,
-  /// `connectionFailed` and `retryProgress`. Any
+  /// `parse`, `connected`, `disconnected`, `pong`, `connectionFailed` and `retryProgress`. Any
   /// thread may call `connectToHost`, `stop`, the writing functions (`queue`, `writeBuffer...`,
   /// `ping`), and the accessors. The reading functions (`line`, `readData`, `skip`, `readMap`)
   /// belong to the connection thread, i.e. to `parse`.
@@ -172,27 +159,6 @@ namespace Plexa
     /// Held during the handshake, around each ping answer and by the writer around each entry.
     Bastion::Mutex& writeMutex() { return m_writeMutex; }
 
-    // Reads lent to a waiting thread. A connection whose class lends its reads (`lendsReads`)
-    // and that stands between two lines with nothing buffered parks its thread instead of
-    // blocking on the socket, as long as a lender thread waits or waited less than
-    // NetFormat::LenderIdleMs ago. The lender then polls the descriptor and handles the lines
-    // whose bytes have all arrived on its own thread, sparing the hand-over of each message from
-    // this thread to it. Everything else (keep-alive lines, other commands, a line or block not
-    // yet arrived whole, a closed stream) goes back to the connection thread, which carries on
-    // as without a lender. One lender thread per connection.
-
-    /// Lender thread: its wait begins (again). The descriptor to poll while the connection is
-    /// parked, null otherwise.
-    std::shared_ptr<const int> beginLenderWait();
-    /// Lender thread: its wait has ended.
-    void endLenderWait();
-    /// Lender thread, inside its wait, when the descriptor of `beginLenderWait` turned readable:
-    /// reads what has arrived without waiting and handles the whole lines `bufferedLine`
-    /// accepts through `parse`, on the lender thread. The first line that has not arrived whole
-    /// (or is not accepted) gives the reads back to the connection thread. False once the
-    /// connection thread has its reads back: the descriptor is not to be polled any more.
-    bool serviceParked();
-
     /// Replaces the key of every later handshake in this process (both ends must agree); an empty
     /// key restores the built-in one. Any thread.
     static void setSharedKey(const QByteArray& key);
@@ -232,15 +198,6 @@ namespace Plexa
     /// A "pong" line arrived with this payload.
     virtual void pong(const QByteArray& payload);
 
-    /// True for a class whose `parse` may also run on a lender thread (see `serviceParked`).
-    virtual bool lendsReads() const { return false; }
-    /// Whether a lender may handle `line` now; `rest` holds the `restSize` buffered bytes that
-    /// follow its line break. Connection thread or lender thread.
-    virtual BufferedLine bufferedLine(const QString& line, const char* rest, int restSize);
-    /// Connection thread, no lock held: the connection has parked and the lender should poll it
-    /// from now on.
-    virtual void parkedForLender();
-
     /// Connection thread: true when a log line of `kind` (a string literal of the caller, compared
     /// by address) may be written now: at most NetFormat::LogBurstLines per kind and connection
     /// within NetFormat::LogWindowSecs. Lines held back are counted and reported in one line when
@@ -269,10 +226,6 @@ namespace Plexa
     void waitBeforeRetry(Bastion::TimeStamp start);
     void handOverPending();
     void lineLoop();
-    /// Parks the connection thread while its reads are lent; returns when it reads again.
-    void parkWhileLent();
-    /// The lender waits, or waited less than NetFormat::LenderIdleMs ago.
-    bool lenderActiveLocked() const BASTION_REQUIRES(m_waitMutex);
     /// Handles one line of the line loop: keep-alive lines here, the rest through `parse`.
     void dispatch(QString& text);
     /// Runs `step`; an exception that escapes it is logged ("while `what`", then `consequence`)
@@ -286,15 +239,6 @@ namespace Plexa
     Bastion::Mutex m_writeMutex{true};
     Bastion::Mutex m_waitMutex;
     Bastion::Condition m_waitCondition;
-    // The reads lent: the lender thread is inside its wait, or when it left it (0: never).
-    bool m_lenderWaiting BASTION_GUARDED_BY(m_waitMutex) = false;
-    Bastion::TimeStamp m_lenderLeft BASTION_GUARDED_BY(m_waitMutex);
-    /// The connection thread is parked: the lender may read.
-    bool m_parked BASTION_GUARDED_BY(m_waitMutex) = false;
-    /// The lender is reading: the connection thread does not, even once unparked.
-    bool m_servicing BASTION_GUARDED_BY(m_waitMutex) = false;
-    /// The connection thread waits for the lender's reading to end.
-    bool m_unparking BASTION_GUARDED_BY(m_waitMutex) = false;
 
     /// Set once (by the constructor, or by the first connection attempt) and reused for every
     /// later attempt; freed by the destructor only, after both threads ended. So any thread may

@@ -51,10 +51,6 @@ namespace Plexa
     /// The writer wakes at least this often to run the keep-alive (more often for ping timeouts
     /// shorter than a few seconds).
     constexpr int WriterWakeMs = 1000;
-    /// A connection that lent its reads to a waiting thread takes them back when that thread has
-    /// not been waiting for this long (it is busy elsewhere, and keep-alive lines must still be
-    /// answered); its parked thread looks this often.
-    constexpr int LenderIdleMs = 50;
     /// Chunk of the writer's "data-written" progress: one event per chunk of at most this size.
     constexpr int WriteChunkBytes = 16384;
     /// Largest piece of one part the writer hands to the socket in one call: a few chunks
