@@ -138,7 +138,7 @@ namespace Plexa
       return;
     // The task finds itself in the pending list through this slot (it cannot own itself).
     auto self = std::make_shared<Bastion::FunctionTask*>(nullptr);
-    auto task = std::make_shared<Bastion::FunctionTask>([this, connection, self]() {
+    auto task = std::make_shared<Bastion::FunctionTask>([this, connection = connection, self]() mutable {
       connection->waitEnd();
       {
         Bastion::Guard guard(m_instancesMutex);
@@ -146,8 +146,15 @@ namespace Plexa
       }
       forgetListeners(connection.get());
       removedInstance(connection);
+      {
+        Bastion::Guard guard(m_instancesMutex);
+        m_retiring.erase(connection.get());
+      }
+      // The connection (and its handler, which may refer to what the server serves) goes while
+      // the task is still pending: once it left the list below, a closing server no longer waits
+      // for it, and the server may be gone.
+      connection.reset();
       Bastion::Guard guard(m_instancesMutex);
-      m_retiring.erase(connection.get());
       m_pendingRemovals.erase(
           std::remove_if(m_pendingRemovals.begin(), m_pendingRemovals.end(),
                          [&](const std::shared_ptr<Bastion::FunctionTask>& t) { return t.get() == *self; }),
