@@ -3,6 +3,7 @@
 #include <QtEndian>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 namespace Plexa
@@ -47,7 +48,7 @@ namespace Plexa
     for (; count > 0; --count, blocks += 64) {
       uint32_t x[16];
       for (int i = 0; i < 16; ++i)
-        x[i] = qFromLittleEndian<uint32_t>(blocks + 4 * i);
+        x[i] = qFromLittleEndian<uint32_t>(blocks + 4 * ptrdiff_t(i));
       const uint32_t a0 = a, b0 = b, c0 = c, d0 = d;
       stepF<7>(a, b, c, d, x[0] + 0xd76aa478u);
       stepF<12>(d, a, b, c, x[1] + 0xe8c7b756u);
@@ -154,7 +155,7 @@ namespace Plexa
     last.addData(reinterpret_cast<const char*>(tail), 8);
     QByteArray digest(16, Qt::Uninitialized);
     for (int i = 0; i < 4; ++i)
-      qToLittleEndian(last.m_state[i], digest.data() + 4 * i);
+      qToLittleEndian(last.m_state[i], digest.data() + 4 * ptrdiff_t(i));
     return digest;
   }
 }
