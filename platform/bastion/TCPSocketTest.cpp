@@ -322,3 +322,45 @@ TEST(TCPSocket, WriteSomeTakesWhatFitsWithoutBlocking)
   p.client.close();
   EXPECT_EQ(p.client.writeSome("x", 1), -1);
 }
+
+// A stream of short lines, each announcing a block that follows (as file parts come), read a byte
+// at a time for the line and whole for the block: every byte arrives in order, and the blocks are
+// received into the reader's memory, not copied out of the socket's own buffer.
+TEST(TCPSocket, BlocksAfterLinesAreReceivedStraightIntoTheCallersMemory)
+{
+  Pair p;
+  ASSERT_TRUE(p.accepted);
+  constexpr int Blocks = 64;
+  constexpr int BlockSize = 65536;
+  const std::vector<char> block = pattern(BlockSize);
+  auto writer = std::async(std::launch::async, [&] {
+    for (int i = 0; i < Blocks; ++i) {
+      const QByteArray line = "part " + QByteArray::number(i) + '\n';
+      // Every other block in one write with its line, the rest apart.
+      const QByteArray whole = i % 2 ? line + QByteArray(block.data(), BlockSize) : line;
+      if (p.client.write(whole.constData(), whole.size()) != whole.size())
+        return false;
+      if (i % 2 == 0 && p.client.write(block.data(), BlockSize) != BlockSize)
+        return false;
+    }
+    return true;
+  });
+  std::vector<char> got(BlockSize);
+  for (int i = 0; i < Blocks; ++i) {
+    QByteArray line;
+    char c = 0;
+    while (c != '\n') {
+      ASSERT_EQ(p.accepted->read(&c, 1), 1);
+      line.append(c);
+    }
+    ASSERT_EQ(line, "part " + QByteArray::number(i) + '\n');
+    ASSERT_EQ(p.accepted->read(got.data(), BlockSize), BlockSize);
+    ASSERT_TRUE(got == block) << "block " << i;
+  }
+  ASSERT_TRUE(finishes(writer, p));
+  EXPECT_TRUE(writer.get());
+  EXPECT_EQ(p.accepted->bytesReceived(), p.client.bytesSent());
+  // Only the lines and what came in with them went through the buffer (the first line may bring a
+  // whole block with it).
+  EXPECT_LT(p.accepted->bytesBuffered(), uint64_t(BlockSize + Blocks * 1024)) << "of " << p.accepted->bytesReceived();
+}
