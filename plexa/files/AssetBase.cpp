@@ -21,6 +21,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -50,9 +51,14 @@ namespace Plexa
     /// Modification time in milliseconds (truncated), in UTC: the same value for the scan and for
     /// the row made from a received file, so that row survives the next rescan unchanged. UTC also
     /// keeps every time zone lookup out of the threads of the store.
+    qint64 modificationMSecs(const struct stat& st)
+    {
+      return qint64(st.st_mtim.tv_sec) * 1000 + st.st_mtim.tv_nsec / 1000000;
+    }
+
     QDateTime modificationTime(const struct stat& st)
     {
-      return QDateTime::fromMSecsSinceEpoch(qint64(st.st_mtim.tv_sec) * 1000 + st.st_mtim.tv_nsec / 1000000, Qt::UTC);
+      return QDateTime::fromMSecsSinceEpoch(modificationMSecs(st), Qt::UTC);
     }
 
     // Tables are handed between threads (published snapshots, returned lists, rows made on a
@@ -81,38 +87,46 @@ namespace Plexa
 
     /// The scan's two wildcard filters, "*.filesync.part" (temporary download files) and
     /// "*[\\:*?\"<>]*" (names that the transfer lines cannot carry), written out: QRegExp would
-    /// share its engine cache between the threads that rebuild lists.
-    bool isFiltered(const QString& name)
+    /// share its engine cache between the threads that rebuild lists. Applied to a name's bytes as
+    /// the disk has them: the characters filtered are ASCII, which every local file name encoding
+    /// keeps as they are, so no name needs decoding for this.
+    bool isFiltered(const char* name, size_t length)
     {
-      if (name.endsWith(QLatin1String(TemporarySuffix)))
+      static const size_t suffixLength = std::strlen(TemporarySuffix);
+      if (length >= suffixLength && std::memcmp(name + length - suffixLength, TemporarySuffix, suffixLength) == 0)
         return true;
-      for (const QChar c : name) {
-        switch (c.unicode()) {
-        case '\\':
-        case ':':
-        case '*':
-        case '?':
-        case '"':
-        case '<':
-        case '>':
-          return true;
-        default:
-          break;
-        }
+      return std::strpbrk(name, "\\:*?\"<>") != nullptr;
+    }
+
+    /// Whether `key` is `relative` followed by `name`, a name of ASCII characters only; compared
+    /// without making the path, so that a rescan finds an unchanged file's row without allocating.
+    /// False for any other name, which the caller then decodes and looks up.
+    bool isAsciiPath(const QString& key, const QString& relative, const char* name, size_t length)
+    {
+      if (size_t(key.size()) != size_t(relative.size()) + length)
+        return false;
+      const QChar* chars = key.constData();
+      if (std::memcmp(chars, relative.constData(), size_t(relative.size()) * sizeof(QChar)) != 0)
+        return false;
+      chars += relative.size();
+      for (size_t i = 0; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(name[i]);
+        if (byte >= 0x80 || chars[i].unicode() != byte)
+          return false;
       }
-      return false;
+      return true;
     }
 
     /// Whether this process may read the file: decided from the mode bits where they settle it, so
     /// that a rescan costs one system call per file; access(2) otherwise (groups, lists).
-    bool isReadable(int dirFd, const QByteArray& name, const struct stat& st)
+    bool isReadable(int dirFd, const char* name, const struct stat& st)
     {
       static const uid_t user = geteuid();
       if (user == 0)
         return true;
       if (st.st_uid == user)
         return st.st_mode & S_IRUSR;
-      return faccessat(dirFd, name.constData(), R_OK, AT_EACCESS) == 0;
+      return faccessat(dirFd, name, R_OK, AT_EACCESS) == 0;
     }
 
     /// Closes a directory stream on scope exit.
@@ -261,22 +275,31 @@ namespace Plexa
       ::close(folder);
       return;
     }
-    QList<QByteArray> names;
+    // The names go into one block per folder, each ended by its zero byte: nothing is allocated per
+    // file, which on a rescan of unchanged files would cost as much as the rest of the work.
+    std::vector<char> names;
+    std::vector<size_t> starts;
     // Each scan reads its own directory stream, which is all readdir needs to be safe across threads.
     while (const dirent* entry = readdir(dir.get())) { // NOLINT(concurrency-mt-unsafe)
-      const QByteArray name(entry->d_name);
-      if (name != "." && name != "..")
-        names.append(name);
+      const char* name = entry->d_name;
+      if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
+        continue;
+      starts.push_back(names.size());
+      names.insert(names.end(), name, name + std::strlen(name) + 1);
     }
-    std::sort(names.begin(), names.end());
-    for (const QByteArray& encoded : names) {
-      const QString name = QFile::decodeName(encoded);
-      if (isFiltered(name))
+    std::sort(starts.begin(), starts.end(),
+              [&](size_t a, size_t b) { return std::strcmp(names.data() + a, names.data() + b) < 0; });
+    const int folderFd = dirfd(dir.get());
+    for (const size_t start : starts) {
+      const char* encoded = names.data() + start;
+      const size_t length = std::strlen(encoded);
+      if (isFiltered(encoded, length))
         continue;
       struct stat st;
-      if (fstatat(dirfd(dir.get()), encoded.constData(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+      if (fstatat(folderFd, encoded, &st, AT_SYMLINK_NOFOLLOW) != 0)
         continue;
       if (S_ISDIR(st.st_mode)) {
+        const QString name = QFile::decodeName(QByteArray(encoded, int(length)));
         if (depth >= FileListDepthLimit) {
           Bastion::error("AssetBase::buildFileList # Not listing below %s: deeper than %d folders",
                          QFile::encodeName(rootPath + relative + name).constData(), FileListDepthLimit);
@@ -284,30 +307,40 @@ namespace Plexa
         }
         // Opened from the folder just listed and never through a link, so the walk stays below the
         // root whatever is renamed or swapped meanwhile.
-        const int child = ::openat(dirfd(dir.get()), encoded.constData(),
-                                   O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        const int child = ::openat(folderFd, encoded, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
         if (child >= 0)
           scan(root, child, relative + name + '/', depth + 1, old, cursor, kept, toHash);
         continue;
       }
-      const QString path = relative + name;
+      // Made only when needed: an unchanged file whose row is at the cursor never needs it.
+      QString path;
+      const auto makePath = [&] {
+        if (path.isEmpty())
+          path = relative + QFile::decodeName(QByteArray(encoded, int(length)));
+        return path;
+      };
       const bool link = S_ISLNK(st.st_mode);
       // A link is listed when it leads to a regular file below the root, judged as a transfer of the
       // file would judge it; a linked folder could lead back into itself and is never walked.
-      if (link && (!root.stat(RootDirectory::encode(path), st) || !S_ISREG(st.st_mode)))
+      if (link && (!root.stat(RootDirectory::encode(makePath()), st) || !S_ISREG(st.st_mode)))
         continue;
-      if (!S_ISREG(st.st_mode) || !isReadable(dirfd(dir.get()), encoded, st))
+      if (!S_ISREG(st.st_mode) || !isReadable(folderFd, encoded, st))
         continue;
-      if (removeQueue.contains(path))
+      if (!removeQueue.isEmpty() && removeQueue.contains(makePath()))
         continue;
-      const QDateTime modified = modificationTime(st);
-      auto previous = cursor != old.cend() && cursor.key() == path ? cursor : old.constFind(path);
+      auto previous = old.cend();
+      if (cursor != old.cend() && isAsciiPath(cursor.key(), relative, encoded, length))
+        previous = cursor;
+      else
+        previous = cursor != old.cend() && cursor.key() == makePath() ? cursor : old.constFind(makePath());
       if (previous != old.cend())
         cursor = std::next(previous);
-      if (previous != old.cend() && previous->time == modified)
+      // The same test as comparing the row's time with modificationTime(st), without making one.
+      if (previous != old.cend() && previous->time.isValid() &&
+          previous->time.toMSecsSinceEpoch() == modificationMSecs(st))
         kept.push_back(previous);
       else
-        toHash.append({path, modified, link});
+        toHash.append({makePath(), modificationTime(st), link});
     }
   }
 
@@ -423,6 +456,7 @@ namespace Plexa
       const int top = root.open("/", O_RDONLY | O_DIRECTORY | O_NONBLOCK);
       FileList::const_iterator cursor = fileList.cbegin();
       std::vector<FileList::const_iterator> kept;
+      kept.reserve(size_t(fileList.size()));
       if (top >= 0)
         scan(root, top, QStringLiteral("/"), 0, fileList, cursor, kept, toHash);
       unchanged = toHash.isEmpty() && kept.size() == size_t(fileList.size());

@@ -107,9 +107,12 @@ TEST_F(AssetBaseTest, RebuildHashesOnlyNewOrChangedFiles)
 // A rescan finds old rows by walking the list alongside the folders, falling back to a lookup when
 // the walk meets them in another order ("/a/x" is walked before "/a-b" but sorts after it) or a
 // row goes missing: the list it returns is still exactly the files present, with their rows.
+// Names beyond ASCII are found too (in UTF-8, "\u00e9" is the bytes that spell "\u00c3\u00a9" in
+// Latin-1: neither may be taken for the other's row).
 TEST_F(AssetBaseTest, RescanKeepsExactlyThePresentRowsWhateverTheWalkOrder)
 {
-  const QStringList paths{"/a-b", "/a/x", "/a/y", "/b", "/c/d/e", "/c/f", "/z"};
+  const QStringList paths{
+      "/a-b", "/a/x", "/a/y", "/b", "/c/d/e", "/c/f", "/z", QStringLiteral("/\u00c3\u00a9"), QStringLiteral("/\u00e9")};
   for (int i = 0; i < paths.size(); ++i)
     ASSERT_TRUE(put(paths[i], "file " + QByteArray::number(i)));
   AssetBase store(root());
@@ -119,14 +122,18 @@ TEST_F(AssetBaseTest, RescanKeepsExactlyThePresentRowsWhateverTheWalkOrder)
   RecordingProgress unchanged;
   EXPECT_EQ(store.buildFileList(&unchanged).keys(), paths);
   EXPECT_EQ(unchanged.hashed(), 0);
+  ASSERT_TRUE(put(QStringLiteral("/\u00e9"), "file 8", 1600000100));
+  RecordingProgress touched;
+  store.buildFileList(&touched);
+  EXPECT_EQ(touched.texts.filter("Generated checksums: "), QStringList(QStringLiteral("Generated checksums: /\u00e9")));
 
-  // Rows gone from the middle, the start and the end, nothing new: no hashing, the rest kept.
-  for (const char* gone : {"/a/y", "/a-b", "/z"})
+  // Rows gone from the middle and the start, nothing new: no hashing, the rest kept.
+  for (const QString& gone : {paths[2], paths[0], paths[7]})
     ASSERT_TRUE(QFile::remove(file(gone)));
   RecordingProgress removed;
   const AssetBase::FileList list = store.buildFileList(&removed);
   EXPECT_EQ(removed.hashed(), 0);
-  EXPECT_EQ(list.keys(), QStringList({"/a/x", "/b", "/c/d/e", "/c/f"}));
+  EXPECT_EQ(list.keys(), QStringList({"/a/x", "/b", "/c/d/e", "/c/f", "/z", paths[8]}));
   for (const QString& path : list.keys())
     EXPECT_EQ(list.value(path).md5.toHex(), md5Hex("file " + QByteArray::number(paths.indexOf(path))).toLatin1())
         << path.toUtf8().constData();
@@ -134,12 +141,12 @@ TEST_F(AssetBaseTest, RescanKeepsExactlyThePresentRowsWhateverTheWalkOrder)
   EXPECT_EQ(savedRows(store.rootPath()).keys(), list.keys());
 
   // Now the walk meets the rows in order until one is missing, in the middle and at the end.
-  for (const char* gone : {"/b", "/c/f"}) {
+  for (const QString& gone : {paths[3], paths[8]}) {
     ASSERT_TRUE(QFile::remove(file(gone)));
     QStringList expected = store.fileList().keys();
     expected.removeOne(gone);
     RecordingProgress progress;
-    EXPECT_EQ(store.buildFileList(&progress).keys(), expected) << gone;
+    EXPECT_EQ(store.buildFileList(&progress).keys(), expected) << gone.toStdString();
     EXPECT_EQ(progress.hashed(), 0);
     EXPECT_EQ(savedRows(store.rootPath()).keys(), expected);
   }
