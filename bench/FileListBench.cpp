@@ -44,14 +44,21 @@ namespace
     return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
   }
 
-  /// Drops the cached contents of the files below `root` from the page cache, after writing out
-  /// what is dirty (only clean pages can be dropped). False when a file could not be opened.
-  bool dropCachedContents(const QString& root)
+  /// Writes out the files below `root`, whose pages can then be dropped from the page cache (only
+  /// clean ones can).
+  bool writeOut(const QString& root)
   {
     const int folder = ::open(QFile::encodeName(root).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder < 0 || syncfs(folder) != 0)
-      return false;
-    ::close(folder);
+    const bool written = folder >= 0 && syncfs(folder) == 0;
+    if (folder >= 0)
+      ::close(folder);
+    return written;
+  }
+
+  /// Drops the cached contents of the files below `root` from the page cache. False when a file
+  /// could not be opened.
+  bool dropCachedContents(const QString& root)
+  {
     QDirIterator files(root, QDir::Files, QDirIterator::Subdirectories);
     while (files.hasNext()) {
       const int fd = ::open(QFile::encodeName(files.next()).constData(), O_RDONLY | O_CLOEXEC);
@@ -91,6 +98,10 @@ int main(int argc, char** argv)
     }
   }
 
+  if (!writeOut(root.path())) {
+    std::printf("cannot write out %s\n", qPrintable(root.path()));
+    return 1;
+  }
   double restart, restartCpu;
   int rescanHashed, restartHashed;
   std::vector<double> firstRuns, firstCpuRuns, warmRuns, rescanRuns, rescanCpuRuns;
