@@ -10,7 +10,7 @@
 //       server's RSS and open descriptors before and after, every mirror complete.
 // The clients run in child processes of this program (`--child <role> ...`), several clients per
 // process, each client a Peer (or a Qt Remote Objects node) of its own; this process is the server.
-// `--quick` runs smaller sizes.
+// `--quick` runs smaller sizes; `--fanout` runs (a) alone.
 
 #include "BenchReport.hpp"
 #include "ChildProcess.hpp"
@@ -451,6 +451,7 @@ namespace
   {
     std::string self;
     Settings s;
+    bool fanoutOnly = false;
   };
 
   struct Fanout
@@ -721,9 +722,9 @@ namespace
     const char* qtroKind = "not built (Qt5RemoteObjects missing)";
 #endif
     const Fanout plexa = plexaFanout(run);
-    const Hub hub = plexaHub(run);
-    const Idle idle = plexaIdle(run);
-    const Churn churn = plexaChurn(run);
+    const Hub hub = run.fanoutOnly ? Hub() : plexaHub(run);
+    const Idle idle = run.fanoutOnly ? Idle() : plexaIdle(run);
+    const Churn churn = run.fanoutOnly ? Churn() : plexaChurn(run);
 
     std::printf("PeerScaleBench: one server process, clients in child processes, over 127.0.0.1%s; load average "
                 "%s before, %s after\n",
@@ -749,6 +750,8 @@ namespace
     if (!plexa.ok || !qtro.ok)
       std::printf("  note: a fan-out run missed values or ended wrong (Plexa %s, QtRO %s)\n",
                   plexa.ok ? "ok" : "FAILED", qtro.ok ? "ok" : "FAILED");
+    if (run.fanoutOnly)
+      return 0;
     std::printf("(b) client A -> server -> client B, %d changes: median %.1f us, p99 %.1f us\n", s.hubSamples,
                 hub.medianUs, hub.p99Us);
     std::printf("(c) %d idle connections in %d processes, %d-attribute tree: all mirrored after %.2f s; server "
@@ -789,9 +792,11 @@ int main(int argc, char** argv)
     return 2;
   }
   bool quick = false;
-  for (int i = 1; i < argc; ++i)
-    quick = quick || std::strcmp(argv[i], "--quick") == 0;
   Run run;
+  for (int i = 1; i < argc; ++i) {
+    quick = quick || std::strcmp(argv[i], "--quick") == 0;
+    run.fanoutOnly = run.fanoutOnly || std::strcmp(argv[i], "--fanout") == 0;
+  }
   run.self = QCoreApplication::applicationFilePath().toStdString();
   run.s = Settings::make(quick);
   return runAll(run);

@@ -104,7 +104,10 @@ namespace Plexa
       Bastion::error("NodeChangeSender::onAttributeChange # Could not find a session attribute for the given change");
       return;
     }
-    if (session->removedByPeer && (e.type == NodeWatcher::AttributeRemoved || e.type == NodeWatcher::AttributeChanged))
+    // The record of a busy session's attribute is rarely in the cache: its flag is only read once
+    // the peer has removed anything at all.
+    if ((e.type == NodeWatcher::AttributeRemoved || e.type == NodeWatcher::AttributeChanged) &&
+        m_storage.anyRemovedByPeer() && session->removedByPeer)
       return;
     m_queue.push_back(e);
   }
