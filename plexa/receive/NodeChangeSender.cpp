@@ -137,8 +137,14 @@ namespace Plexa
 
   void NodeChangeSender::ignoreOne(const NodeWatcher::Event& event)
   {
+    const uint64_t key = packed(event);
+    uint64_t none = NoRequest;
+    if (m_ignoredCount.load(std::memory_order_acquire) == 0 &&
+        m_ignoredOne.compare_exchange_strong(none, key, std::memory_order_acq_rel))
+      return;
     Bastion::Guard lock(m_changeMutex);
-    if (std::find(m_ignored.begin(), m_ignored.end(), event) != m_ignored.end())
+    if (m_ignoredOne.load(std::memory_order_acquire) == key ||
+        std::find(m_ignored.begin(), m_ignored.end(), event) != m_ignored.end())
       Bastion::warning("NodeChangeSender::ignoreOne # Called for an already ignored symbol");
     else
       m_ignored.push_back(event);
@@ -147,6 +153,11 @@ namespace Plexa
 
   bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event& event)
   {
+    const uint64_t key = packed(event);
+    uint64_t expected = key;
+    if (m_ignoredOne.load(std::memory_order_acquire) == key &&
+        m_ignoredOne.compare_exchange_strong(expected, NoRequest, std::memory_order_acq_rel))
+      return true;
     // Requests are made and used up on the update thread, so a count of 0 read here cannot miss
     // a request that concerns this event.
     if (m_ignoredCount.load(std::memory_order_acquire) == 0)
