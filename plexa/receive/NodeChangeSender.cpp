@@ -13,6 +13,50 @@
 
 namespace Plexa
 {
+  namespace
+  {
+    struct Publication
+    {
+      bool published = false;
+      bool cached = false;
+    };
+
+    /// The last answer of `publicationOf` on this thread, with what it was read from.
+    struct PublicationMemo
+    {
+      const SyncFlags* flags = nullptr;
+      const AttributeCache* cache = nullptr;
+      uint64_t flagsVersion = 0;
+      uint64_t cacheVersion = 0;
+      uint32_t symbol = 0;
+      Publication answer;
+    };
+    thread_local PublicationMemo publicationMemo;
+
+    /// Whether `symbol` is published, and whether the cache has its attribute. Every session's
+    /// sender hears each change of the tree in turn and asks this of the same tables: the answer
+    /// is kept while neither table has changed, so a change costs two table lookups under their
+    /// locks once, not once per session.
+    Publication publicationOf(RemoteNode& node, uint32_t symbol)
+    {
+      const SyncFlags& flags = node.syncFlags();
+      const AttributeCache& cache = node.attributeCache();
+      // Read before the tables: a change of either meanwhile leaves a version behind that the
+      // next call does not find.
+      const uint64_t flagsVersion = flags.version();
+      const uint64_t cacheVersion = cache.version();
+      PublicationMemo& memo = publicationMemo;
+      if (memo.symbol == symbol && memo.flags == &flags && memo.cache == &cache && memo.flagsVersion == flagsVersion &&
+          memo.cacheVersion == cacheVersion)
+        return memo.answer;
+      Publication answer;
+      answer.published = (flags.getFlags(symbol) & SyncFlags::Publish) != 0;
+      answer.cached = answer.published && cache.find(symbol) != nullptr;
+      memo = {&flags, &cache, flagsVersion, cacheVersion, symbol, answer};
+      return answer;
+    }
+  }
+
   NodeChangeSender::NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types)
       : BundleSender(ModuleNames::SymbolRegistry)
       , m_node(node)
@@ -88,9 +132,10 @@ namespace Plexa
       }
     }
 
-    if ((m_node.syncFlags().getFlags(e.symbol) & SyncFlags::Publish) == 0)
+    const Publication publication = publicationOf(m_node, e.symbol);
+    if (!publication.published)
       return;
-    if (!m_node.attributeCache().find(e.symbol)) {
+    if (!publication.cached) {
       Bastion::error("NodeChangeSender::onAttributeChange # Got an attribute change event but can't find the actual "
                      "attribute");
       return;

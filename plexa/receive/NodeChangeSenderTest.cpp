@@ -152,6 +152,14 @@ TEST(NodeChangeSenderTest, EventPayloadsArePaddedAndUnpublishedOrNodeChangesNeve
       BundleBytes(EventType, 6).words({ev, 5, 0x6c6c6568, 0x6f}),
   };
   EXPECT_EQ(s.pass(), expected);
+
+  // A flag changed after a change was let through holds for the very next change.
+  s.node.setSyncFlags(RemoteNode::makeRegExp("shown"), SyncFlags::None);
+  s.ints["shown"]->setValue(7);
+  EXPECT_TRUE(s.pass().empty());
+  s.node.setSyncFlags(RemoteNode::makeRegExp("shown"), SyncFlags::Publish);
+  s.ints["shown"]->setValue(8);
+  EXPECT_EQ(s.pass(), std::vector<QByteArray>{BundleBytes(UpdateType, 7).words({s.symbol("shown"), 8})});
 }
 
 TEST(NodeChangeSenderTest, IgnoreRequestsAreUsedUpOnceAndReportedWhenDoubled)
