@@ -10,7 +10,7 @@
 //       server's RSS and open descriptors before and after, every mirror complete.
 // The clients run in child processes of this program (`--child <role> ...`), several clients per
 // process, each client a Peer (or a Qt Remote Objects node) of its own; this process is the server.
-// `--quick` runs smaller sizes.
+// `--quick` runs smaller sizes; `--fanout` runs (a) alone.
 
 #include "BenchReport.hpp"
 #include "ChildProcess.hpp"
@@ -240,7 +240,7 @@ namespace
   }
 
   /// "<port> <clients> <values> <rounds>": mirrors, counts applied values per client, reports
-  /// "done <bytes> <ok> <end of each client>".
+  /// "done <bytes> <ok> <CPU seconds of the rounds> <end of each client>".
   int plexaFanoutChild(const std::vector<std::string>& args)
   {
     const int port = std::atoi(args[0].c_str());
@@ -262,6 +262,7 @@ namespace
             },
             Carafe::Attribute::RoleChanged);
     const uint64_t bytes = tcpBytesReceived();
+    const double cpu0 = cpuSeconds();
     say("ready");
     const auto deadline = Clock::now() + std::chrono::seconds(300);
     auto done = [&] { return std::all_of(clients.begin(), clients.end(), [](auto& c) { return c->end != 0; }); };
@@ -271,7 +272,8 @@ namespace
     for (auto& c : clients)
       for (int i = 0; i < values; ++i)
         ok = ok && c->values[size_t(i)]->value() == roundValue(rounds - 1, i);
-    std::string line = "done " + std::to_string(tcpBytesReceived() - bytes) + (ok ? " 1" : " 0");
+    std::string line = "done " + std::to_string(tcpBytesReceived() - bytes) + (ok ? " 1 " : " 0 ") +
+                       std::to_string(cpuSeconds() - cpu0);
     for (auto& c : clients)
       line += " " + std::to_string(c->end);
     say(line);
@@ -428,6 +430,7 @@ namespace
         }
     }
     const uint64_t bytes = tcpBytesReceived();
+    const double cpu0 = cpuSeconds();
     say("ready");
     qtUntil([&] { return std::all_of(clients.begin(), clients.end(), [](auto& c) { return c->end != 0; }); }, 300);
     bool ok = true;
@@ -437,7 +440,8 @@ namespace
           ok = ok &&
                c->replicas[b]->property(("p" + QByteArray::number(i).rightJustified(2, '0')).constData()).toFloat() ==
                    roundValue(rounds - 1, int(b) * PropertyBlock::Size + i);
-    std::string line = "done " + std::to_string(tcpBytesReceived() - bytes) + (ok ? " 1" : " 0");
+    std::string line = "done " + std::to_string(tcpBytesReceived() - bytes) + (ok ? " 1 " : " 0 ") +
+                       std::to_string(cpuSeconds() - cpu0);
     for (auto& c : clients)
       line += " " + std::to_string(c->end);
     say(line);
@@ -451,6 +455,7 @@ namespace
   {
     std::string self;
     Settings s;
+    bool fanoutOnly = false;
   };
 
   struct Fanout
@@ -460,6 +465,7 @@ namespace
     double slowest = NAN; // the slowest client's values per second
     double mean = NAN;    // the mean client's
     double cpuPerMillion = NAN;
+    double clientCpuPerMillion = NAN; // all client processes together
     double bytesPerValue = NAN;
   };
 
@@ -495,17 +501,19 @@ namespace
     std::vector<double> rates;
     int64_t last = 0;
     uint64_t bytes = 0;
+    double clientCpu = 0;
     bool ok = true;
     for (auto& child : children) {
       std::string line;
       if (!child->readLine(line, 300, pump))
         return f;
       const std::vector<std::string> w = words(line);
-      if (w.size() < 3 || w[0] != "done")
+      if (w.size() < 4 || w[0] != "done")
         return f;
       bytes += std::stoull(w[1]);
       ok = ok && w[2] == "1";
-      for (size_t i = 3; i < w.size(); ++i) {
+      clientCpu += std::atof(w[3].c_str());
+      for (size_t i = 4; i < w.size(); ++i) {
         const int64_t end = std::atoll(w[i].c_str());
         ok = ok && end > startNs;
         last = std::max(last, end);
@@ -519,6 +527,7 @@ namespace
     f.slowest = *std::min_element(rates.begin(), rates.end());
     f.mean = std::accumulate(rates.begin(), rates.end(), 0.0) / double(rates.size());
     f.cpuPerMillion = cpu / (values / 1e6);
+    f.clientCpuPerMillion = clientCpu / (values / 1e6);
     f.bytesPerValue = double(bytes) / values;
     return f;
   }
@@ -721,9 +730,9 @@ namespace
     const char* qtroKind = "not built (Qt5RemoteObjects missing)";
 #endif
     const Fanout plexa = plexaFanout(run);
-    const Hub hub = plexaHub(run);
-    const Idle idle = plexaIdle(run);
-    const Churn churn = plexaChurn(run);
+    const Hub hub = run.fanoutOnly ? Hub() : plexaHub(run);
+    const Idle idle = run.fanoutOnly ? Idle() : plexaIdle(run);
+    const Churn churn = run.fanoutOnly ? Churn() : plexaChurn(run);
 
     std::printf("PeerScaleBench: one server process, clients in child processes, over 127.0.0.1%s; load average "
                 "%s before, %s after\n",
@@ -745,10 +754,13 @@ namespace
         verdict(plexa.ok && plexa.slowest >= plexa.mean / 2));
     row("(a) mean client values/s", plexa.mean, qtro.mean, "", "");
     row("(a) server CPU s per million values", plexa.cpuPerMillion, qtro.cpuPerMillion, "", "");
+    row("(a) client CPU s per million values", plexa.clientCpuPerMillion, qtro.clientCpuPerMillion, "", "");
     row("(a) wire bytes per value", plexa.bytesPerValue, qtro.bytesPerValue, "", "");
     if (!plexa.ok || !qtro.ok)
       std::printf("  note: a fan-out run missed values or ended wrong (Plexa %s, QtRO %s)\n",
                   plexa.ok ? "ok" : "FAILED", qtro.ok ? "ok" : "FAILED");
+    if (run.fanoutOnly)
+      return 0;
     std::printf("(b) client A -> server -> client B, %d changes: median %.1f us, p99 %.1f us\n", s.hubSamples,
                 hub.medianUs, hub.p99Us);
     std::printf("(c) %d idle connections in %d processes, %d-attribute tree: all mirrored after %.2f s; server "
@@ -789,9 +801,11 @@ int main(int argc, char** argv)
     return 2;
   }
   bool quick = false;
-  for (int i = 1; i < argc; ++i)
-    quick = quick || std::strcmp(argv[i], "--quick") == 0;
   Run run;
+  for (int i = 1; i < argc; ++i) {
+    quick = quick || std::strcmp(argv[i], "--quick") == 0;
+    run.fanoutOnly = run.fanoutOnly || std::strcmp(argv[i], "--fanout") == 0;
+  }
   run.self = QCoreApplication::applicationFilePath().toStdString();
   run.s = Settings::make(quick);
   return runAll(run);

@@ -57,7 +57,7 @@ namespace Plexa
       session->peerTypeId = 0;
       session->receivedSequence = 0;
       session->deserializer = PlexaSessionAttribute::createDummyDeserializer(session->peerSize);
-      session->removedByPeer = true;
+      m_storage.markRemovedByPeer(*session);
       session->lastSentSequence = 0;
     }
   }

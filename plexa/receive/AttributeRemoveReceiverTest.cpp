@@ -51,6 +51,12 @@ TEST(AttributeRemoveReceiverTest, CreatedAttributesGoLocalOnesStayAndBothReadLat
     EXPECT_EQ(session->peerTypeId, 0u);
     EXPECT_EQ(session->peerSize, 4u);
   }
+  // A local change of an attribute the peer removed is not sent to it.
+  local->setValue(9.f);
+  side.sender.collapseChanges();
+  EXPECT_TRUE(side.sender.changes().empty());
+  local->setValue(1.f);
+  side.sender.collapseChanges();
 
   // Updates for both symbols are read past; the local attribute keeps its value.
   side.feed(side.updates, BundleBytes(UpdateType).words({1, bitsOf(5.f), 2, bitsOf(6.f)}).bundle());

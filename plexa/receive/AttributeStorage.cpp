@@ -100,6 +100,12 @@ namespace Plexa
       Bastion::error("AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute");
   }
 
+  void AttributeStorage::markRemovedByPeer(PlexaSessionAttribute& record)
+  {
+    m_anyRemovedByPeer.store(true, std::memory_order_relaxed);
+    record.removedByPeer = true;
+  }
+
   void AttributeStorage::setMaxRecords(int maxRecords)
   {
     Bastion::WriteGuard lock(m_lock);

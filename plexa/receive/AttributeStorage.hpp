@@ -7,6 +7,7 @@
 
 #include <QByteArray>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 
@@ -53,6 +54,12 @@ namespace Plexa
     /// error and keeps the first binding.
     void indexByReadSymbol(uint32_t readSymbol, PlexaSessionAttribute* attribute);
 
+    /// Marks `record` as removed by the peer. Any thread that may write records (the update thread).
+    void markRemovedByPeer(PlexaSessionAttribute& record);
+    /// False while no record was ever marked removed by the peer in this session: the change
+    /// sender then needs no look at a record's flag for every local change. Any thread.
+    bool anyRemovedByPeer() const { return m_anyRemovedByPeer.load(std::memory_order_relaxed); }
+
     /// Cap on the records `bindForPeer` makes room for; 0 (the default) means none.
     void setMaxRecords(int maxRecords);
     /// True once `bindForPeer` refused a path because of the cap.
@@ -77,5 +84,7 @@ namespace Plexa
     std::deque<PlexaSessionAttribute> m_records BASTION_GUARDED_BY(m_lock);
     int m_maxRecords BASTION_GUARDED_BY(m_lock) = 0;
     bool m_limitExceeded BASTION_GUARDED_BY(m_lock) = false;
+    /// Set for good by the first `markRemovedByPeer`.
+    std::atomic<bool> m_anyRemovedByPeer{false};
   };
 }

@@ -13,6 +13,50 @@
 
 namespace Plexa
 {
+  namespace
+  {
+    struct Publication
+    {
+      bool published = false;
+      bool cached = false;
+    };
+
+    /// The last answer of `publicationOf` on this thread, with what it was read from.
+    struct PublicationMemo
+    {
+      const SyncFlags* flags = nullptr;
+      const AttributeCache* cache = nullptr;
+      uint64_t flagsVersion = 0;
+      uint64_t cacheVersion = 0;
+      uint32_t symbol = 0;
+      Publication answer;
+    };
+    thread_local PublicationMemo publicationMemo;
+
+    /// Whether `symbol` is published, and whether the cache has its attribute. Every session's
+    /// sender hears each change of the tree in turn and asks this of the same tables: the answer
+    /// is kept while neither table has changed, so a change costs two table lookups under their
+    /// locks once, not once per session.
+    Publication publicationOf(RemoteNode& node, uint32_t symbol)
+    {
+      const SyncFlags& flags = node.syncFlags();
+      const AttributeCache& cache = node.attributeCache();
+      // Read before the tables: a change of either meanwhile leaves a version behind that the
+      // next call does not find.
+      const uint64_t flagsVersion = flags.version();
+      const uint64_t cacheVersion = cache.version();
+      PublicationMemo& memo = publicationMemo;
+      if (memo.symbol == symbol && memo.flags == &flags && memo.cache == &cache && memo.flagsVersion == flagsVersion &&
+          memo.cacheVersion == cacheVersion)
+        return memo.answer;
+      Publication answer;
+      answer.published = (flags.getFlags(symbol) & SyncFlags::Publish) != 0;
+      answer.cached = answer.published && cache.find(symbol) != nullptr;
+      memo = {&flags, &cache, flagsVersion, cacheVersion, symbol, answer};
+      return answer;
+    }
+  }
+
   NodeChangeSender::NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types)
       : BundleSender(ModuleNames::SymbolRegistry)
       , m_node(node)
@@ -88,9 +132,10 @@ namespace Plexa
       }
     }
 
-    if ((m_node.syncFlags().getFlags(e.symbol) & SyncFlags::Publish) == 0)
+    const Publication publication = publicationOf(m_node, e.symbol);
+    if (!publication.published)
       return;
-    if (!m_node.attributeCache().find(e.symbol)) {
+    if (!publication.cached) {
       Bastion::error("NodeChangeSender::onAttributeChange # Got an attribute change event but can't find the actual "
                      "attribute");
       return;
@@ -104,7 +149,10 @@ namespace Plexa
       Bastion::error("NodeChangeSender::onAttributeChange # Could not find a session attribute for the given change");
       return;
     }
-    if (session->removedByPeer && (e.type == NodeWatcher::AttributeRemoved || e.type == NodeWatcher::AttributeChanged))
+    // The record of a busy session's attribute is rarely in the cache: its flag is only read once
+    // the peer has removed anything at all.
+    if ((e.type == NodeWatcher::AttributeRemoved || e.type == NodeWatcher::AttributeChanged) &&
+        m_storage.anyRemovedByPeer() && session->removedByPeer)
       return;
     m_queue.push_back(e);
   }
@@ -134,8 +182,14 @@ namespace Plexa
 
   void NodeChangeSender::ignoreOne(const NodeWatcher::Event& event)
   {
+    const uint64_t key = packed(event);
+    uint64_t none = NoRequest;
+    if (m_ignoredCount.load(std::memory_order_acquire) == 0 &&
+        m_ignoredOne.compare_exchange_strong(none, key, std::memory_order_acq_rel))
+      return;
     Bastion::Guard lock(m_changeMutex);
-    if (std::find(m_ignored.begin(), m_ignored.end(), event) != m_ignored.end())
+    if (m_ignoredOne.load(std::memory_order_acquire) == key ||
+        std::find(m_ignored.begin(), m_ignored.end(), event) != m_ignored.end())
       Bastion::warning("NodeChangeSender::ignoreOne # Called for an already ignored symbol");
     else
       m_ignored.push_back(event);
@@ -144,6 +198,11 @@ namespace Plexa
 
   bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event& event)
   {
+    const uint64_t key = packed(event);
+    uint64_t expected = key;
+    if (m_ignoredOne.load(std::memory_order_acquire) == key &&
+        m_ignoredOne.compare_exchange_strong(expected, NoRequest, std::memory_order_acq_rel))
+      return true;
     // Requests are made and used up on the update thread, so a count of 0 read here cannot miss
     // a request that concerns this event.
     if (m_ignoredCount.load(std::memory_order_acquire) == 0)

@@ -118,6 +118,15 @@ namespace Plexa
     /// Size of m_ignored, written under the mutex: every local change asks whether it is ignored,
     /// and while nothing is, the answer needs no lock.
     std::atomic<size_t> m_ignoredCount{0};
+    /// The one request of the common case, a receiver applying one value at a time (`packed`, or
+    /// `NoRequest`): put and used up with one atomic step each, no lock per applied value. Further
+    /// requests wait in m_ignored.
+    std::atomic<uint64_t> m_ignoredOne{NoRequest};
+    static constexpr uint64_t NoRequest = ~uint64_t(0);
+    static uint64_t packed(const NodeWatcher::Event& event)
+    {
+      return uint64_t(uint32_t(event.type)) << 32 | event.symbol;
+    }
 
     // ---- Guarded by m_eventMutex ----
     Bastion::Mutex m_eventMutex;

@@ -152,23 +152,36 @@ TEST(NodeChangeSenderTest, EventPayloadsArePaddedAndUnpublishedOrNodeChangesNeve
       BundleBytes(EventType, 6).words({ev, 5, 0x6c6c6568, 0x6f}),
   };
   EXPECT_EQ(s.pass(), expected);
+
+  // A flag changed after a change was let through holds for the very next change.
+  s.node.setSyncFlags(RemoteNode::makeRegExp("shown"), SyncFlags::None);
+  s.ints["shown"]->setValue(7);
+  EXPECT_TRUE(s.pass().empty());
+  s.node.setSyncFlags(RemoteNode::makeRegExp("shown"), SyncFlags::Publish);
+  s.ints["shown"]->setValue(8);
+  EXPECT_EQ(s.pass(), std::vector<QByteArray>{BundleBytes(UpdateType, 7).words({s.symbol("shown"), 8})});
 }
 
 TEST(NodeChangeSenderTest, IgnoreRequestsAreUsedUpOnceAndReportedWhenDoubled)
 {
-  SenderSide s({{"x", 1}});
+  SenderSide s({{"x", 1}, {"y", 1}});
   s.session->sender.sendInitialValues();
   s.pass();
   const NodeWatcher::Event changed{NodeWatcher::AttributeChanged, s.symbol("x")};
+  const NodeWatcher::Event other{NodeWatcher::AttributeChanged, s.symbol("y")};
   Bastion::LogCapture log;
   s.session->sender.ignoreOne(changed);
+  s.session->sender.ignoreOne(other);
   s.session->sender.ignoreOne(changed);
-  EXPECT_TRUE(log.contains(Bastion::LogLevel::Warning, "NodeChangeSender::ignoreOne # Called for an already ignored "
-                                                       "symbol"));
+  s.session->sender.ignoreOne(other);
+  EXPECT_EQ(log.countContaining("NodeChangeSender::ignoreOne # Called for an already ignored symbol"), 2);
+  s.ints["y"]->setValue(2); // swallowed
   s.ints["x"]->setValue(2); // swallowed
   s.ints["x"]->setValue(3); // sent
+  s.ints["y"]->setValue(3); // sent
   EXPECT_FALSE(s.session->sender.stopIgnoring(changed));
-  const std::vector<QByteArray> expected = {BundleBytes(UpdateType, 4).words({s.symbol("x"), 3})};
+  EXPECT_FALSE(s.session->sender.stopIgnoring(other));
+  const std::vector<QByteArray> expected = {BundleBytes(UpdateType, 4).words({s.symbol("x"), 3, s.symbol("y"), 3})};
   EXPECT_EQ(s.pass(), expected);
   EXPECT_EQ(s.session->sender.messageType(NodeWatcher::NodeAdded), 0xFFFFFFFFu);
   EXPECT_TRUE(log.contains("NodeChangeSender::messageType # Found an invalid event type 3"));

@@ -18,11 +18,19 @@ namespace Plexa
       m_flags.erase(symbol);
     else
       m_flags[symbol] = flag;
+    m_version.store(nextVersion(), std::memory_order_release);
   }
 
   void SyncFlags::clear()
   {
     Bastion::WriteGuard lock(m_lock);
     m_flags.clear();
+    m_version.store(nextVersion(), std::memory_order_release);
+  }
+
+  uint64_t SyncFlags::nextVersion()
+  {
+    static std::atomic<uint64_t> last{0};
+    return ++last;
   }
 }

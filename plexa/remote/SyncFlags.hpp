@@ -2,6 +2,7 @@
 
 #include "bastion/SharedMutex.hpp"
 
+#include <atomic>
 #include <cstdint>
 #include <unordered_map>
 
@@ -23,9 +24,16 @@ namespace Plexa
     /// Default erases the symbol's entry; any other value replaces it.
     void setFlags(uint32_t symbol, Flag flag);
     void clear();
+    /// Changes with every change of a flag, and is never the same for two tables of the process:
+    /// an answer of `getFlags` kept with the version it was read under holds while the version
+    /// does. Any thread.
+    uint64_t version() const { return m_version.load(std::memory_order_acquire); }
 
   private:
+    static uint64_t nextVersion();
+
     mutable Bastion::SharedMutex m_lock;
+    std::atomic<uint64_t> m_version{nextVersion()};
     std::unordered_map<uint32_t, Flag> m_flags BASTION_GUARDED_BY(m_lock);
   };
 }

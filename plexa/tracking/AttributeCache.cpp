@@ -10,6 +10,8 @@ namespace Plexa
     {
       Bastion::WriteGuard lock(m_lock);
       const auto added = m_bySymbol.insert(symbol, attribute);
+      if (added.second)
+        m_version.store(nextVersion(), std::memory_order_release);
       if (added.second || *added.first == attribute)
         return true;
     }
@@ -26,11 +28,18 @@ namespace Plexa
       Bastion::WriteGuard lock(m_lock);
       if (m_bySymbol.erase(symbol)) {
         m_nodeSymbols.erase(symbol);
+        m_version.store(nextVersion(), std::memory_order_release);
         return true;
       }
     }
     Bastion::error("AttributeCache::remove # Trying to remove missing symbol: %u", symbol);
     return false;
+  }
+
+  uint64_t AttributeCache::nextVersion()
+  {
+    static std::atomic<uint64_t> last{0};
+    return ++last;
   }
 
   Carafe::Attribute* AttributeCache::find(uint32_t symbol) const

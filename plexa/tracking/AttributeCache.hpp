@@ -3,6 +3,7 @@
 #include "bastion/FlatHash.hpp"
 #include "bastion/SharedMutex.hpp"
 
+#include <atomic>
 #include <cstdint>
 
 namespace Carafe
@@ -31,9 +32,16 @@ namespace Plexa
     Carafe::Attribute* find(uint32_t symbol) const;
     bool isNode(uint32_t symbol) const;
     void setIsNode(uint32_t symbol, bool isNode);
+    /// Changes with every symbol added or removed, and is never the same for two caches of the
+    /// process: an answer of `find` kept with the version it was read under holds while the
+    /// version does. Any thread.
+    uint64_t version() const { return m_version.load(std::memory_order_acquire); }
 
   private:
+    static uint64_t nextVersion();
+
     mutable Bastion::SharedMutex m_lock;
+    std::atomic<uint64_t> m_version{nextVersion()};
     // Flat tables: every attribute of the tree has an entry.
     Bastion::FlatHash<uint32_t, bool> m_nodeSymbols BASTION_GUARDED_BY(m_lock);
     Bastion::FlatHash<uint32_t, Carafe::Attribute*> m_bySymbol BASTION_GUARDED_BY(m_lock);
