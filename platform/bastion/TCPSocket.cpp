@@ -28,18 +28,8 @@ namespace Bastion
     /// at its end.
     constexpr int SendChunkSize = 256 * 1024;
 
-    /// Receive buffer size, for small reads (a line read a byte at a time, say).
+    /// Receive buffer size; reads at least this large go straight into the caller's buffer.
     constexpr int ReceiveBufferSize = 64 * 1024;
-
-    /// A read that still wants at least this many bytes once the buffer is empty receives them
-    /// straight into the caller's memory, to its end: copying a block out of the buffer costs
-    /// about as much as receiving it.
-    constexpr int DirectReadSize = 4096;
-
-    /// The first fill of the buffer after such a read takes at most this many bytes. What follows
-    /// a block is most often the line that announces the next one (a file part's header, say); a
-    /// full fill would pull most of the next block into the buffer, only to be copied out again.
-    constexpr int FillAfterDirectSize = 512;
 
     /// A descriptor that is closed when the last user lets go of it, so a call still inside
     /// recv/send on another thread never sees its number reused.
@@ -102,8 +92,6 @@ namespace Bastion
     std::vector<char> buffer;
     int bufferPos = 0;
     int bufferEnd = 0;
-    /// The last read went straight into the caller's memory (see FillAfterDirectSize).
-    bool afterDirect = false;
 
     Descriptor current() const
     {
@@ -121,7 +109,6 @@ namespace Bastion
         getnameinfo(reinterpret_cast<sockaddr*>(&addr), len, host, sizeof(host), serv, sizeof(serv),
                     NI_NUMERICHOST | NI_NUMERICSERV);
       bufferPos = bufferEnd = 0;
-      afterDirect = false;
       Guard g(mutex);
       connected = fd;
       peerAddress = host;
@@ -256,29 +243,22 @@ namespace Bastion
     const int timeoutMs = readTimeout();
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     const int flags = timeoutMs > 0 ? MSG_DONTWAIT : 0;
-    // Not MSG_WAITALL: the received-byte count must advance as bytes come, or a block on a slow
-    // link would look like a silent peer to the keep-alive.
-    const bool direct = size - done >= DirectReadSize;
     while (done < size) {
       const int want = size - done;
       ssize_t n;
-      if (direct) {
+      if (want >= ReceiveBufferSize) {
         n = ::recv(*fd, out + done, size_t(want), flags);
-        m_d->afterDirect = true;
       } else {
         if (m_d->buffer.empty())
           m_d->buffer.resize(ReceiveBufferSize);
-        const int fill = m_d->afterDirect ? FillAfterDirectSize : ReceiveBufferSize;
-        n = ::recv(*fd, m_d->buffer.data(), size_t(fill), flags);
+        n = ::recv(*fd, m_d->buffer.data(), ReceiveBufferSize, flags);
         if (n > 0) {
-          m_d->afterDirect = false;
           const int take = std::min(want, int(n));
           std::memcpy(out + done, m_d->buffer.data(), size_t(take));
           m_d->bufferPos = take;
           m_d->bufferEnd = int(n);
           done += take;
           m_rxBytes.fetch_add(uint64_t(n), std::memory_order_relaxed);
-          m_bufferedBytes.fetch_add(uint64_t(n), std::memory_order_relaxed);
           continue;
         }
       }

@@ -37,8 +37,7 @@ namespace Bastion
 
     /// Blocks until `size` bytes were read into `buf`. Returns `size`, or fewer when the peer
     /// ended the stream, on error, on read timeout or when the socket was closed. `size` <= 0
-    /// returns 0. Small reads are buffered, so they rarely cost a system call; large ones (a few
-    /// KiB and more) are received straight into `buf`.
+    /// returns 0. Reads are buffered, so small reads rarely cost a system call.
     int read(void* buf, int size);
     /// Blocks until all `size` bytes were written; returns the count written (less = failure).
     /// Never raises SIGPIPE.
@@ -54,9 +53,6 @@ namespace Bastion
 
     uint64_t bytesReceived() const { return m_rxBytes.load(std::memory_order_relaxed); }
     uint64_t bytesSent() const { return m_txBytes.load(std::memory_order_relaxed); }
-    /// Of `bytesReceived()`, those that went through the socket's own buffer (and were copied out
-    /// of it) instead of straight into a caller's memory.
-    uint64_t bytesBuffered() const { return m_bufferedBytes.load(std::memory_order_relaxed); }
 
     /// Limits of one whole `read()` / `write()` call in milliseconds; 0 = none. A call that runs
     /// out of time fails like an error (returns the bytes moved so far) and the socket stays open.
@@ -77,7 +73,6 @@ namespace Bastion
     std::unique_ptr<D> m_d;
     std::atomic<uint64_t> m_rxBytes{0};
     std::atomic<uint64_t> m_txBytes{0};
-    std::atomic<uint64_t> m_bufferedBytes{0};
     std::atomic<int> m_readTimeoutMs{0};
     std::atomic<int> m_writeTimeoutMs{0};
   };
